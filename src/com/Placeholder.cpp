@@ -1,0 +1,1 @@
+// Replaced by the COM kit sources.

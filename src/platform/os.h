@@ -1,0 +1,396 @@
+// The platform layer: the only code that calls the operating system.
+//
+// Everything above this header is one source for Windows and Linux. win32/*.cpp implements it with
+// the Win32 API, posix/*.cpp with POSIX calls giving the same results: the same Win32 error codes
+// (read with NSPlatform::GetLastError after a failure) and the same HRESULTs (0x80070000 | code).
+// Functions that return HRESULT also leave the Win32 code in the thread's last-error value.
+//
+// Names avoid the Win32 names that <windows.h> turns into A/W macros (CreateDirectory, DeleteFile...).
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/wintypes.h"
+
+namespace NSPlatform {
+
+// ---------------------------------------------------------------------------------------------
+// Errors
+// ---------------------------------------------------------------------------------------------
+
+// The calling thread's last Win32 error (GetLastError/SetLastError on Windows, a thread-local on
+// Linux, where the platform functions set it as Win32 would).
+DWORD GetLastError();
+void SetLastError(DWORD dwError);
+
+// The HRESULT of the thread's last error; E_FAIL when the last error is 0, so that a failure
+// is never reported as success.
+HRESULT HResultFromLastError();
+
+// ---------------------------------------------------------------------------------------------
+// Text
+// ---------------------------------------------------------------------------------------------
+
+// Conversions at the edges (POSIX system calls, log formatting). Invalid sequences become U+FFFD.
+std::string WideToUtf8(WStringView str);
+WString Utf8ToWide(std::string_view str);
+// Length of a zero-terminated wide string.
+size_t WideLength(const WCHAR* psz);
+
+// ---------------------------------------------------------------------------------------------
+// Files
+// ---------------------------------------------------------------------------------------------
+
+// A buffer of a gathered write.
+struct SIoBuffer {
+  const void* pv;
+  DWORD cb;
+};
+
+// An open file. Access, share, creation and flag words take the Win32 constants (GENERIC_READ,
+// FILE_SHARE_READ, OPEN_ALWAYS, FILE_FLAG_WRITE_THROUGH, FILE_FLAG_DELETE_ON_CLOSE...). Share modes
+// are honoured between opens of one process on Linux too: a conflicting open, or a delete of a file
+// open without FILE_SHARE_DELETE, fails with ERROR_SHARING_VIOLATION. A read-only file
+// (FILE_ATTRIBUTE_READONLY) refuses writers and deletion with ERROR_ACCESS_DENIED on both platforms,
+// whatever the user's privileges. Not thread-safe: one owner uses it at a time, except ReadAt and
+// WriteAt, which may run concurrently on one object.
+class CFile {
+ public:
+  CFile();
+  ~CFile();
+  CFile(CFile&& other) noexcept;
+  CFile& operator=(CFile&& other) noexcept;
+  CFile(const CFile&) = delete;
+  CFile& operator=(const CFile&) = delete;
+
+  // Opens or creates. *pbExisted (optional) tells whether the file was there before (the Win32
+  // ERROR_ALREADY_EXISTS of OPEN_ALWAYS/CREATE_ALWAYS). A missing file is ERROR_FILE_NOT_FOUND, a
+  // missing directory on the way ERROR_PATH_NOT_FOUND, CREATE_NEW of an existing file
+  // ERROR_FILE_EXISTS, a directory opened as a file ERROR_ACCESS_DENIED.
+  HRESULT Open(const WCHAR* pszPath, DWORD dwAccess, DWORD dwShare, DWORD dwCreation, DWORD dwFlagsAndAttributes,
+               bool* pbExisted = nullptr);
+  bool IsOpen() const;
+  // Closes the handle; safe to call when not open. A delete-on-close file disappears with it.
+  void Close();
+  const WString& GetPath() const { return m_strPath; }
+
+  // At the current position, which moves by the count transferred. A read at or past the end of
+  // the file succeeds with *pcbRead 0.
+  HRESULT Read(void* pv, DWORD cb, DWORD* pcbRead);
+  HRESULT Write(const void* pv, DWORD cb, DWORD* pcbWritten);
+  // Writes the buffers one after the other at the current position with as few system calls as the
+  // platform allows (one on Linux). *pcbWritten is the total written.
+  HRESULT WriteGather(const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pcbWritten);
+  // At an offset; the current position is not used (and on Linux not changed).
+  HRESULT ReadAt(ULONGLONG ullOffset, void* pv, DWORD cb, DWORD* pcbRead);
+  HRESULT WriteAt(ULONGLONG ullOffset, const void* pv, DWORD cb, DWORD* pcbWritten);
+
+  // dwMethod: FILE_BEGIN, FILE_CURRENT, FILE_END. A negative resulting position is
+  // ERROR_NEGATIVE_SEEK. pullNewPosition is optional.
+  HRESULT Seek(LONGLONG llDistance, DWORD dwMethod, ULONGLONG* pullNewPosition);
+  HRESULT GetSize(ULONGLONG* pullSize) const;
+  // Cuts or extends the file at the current position.
+  HRESULT SetEndOfFile();
+  // Writes the file's buffers through to the device.
+  HRESULT Flush();
+  // Byte-range locks, exclusive, not waiting: a range held through another open of the file
+  // is ERROR_LOCK_VIOLATION; unlocking a range not locked is ERROR_NOT_LOCKED.
+  HRESULT LockRange(ULONGLONG ullOffset, ULONGLONG cb);
+  HRESULT UnlockRange(ULONGLONG ullOffset, ULONGLONG cb);
+
+  // The OS handle (HANDLE on Windows, the descriptor cast to intptr_t on Linux); for the mapping.
+  intptr_t NativeHandle() const { return m_hNative; }
+
+ private:
+  intptr_t m_hNative;
+  DWORD m_dwAccess = 0;
+  WString m_strPath;
+  void* m_pShareEntry = nullptr;  // Linux: this open's entry in the process-wide share table
+};
+
+// A read-write mapping of a whole file, at its size when mapped. An empty file cannot be mapped
+// (ERROR_FILE_INVALID, as Windows answers). The file must be open for reading and writing.
+class CFileMapping {
+ public:
+  CFileMapping();
+  ~CFileMapping();
+  CFileMapping(const CFileMapping&) = delete;
+  CFileMapping& operator=(const CFileMapping&) = delete;
+
+  HRESULT Map(const CFile& file);
+  bool IsMapped() const { return m_pView != nullptr; }
+  void* GetView() const { return m_pView; }
+  ULONGLONG GetSize() const { return m_ullSize; }
+  // Writes the view's dirty pages to the file (FlushViewOfFile / msync).
+  HRESULT Flush();
+  void Unmap();
+
+ private:
+  void* m_pView;
+  ULONGLONG m_ullSize;
+  intptr_t m_hMapping;  // Windows: the mapping object
+};
+
+// Deletes a file (not a directory). A read-only file: ERROR_ACCESS_DENIED.
+HRESULT RemoveFile(const WCHAR* pszPath);
+// Renames a file or directory, replacing an existing destination file.
+HRESULT RenameFile(const WCHAR* pszFrom, const WCHAR* pszTo);
+// The directory for temporary files, with a trailing separator.
+HRESULT GetTempDirectory(WString* pstrDirectory);
+// Creates a new empty file with a unique name in pszDirectory (GetTempFileNameW: prefix, then a
+// hexadecimal number, ".tmp") and returns its full path.
+HRESULT CreateTempFile(const WCHAR* pszDirectory, const WCHAR* pszPrefix, WString* pstrPath);
+
+// FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_NORMAL (a file with neither).
+HRESULT GetAttributes(const WCHAR* pszPath, DWORD* pdwAttributes);
+// Only FILE_ATTRIBUTE_READONLY has an effect on Linux (the owner's write permission).
+HRESULT SetAttributes(const WCHAR* pszPath, DWORD dwAttributes);
+
+// ---------------------------------------------------------------------------------------------
+// Directories
+// ---------------------------------------------------------------------------------------------
+
+// One level; the parent must exist (else ERROR_PATH_NOT_FOUND); an existing path is
+// ERROR_ALREADY_EXISTS.
+HRESULT CreateDir(const WCHAR* pszPath);
+// With every missing parent (SHCreateDirectoryExW). An existing directory answers
+// HRESULT(ERROR_ALREADY_EXISTS), an existing file on the way ERROR_FILE_EXISTS or ERROR_PATH_NOT_FOUND.
+HRESULT CreateDirTree(const WCHAR* pszPath);
+// An empty directory. Not empty: ERROR_DIR_NOT_EMPTY; read-only: ERROR_ACCESS_DENIED.
+HRESULT RemoveDir(const WCHAR* pszPath);
+
+struct SDirEntry {
+  WString strName;  // name only
+  DWORD dwAttributes;
+  ULONGLONG ullSize;
+  FILETIME ftLastWrite;
+  bool IsDirectory() const { return (dwAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0; }
+};
+// The children of a directory, without "." and "..", sorted by name (ordinal, UTF-16 code units),
+// optionally only those whose name matches pszSpec (MatchSpec). A missing or non-directory path:
+// ERROR_PATH_NOT_FOUND or ERROR_DIRECTORY.
+HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, const WCHAR* pszSpec = nullptr);
+
+bool PathExists(const WCHAR* pszPath);
+bool IsDirectory(const WCHAR* pszPath);
+// True for an existing directory with no children (PathIsDirectoryEmptyW).
+bool IsDirectoryEmpty(const WCHAR* pszPath);
+// Copies a file or a directory tree (SHFileOperationW copy, silent). Copying a directory onto a
+// missing destination creates it with the source's contents; onto an existing directory, the source
+// directory is copied into it by name as the shell does.
+HRESULT CopyTree(const WCHAR* pszFrom, const WCHAR* pszTo);
+
+// ---------------------------------------------------------------------------------------------
+// Paths (Windows: '\'; Linux: '/')
+// ---------------------------------------------------------------------------------------------
+
+#ifdef _WIN32
+constexpr WCHAR chPathSeparator = L'\\';
+#else
+constexpr WCHAR chPathSeparator = u'/';
+#endif
+bool IsPathSeparator(WCHAR ch);
+// Removes "." segments and resolves ".." against the segment before it (PathCanonicalizeW); does
+// not touch the file system. ".." above the root stays at the root.
+WString CanonicalizePath(WStringView strPath);
+// Joins with exactly one separator; an absolute pszMore replaces pszDirectory; the result is
+// canonicalised (PathCombineW).
+WString CombinePath(WStringView strDirectory, WStringView strMore);
+// Appends a separator if the path has none at its end (PathAddBackslashW).
+WString AddTrailingSeparator(WStringView strPath);
+// Wildcard match of a name (not a path) with '*' and '?', case-insensitive as PathMatchSpecW;
+// several specs may be separated by ';'; "*.*" matches every name, including names with no dot.
+bool MatchSpec(const WCHAR* pszName, const WCHAR* pszSpec);
+// Absolute path of a possibly relative one, canonicalised (GetFullPathNameW).
+HRESULT GetFullPath(const WCHAR* pszPath, WString* pstrFull);
+// The form under which two paths name the same object: lower-cased on Windows, where names are
+// case-insensitive; unchanged on Linux.
+WString FoldPathCase(WStringView strPath);
+
+// ---------------------------------------------------------------------------------------------
+// Volume
+// ---------------------------------------------------------------------------------------------
+
+// GetDiskFreeSpaceExW for the volume holding pszPath (which must exist). Any pointer may be null.
+HRESULT GetFreeDiskSpace(const WCHAR* pszPath, ULONGLONG* pullFreeToCaller, ULONGLONG* pullTotal,
+                         ULONGLONG* pullTotalFree);
+
+// ---------------------------------------------------------------------------------------------
+// Time
+// ---------------------------------------------------------------------------------------------
+
+void GetUtcFileTime(FILETIME* pft);
+void GetUtcSystemTime(SYSTEMTIME* pst);
+// With the Windows rules of validity: years 1601 to 30827, months 1-12, days of the month
+// (leap years), hours < 24, minutes and seconds < 60, milliseconds < 1000; wDayOfWeek is ignored.
+// Invalid input: false and ERROR_INVALID_PARAMETER.
+bool SysTimeToFileTime(const SYSTEMTIME* pst, FILETIME* pft);
+// Fails (false, ERROR_INVALID_PARAMETER) for values with the top bit set; fills wDayOfWeek.
+bool FileTimeToSysTime(const FILETIME* pft, SYSTEMTIME* pst);
+ULONGLONG GetTickCount64();
+bool QueryPerfCounter(LONGLONG* pllCount);
+bool QueryPerfFrequency(LONGLONG* pllFrequency);
+void SleepMs(DWORD dwMilliseconds);
+
+// The same conversions computed by arithmetic alone: what Linux uses, compiled on both platforms so
+// tests can hold the two implementations against each other.
+namespace NPortable {
+bool SysTimeToFileTime(const SYSTEMTIME* pst, FILETIME* pft);
+bool FileTimeToSysTime(const FILETIME* pft, SYSTEMTIME* pst);
+}  // namespace NPortable
+
+inline ULONGLONG FileTimeToU64(const FILETIME& ft) {
+  return (static_cast<ULONGLONG>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
+}
+inline FILETIME U64ToFileTime(ULONGLONG ull) {
+  FILETIME ft;
+  ft.dwLowDateTime = static_cast<DWORD>(ull);
+  ft.dwHighDateTime = static_cast<DWORD>(ull >> 32);
+  return ft;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Machine-wide settings
+// ---------------------------------------------------------------------------------------------
+
+// A 32-bit value of the machine: on Windows the REG_DWORD pszValue under HKEY_LOCAL_MACHINE\pszKey;
+// on Linux the decimal number in the file <root>/<pszKey with '\' as '/'>/<pszValue>, where root
+// is $KRONVALE_SETTINGS_ROOT or "/etc". Absent: ERROR_FILE_NOT_FOUND; not a 32-bit number:
+// ERROR_INVALID_DATA.
+HRESULT ReadMachineDword(const WCHAR* pszKey, const WCHAR* pszValue, DWORD* pdwValue);
+HRESULT WriteMachineDword(const WCHAR* pszKey, const WCHAR* pszValue, DWORD dwValue);
+HRESULT DeleteMachineValue(const WCHAR* pszKey, const WCHAR* pszValue);
+
+// ---------------------------------------------------------------------------------------------
+// Dynamic libraries
+// ---------------------------------------------------------------------------------------------
+
+// Loads a library by its Windows file name ("xmllog.dll"); Linux loads "libxmllog.so" (a name
+// ending in ".dll" becomes lib<stem>.so; other names are used as they are), searched as dlopen does
+// (the loading module's run path, LD_LIBRARY_PATH, the system). Missing: ERROR_MOD_NOT_FOUND.
+HRESULT LoadDynamicLibrary(const WCHAR* pszName, HMODULE* phModule);
+void* GetLibrarySymbol(HMODULE hModule, const char* pszName);
+void FreeDynamicLibrary(HMODULE hModule);
+
+// ---------------------------------------------------------------------------------------------
+// Threads and synchronisation
+// ---------------------------------------------------------------------------------------------
+
+DWORD GetCurrentThreadId();
+
+// A recursive lock, as a Win32 critical section, spinning dwSpinCount times before it waits.
+class COsCriticalSection {
+ public:
+  explicit COsCriticalSection(DWORD dwSpinCount = 0);
+  ~COsCriticalSection();
+  COsCriticalSection(const COsCriticalSection&) = delete;
+  COsCriticalSection& operator=(const COsCriticalSection&) = delete;
+  void Enter();
+  bool TryEnter();
+  void Leave();
+  DWORD GetSpinCount() const { return m_dwSpinCount; }
+
+ private:
+  DWORD m_dwSpinCount;
+  alignas(16) unsigned char m_storage[64];
+};
+
+// A Win32 event: manual or automatic reset.
+class COsEvent {
+ public:
+  COsEvent(bool bManualReset, bool bInitialState);
+  ~COsEvent();
+  COsEvent(const COsEvent&) = delete;
+  COsEvent& operator=(const COsEvent&) = delete;
+  bool IsValid() const;
+  void Set();
+  void Reset();
+  // WAIT_OBJECT_0 when signalled, WAIT_TIMEOUT, or WAIT_FAILED.
+  DWORD Wait(DWORD dwMilliseconds);
+
+ private:
+  void* m_pImpl;
+};
+
+// An OS thread running a function object; Join waits for it to end. Destroying a thread that was
+// started and not joined joins it.
+class COsThread {
+ public:
+  COsThread();
+  ~COsThread();
+  COsThread(const COsThread&) = delete;
+  COsThread& operator=(const COsThread&) = delete;
+  HRESULT Start(std::function<void()> fnBody);
+  bool IsStarted() const;
+  void Join();
+  bool SetAffinityMask(ULONGLONG ullMask);
+  // THREAD_PRIORITY_* values. Linux maps them to nice values where the process may; a refusal
+  // answers false and changes nothing.
+  bool SetPriority(int nPriority);
+  int GetPriority() const { return m_nPriority; }
+  DWORD GetId() const { return m_dwId; }
+
+ private:
+  void* m_pImpl;
+  int m_nPriority = THREAD_PRIORITY_NORMAL;
+  std::atomic<DWORD> m_dwId{0};
+};
+
+// The processors the process may run on (GetProcessAffinityMask); bit n is processor n.
+ULONGLONG GetProcessAffinityMask();
+// The processor mask of the calling thread (for tests of the affinity choice).
+ULONGLONG GetCurrentThreadAffinityMask();
+
+// timeBeginPeriod/timeEndPeriod (no-ops on Linux, whose timers are fine-grained). The count of
+// outstanding begin calls made through these functions is kept on both platforms.
+UINT TimeBeginPeriod(UINT uPeriod);
+UINT TimeEndPeriod(UINT uPeriod);
+LONG GetTimePeriodRequests();
+
+// ---------------------------------------------------------------------------------------------
+// Fault injection, for tests
+// ---------------------------------------------------------------------------------------------
+
+namespace NFault {
+
+enum class EOp { Open, Read, Write, Flush, Directory };
+
+// A rule fails the Nth matching call (counted from 1 after Arm) of an operation with dwError; with
+// bSticky every matching call from the Nth on fails. With cbShort >= 0 a Write is not failed but
+// made short: only cbShort bytes (at most the request) are written and the call succeeds reporting
+// them. strPathContains, when not empty, limits the rule to files or directories whose path
+// contains it. Directory operations are CreateDir, CreateDirTree, RemoveDir, ListDir, RemoveFile,
+// RenameFile, SetAttributes.
+struct SRule {
+  EOp eOp = EOp::Write;
+  unsigned nNth = 1;
+  DWORD dwError = ERROR_DISK_FULL;
+  bool bSticky = false;
+  LONG cbShort = -1;
+  WString strPathContains;
+};
+
+// Replaces every rule of the operation (one rule per operation at a time).
+void Arm(const SRule& rule);
+void Disarm(EOp eOp);
+// Removes every rule and the free-space override.
+void Reset();
+// How many calls of the operation the seam has seen since the last Arm or Reset of it.
+unsigned GetCallCount(EOp eOp);
+// Makes GetFreeDiskSpace report ullFree bytes free (to caller and in total) for every volume.
+void OverrideFreeSpace(ULONGLONG ullFree);
+void ClearFreeSpaceOverride();
+
+// Used by the platform implementations. Answers true when the call must fail, with the error in
+// *pdwError; for a write that must be short, answers false and lowers *pcb.
+bool Intercept(EOp eOp, const WString& strPath, DWORD* pcb, DWORD* pdwError);
+bool GetFreeSpaceOverride(ULONGLONG* pullFree);
+
+}  // namespace NFault
+
+}  // namespace NSPlatform

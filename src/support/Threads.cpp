@@ -1,0 +1,1 @@
+// Threads and locks: filled in below.
