@@ -32,6 +32,11 @@ void SetLastError(DWORD dwError);
 // is never reported as success.
 HRESULT HResultFromLastError();
 
+// The system's message text for an HRESULT, without a trailing line break; empty when the system
+// has none (Windows: FormatMessageW; Linux: the text of the matching Win32 error for
+// 0x8007xxxx values and of the common COM codes).
+WString GetSystemErrorText(HRESULT hr);
+
 // ---------------------------------------------------------------------------------------------
 // Text
 // ---------------------------------------------------------------------------------------------

@@ -1,0 +1,94 @@
+// The fault-injection seam. Every file, read, write, flush and directory call of both platform
+// implementations asks Intercept first; with no rule armed that costs one atomic increment and one
+// atomic load, so the seam stays in release builds.
+#include <mutex>
+
+#include "platform/os.h"
+
+namespace NSPlatform {
+namespace NFault {
+
+namespace {
+
+constexpr size_t cOps = static_cast<size_t>(EOp::Directory) + 1;
+
+struct SOpState {
+  std::atomic<unsigned> nCalls{0};  // every call seen, for GetCallCount
+  std::atomic<bool> bArmed{false};  // lets Intercept skip the lock while no rule is set
+  SRule rule;                       // guarded by g_mutex
+  unsigned nMatches = 0;            // calls the rule's path filter accepted; guarded by g_mutex
+};
+
+std::mutex g_mutex;
+SOpState g_aOps[cOps];
+std::atomic<bool> g_bFreeSpaceOverridden{false};
+std::atomic<ULONGLONG> g_ullFreeSpace{0};
+
+SOpState& StateOf(EOp eOp) { return g_aOps[static_cast<size_t>(eOp)]; }
+
+}  // namespace
+
+void Arm(const SRule& rule) {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  SOpState& state = StateOf(rule.eOp);
+  state.rule = rule;
+  state.nMatches = 0;
+  state.nCalls = 0;
+  state.bArmed = true;
+}
+
+void Disarm(EOp eOp) {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  SOpState& state = StateOf(eOp);
+  state.bArmed = false;
+  state.rule = SRule();
+  state.nMatches = 0;
+}
+
+void Reset() {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  for (SOpState& state : g_aOps) {
+    state.bArmed = false;
+    state.rule = SRule();
+    state.nMatches = 0;
+    state.nCalls = 0;
+  }
+  g_bFreeSpaceOverridden = false;
+}
+
+unsigned GetCallCount(EOp eOp) { return StateOf(eOp).nCalls.load(); }
+
+void OverrideFreeSpace(ULONGLONG ullFree) {
+  g_ullFreeSpace = ullFree;
+  g_bFreeSpaceOverridden = true;
+}
+
+void ClearFreeSpaceOverride() { g_bFreeSpaceOverridden = false; }
+
+bool Intercept(EOp eOp, const WString& strPath, DWORD* pcb, DWORD* pdwError) {
+  SOpState& state = StateOf(eOp);
+  state.nCalls.fetch_add(1);
+  if (!state.bArmed.load()) return false;
+
+  std::lock_guard<std::mutex> lock(g_mutex);
+  if (!state.bArmed) return false;
+  const SRule& rule = state.rule;
+  if (!rule.strPathContains.empty() && strPath.find(rule.strPathContains) == WString::npos) return false;
+  const unsigned nMatch = ++state.nMatches;
+  if (nMatch < rule.nNth || (nMatch > rule.nNth && !rule.bSticky)) return false;
+  if (rule.cbShort >= 0 && eOp == EOp::Write) {
+    if (pcb && static_cast<DWORD>(rule.cbShort) < *pcb) *pcb = static_cast<DWORD>(rule.cbShort);
+    return false;
+  }
+  if (pdwError) *pdwError = rule.dwError;
+  return true;
+}
+
+bool GetFreeSpaceOverride(ULONGLONG* pullFree) {
+  if (!g_bFreeSpaceOverridden.load()) return false;
+  if (pullFree) *pullFree = g_ullFreeSpace.load();
+  return true;
+}
+
+}  // namespace NFault
+}  // namespace NSPlatform

@@ -1,0 +1,84 @@
+// Clocks on POSIX. Wall-clock time is UTC from CLOCK_REALTIME; tick counts and the performance
+// counter come from CLOCK_MONOTONIC, which, like QueryPerformanceCounter, never steps back.
+#include <errno.h>
+#include <sched.h>
+#include <time.h>
+
+#include "platform/posix/Errno.h"
+
+namespace NSPlatform {
+
+namespace {
+
+constexpr LONGLONG llSeconds1601To1970 = 11644473600LL;
+constexpr LONGLONG llNanosecondsPerSecond = 1000000000LL;
+
+timespec Now(clockid_t clock) {
+  timespec ts{};
+  ::clock_gettime(clock, &ts);
+  return ts;
+}
+
+}  // namespace
+
+FILETIME NPosix::FileTimeFromUnix(int64_t llSeconds, long lNanoseconds) {
+  const LONGLONG llSince1601 = llSeconds + llSeconds1601To1970;
+  if (llSince1601 < 0) return U64ToFileTime(0);
+  return U64ToFileTime(static_cast<ULONGLONG>(llSince1601) * 10000000ULL + static_cast<ULONGLONG>(lNanoseconds) / 100);
+}
+
+void GetUtcFileTime(FILETIME* pft) {
+  const timespec ts = Now(CLOCK_REALTIME);
+  *pft = NPosix::FileTimeFromUnix(ts.tv_sec, ts.tv_nsec);
+}
+
+void GetUtcSystemTime(SYSTEMTIME* pst) {
+  FILETIME ft;
+  GetUtcFileTime(&ft);
+  NPortable::FileTimeToSysTime(&ft, pst);
+}
+
+bool SysTimeToFileTime(const SYSTEMTIME* pst, FILETIME* pft) { return NPortable::SysTimeToFileTime(pst, pft); }
+
+bool FileTimeToSysTime(const FILETIME* pft, SYSTEMTIME* pst) { return NPortable::FileTimeToSysTime(pft, pst); }
+
+ULONGLONG GetTickCount64() {
+  const timespec ts = Now(CLOCK_MONOTONIC);
+  return static_cast<ULONGLONG>(ts.tv_sec) * 1000 + static_cast<ULONGLONG>(ts.tv_nsec) / 1000000;
+}
+
+bool QueryPerfCounter(LONGLONG* pllCount) {
+  if (!pllCount) {
+    SetLastError(ERROR_NOACCESS);
+    return false;
+  }
+  const timespec ts = Now(CLOCK_MONOTONIC);
+  *pllCount = static_cast<LONGLONG>(ts.tv_sec) * llNanosecondsPerSecond + ts.tv_nsec;
+  return true;
+}
+
+bool QueryPerfFrequency(LONGLONG* pllFrequency) {
+  if (!pllFrequency) {
+    SetLastError(ERROR_NOACCESS);
+    return false;
+  }
+  *pllFrequency = llNanosecondsPerSecond;
+  return true;
+}
+
+void SleepMs(DWORD dwMilliseconds) {
+  if (dwMilliseconds == 0) {
+    ::sched_yield();
+    return;
+  }
+  // Sleep(INFINITE) never returns; a very long sleep in slices gives the same.
+  for (;;) {
+    const DWORD dwSlice = dwMilliseconds == INFINITE ? 86400000u : dwMilliseconds;
+    timespec ts{static_cast<time_t>(dwSlice / 1000), static_cast<long>(dwSlice % 1000) * 1000000L};
+    while (::nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
+    if (dwMilliseconds != INFINITE) return;
+  }
+}
+
+}  // namespace NSPlatform

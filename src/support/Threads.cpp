@@ -1,1 +1,0 @@
-// Threads and locks: filled in below.
