@@ -1,0 +1,35 @@
+// Free space of a volume on Windows.
+
+#include "platform/os.h"
+#include "platform/win32/Win32Util.h"
+
+namespace NSPlatform {
+
+HRESULT GetFreeDiskSpace(const WCHAR* pszPath, ULONGLONG* pullFreeToCaller, ULONGLONG* pullTotal,
+                         ULONGLONG* pullTotalFree) {
+  ULARGE_INTEGER uliFreeToCaller;
+  ULARGE_INTEGER uliTotal;
+  ULARGE_INTEGER uliTotalFree;
+  if (!::GetDiskFreeSpaceExW(pszPath, &uliFreeToCaller, &uliTotal, &uliTotalFree)) {
+    return NWin32::FailLast();
+  }
+  // A test's override stands for the free space only: the path must still name a volume, and the
+  // volume's size is the real one.
+  ULONGLONG ullOverride = 0;
+  if (NFault::GetFreeSpaceOverride(&ullOverride)) {
+    uliFreeToCaller.QuadPart = ullOverride;
+    uliTotalFree.QuadPart = ullOverride;
+  }
+  if (pullFreeToCaller != nullptr) {
+    *pullFreeToCaller = uliFreeToCaller.QuadPart;
+  }
+  if (pullTotal != nullptr) {
+    *pullTotal = uliTotal.QuadPart;
+  }
+  if (pullTotalFree != nullptr) {
+    *pullTotalFree = uliTotalFree.QuadPart;
+  }
+  return S_OK;
+}
+
+}  // namespace NSPlatform
