@@ -138,7 +138,8 @@ class CFileMapping {
  private:
   void* m_pView;
   ULONGLONG m_ullSize;
-  intptr_t m_hMapping;  // Windows: the mapping object
+  intptr_t m_hMapping;  // Windows: the mapping object; unused on Linux
+  WString m_strPath;    // the mapped file, for the fault seam's path rules
 };
 
 // Deletes a file (not a directory). A read-only file: ERROR_ACCESS_DENIED.
@@ -276,8 +277,9 @@ HRESULT DeleteMachineValue(const WCHAR* pszKey, const WCHAR* pszValue);
 // ---------------------------------------------------------------------------------------------
 
 // Loads a library by its Windows file name ("xmllog.dll"); Linux loads "libxmllog.so" (a name
-// ending in ".dll" becomes lib<stem>.so; other names are used as they are), searched as dlopen does
-// (the loading module's run path, LD_LIBRARY_PATH, the system). Missing: ERROR_MOD_NOT_FOUND.
+// ending in ".dll" becomes lib<stem>.so; other names are used as they are), looked for first in the
+// program's own directory, as Windows does, then as dlopen searches (the loading module's run path,
+// LD_LIBRARY_PATH, the system). Missing: ERROR_MOD_NOT_FOUND.
 HRESULT LoadDynamicLibrary(const WCHAR* pszName, HMODULE* phModule);
 void* GetLibrarySymbol(HMODULE hModule, const char* pszName);
 void FreeDynamicLibrary(HMODULE hModule);

@@ -227,7 +227,7 @@ TEST(Thread, StartResetsTheStopEventAndBindsOneProcessorAtAboveNormalPriority) {
 
 TEST(Thread, TimerResolutionIsRaisedWhileRunningUnlessTheOwnerSaysNot) {
   const LONG nBefore = NSPlatform::GetTimePeriodRequests();
-  for (DWORD dwFlags : {0u, static_cast<DWORD>(kThreadKeepTimerResolution)}) {
+  for (DWORD dwFlags : std::initializer_list<DWORD>{0, kThreadKeepTimerResolution}) {
     auto pThread = CThread::Create(dwFlags);
     std::atomic<LONG> nDuring{-1};
     ASSERT_EQ(S_OK, pThread->Start([&] { nDuring = NSPlatform::GetTimePeriodRequests(); }));

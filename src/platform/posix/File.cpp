@@ -468,8 +468,7 @@ HRESULT CFile::UnlockRange(ULONGLONG ullOffset, ULONGLONG cb) {
 }
 
 // ---------------------------------------------------------------------------------------------
-// CFileMapping. On Linux m_hMapping holds a heap copy of the file's path, for the fault seam's
-// path filter on Flush; there is no mapping object to keep.
+// CFileMapping. Linux has no mapping object to keep: m_hMapping stays 0.
 // ---------------------------------------------------------------------------------------------
 
 CFileMapping::CFileMapping() : m_pView(nullptr), m_ullSize(0), m_hMapping(0) {}
@@ -488,24 +487,23 @@ HRESULT CFileMapping::Map(const CFile& file) {
   if (pView == MAP_FAILED) return FailErrno(errno);
   m_pView = pView;
   m_ullSize = ullSize;
-  m_hMapping = reinterpret_cast<intptr_t>(new WString(file.GetPath()));
+  m_strPath = file.GetPath();
   return S_OK;
 }
 
 HRESULT CFileMapping::Flush() {
   if (!m_pView) return Fail(ERROR_INVALID_HANDLE);
   HRESULT hr;
-  if (Injected(NFault::EOp::Flush, *reinterpret_cast<WString*>(m_hMapping), nullptr, &hr)) return hr;
+  if (Injected(NFault::EOp::Flush, m_strPath, nullptr, &hr)) return hr;
   if (::msync(m_pView, static_cast<size_t>(m_ullSize), MS_SYNC) != 0) return FailErrno(errno);
   return S_OK;
 }
 
 void CFileMapping::Unmap() {
   if (m_pView) ::munmap(m_pView, static_cast<size_t>(m_ullSize));
-  delete reinterpret_cast<WString*>(m_hMapping);
   m_pView = nullptr;
   m_ullSize = 0;
-  m_hMapping = 0;
+  m_strPath.clear();
 }
 
 // ---------------------------------------------------------------------------------------------

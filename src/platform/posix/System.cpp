@@ -93,6 +93,15 @@ std::string SharedObjectName(const WCHAR* pszName) {
   return strName;
 }
 
+std::string ExecutableDirectory() {
+  char szPath[4096];
+  ssize_t cch = readlink("/proc/self/exe", szPath, sizeof(szPath) - 1);
+  if (cch <= 0) return std::string();
+  std::string strPath(szPath, static_cast<size_t>(cch));
+  size_t nSlash = strPath.rfind('/');
+  return nSlash == std::string::npos ? std::string() : strPath.substr(0, nSlash);
+}
+
 std::string MachineSettingDir(const WCHAR* pszKey) {
   const char* pszRoot = std::getenv("KRONVALE_SETTINGS_ROOT");
   std::string strDir = (pszRoot && *pszRoot) ? pszRoot : "/etc";
@@ -125,7 +134,15 @@ WString GetSystemErrorText(HRESULT hr) {
 
 HRESULT LoadDynamicLibrary(const WCHAR* pszName, HMODULE* phModule) {
   *phModule = nullptr;
-  void* pHandle = dlopen(SharedObjectName(pszName).c_str(), RTLD_NOW | RTLD_LOCAL);
+  const std::string strName = SharedObjectName(pszName);
+  void* pHandle = nullptr;
+  // The program's own directory first, as LoadLibraryW searches it first; then dlopen's own search
+  // (the caller's run path, LD_LIBRARY_PATH, the system).
+  if (strName.find('/') == std::string::npos) {
+    std::string strExeDir = ExecutableDirectory();
+    if (!strExeDir.empty()) pHandle = dlopen((strExeDir + "/" + strName).c_str(), RTLD_NOW | RTLD_LOCAL);
+  }
+  if (!pHandle) pHandle = dlopen(strName.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!pHandle) return Fail(ERROR_MOD_NOT_FOUND);
   *phModule = pHandle;
   return S_OK;

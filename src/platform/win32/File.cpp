@@ -7,8 +7,6 @@
 // Seek first.
 
 #include <algorithm>
-#include <map>
-#include <mutex>
 
 #include "platform/os.h"
 #include "platform/win32/Win32Util.h"
@@ -45,17 +43,6 @@ bool RefusesWriter(const WCHAR* pszPath, DWORD dwAccess, DWORD dwCreation, DWORD
   DWORD dwAttributes = ::GetFileAttributesW(pszPath);
   return dwAttributes != INVALID_FILE_ATTRIBUTES && (dwAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 &&
          (dwAttributes & FILE_ATTRIBUTE_READONLY) != 0;
-}
-
-// The file path of each mapping, so that a fault rule limited to a path can reach the mapping's
-// flush: CFileMapping keeps only the view. Guarded by its mutex.
-struct SMappingPaths {
-  std::mutex mutex;
-  std::map<const CFileMapping*, WString> mapPaths;
-};
-SMappingPaths& MappingPaths() {
-  static SMappingPaths s_paths;
-  return s_paths;
 }
 
 // A gathered write copies its buffers into this thread's staging buffer, so that the file sees one
@@ -404,11 +391,7 @@ HRESULT CFileMapping::Map(const CFile& file) {
     ::CloseHandle(hMapping);
     return FailWith(dwError != ERROR_SUCCESS ? dwError : ERROR_NOT_ENOUGH_MEMORY);
   }
-  {
-    SMappingPaths& paths = MappingPaths();
-    std::lock_guard<std::mutex> lock(paths.mutex);
-    paths.mapPaths[this] = file.GetPath();
-  }
+  m_strPath = file.GetPath();
   m_hMapping = reinterpret_cast<intptr_t>(hMapping);
   m_pView = pView;
   m_ullSize = ullSize;
@@ -416,17 +399,8 @@ HRESULT CFileMapping::Map(const CFile& file) {
 }
 
 HRESULT CFileMapping::Flush() {
-  WString strPath;
-  {
-    SMappingPaths& paths = MappingPaths();
-    std::lock_guard<std::mutex> lock(paths.mutex);
-    auto it = paths.mapPaths.find(this);
-    if (it != paths.mapPaths.end()) {
-      strPath = it->second;
-    }
-  }
   HRESULT hr = S_OK;
-  if (InterceptFailure(NFault::EOp::Flush, strPath, &hr)) {
+  if (InterceptFailure(NFault::EOp::Flush, m_strPath, &hr)) {
     return hr;
   }
   if (m_pView == nullptr) {
@@ -439,15 +413,13 @@ void CFileMapping::Unmap() {
   if (m_pView != nullptr) {
     ::UnmapViewOfFile(m_pView);
     m_pView = nullptr;
-    SMappingPaths& paths = MappingPaths();
-    std::lock_guard<std::mutex> lock(paths.mutex);
-    paths.mapPaths.erase(this);
   }
   if (m_hMapping != 0) {
     ::CloseHandle(reinterpret_cast<HANDLE>(m_hMapping));
     m_hMapping = 0;
   }
   m_ullSize = 0;
+  m_strPath.clear();
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -1,0 +1,262 @@
+// The COM base: GUID comparison and the system identifiers, BSTR layout, the task allocator and
+// CComBSTR. Under Wine the same tests run against the real oleaut32 and ole32, which holds the
+// Linux implementation to the real behaviour.
+#include <cstring>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "com/ComKit.h"
+
+using NSCom::CComBSTR;
+using NSCom::CComException;
+
+namespace {
+
+UINT PrefixOf(BSTR bstr) {
+  UINT cb;
+  std::memcpy(&cb, reinterpret_cast<const char*>(bstr) - sizeof(cb), sizeof(cb));
+  return cb;
+}
+
+constexpr GUID MakeGuid(uint32_t l, uint16_t w1, uint16_t w2, uint8_t b0, uint8_t b7) {
+  return GUID{l, w1, w2, {b0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, b7}};
+}
+
+}  // namespace
+
+TEST(ComGuid, EqualityComparesEveryField) {
+  const GUID guid = {0x12345678, 0x9ABC, 0xDEF0, {1, 2, 3, 4, 5, 6, 7, 8}};
+  GUID other = guid;
+  EXPECT_TRUE(IsEqualGUID(guid, other));
+  EXPECT_TRUE(IsEqualIID(guid, other));
+  EXPECT_TRUE(guid == other);
+  other.Data1 ^= 0x80000000u;
+  EXPECT_FALSE(IsEqualGUID(guid, other));
+  other = guid;
+  other.Data2 ^= 1;
+  EXPECT_FALSE(IsEqualGUID(guid, other));
+  other = guid;
+  other.Data3 ^= 0x8000;
+  EXPECT_FALSE(IsEqualGUID(guid, other));
+  other = guid;
+  other.Data4[7] ^= 1;
+  EXPECT_FALSE(IsEqualGUID(guid, other));
+  EXPECT_TRUE(guid != other);
+  EXPECT_FALSE(IsEqualGUID(guid, GUID_NULL));
+  EXPECT_EQ(16u, sizeof(GUID));
+  const GUID zero = {0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
+  EXPECT_TRUE(IsEqualGUID(zero, GUID_NULL));
+  EXPECT_TRUE(IsEqualIID(zero, IID_NULL));
+}
+
+TEST(ComGuid, UuidofGivesTheSystemIdentifiers) {
+  const GUID kIUnknown = MakeGuid(0x00000000, 0x0000, 0x0000, 0xC0, 0x46);
+  const GUID kIClassFactory = MakeGuid(0x00000001, 0x0000, 0x0000, 0xC0, 0x46);
+  const GUID kIMarshal = MakeGuid(0x00000003, 0x0000, 0x0000, 0xC0, 0x46);
+  const GUID kIStream = MakeGuid(0x0000000C, 0x0000, 0x0000, 0xC0, 0x46);
+  const GUID kISequentialStream = {0x0C733A30, 0x2A1C, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}};
+
+  EXPECT_TRUE(IsEqualIID(kIUnknown, __uuidof(IUnknown)));
+  EXPECT_TRUE(IsEqualIID(kIClassFactory, __uuidof(IClassFactory)));
+  EXPECT_TRUE(IsEqualIID(kIMarshal, __uuidof(IMarshal)));
+  EXPECT_TRUE(IsEqualIID(kIStream, __uuidof(IStream)));
+  EXPECT_TRUE(IsEqualIID(kISequentialStream, __uuidof(ISequentialStream)));
+  // The linkable identifiers agree with __uuidof.
+  EXPECT_TRUE(IsEqualIID(IID_IUnknown, __uuidof(IUnknown)));
+  EXPECT_TRUE(IsEqualIID(IID_IClassFactory, __uuidof(IClassFactory)));
+  EXPECT_TRUE(IsEqualIID(IID_IMarshal, __uuidof(IMarshal)));
+  EXPECT_TRUE(IsEqualIID(IID_IStream, __uuidof(IStream)));
+  EXPECT_TRUE(IsEqualIID(IID_ISequentialStream, __uuidof(ISequentialStream)));
+  // __uuidof takes an expression too, also of pointer type.
+  IStream* pStream = nullptr;
+  EXPECT_TRUE(IsEqualIID(kIStream, __uuidof(pStream)));
+  EXPECT_TRUE(IsEqualIID(kIStream, __uuidof(IStream*)));
+}
+
+TEST(ComBstr, LayoutHasByteLengthPrefixAndZeroTerminator) {
+  BSTR bstr = SysAllocString(KV_W("abc"));
+  ASSERT_NE(nullptr, bstr);
+  EXPECT_EQ(6u, PrefixOf(bstr));
+  EXPECT_EQ(3u, SysStringLen(bstr));
+  EXPECT_EQ(6u, SysStringByteLen(bstr));
+  EXPECT_EQ(WString(KV_W("abc")), WString(bstr, 3));
+  EXPECT_EQ(0, bstr[3]);
+  SysFreeString(bstr);
+
+  bstr = SysAllocString(KV_W(""));
+  ASSERT_NE(nullptr, bstr);
+  EXPECT_EQ(0u, PrefixOf(bstr));
+  EXPECT_EQ(0, bstr[0]);
+  SysFreeString(bstr);
+
+  EXPECT_EQ(nullptr, SysAllocString(nullptr));
+  EXPECT_EQ(0u, SysStringLen(nullptr));
+  EXPECT_EQ(0u, SysStringByteLen(nullptr));
+  SysFreeString(nullptr);
+}
+
+TEST(ComBstr, LengthGivenStringsKeepEmbeddedZeros) {
+  const WCHAR achText[] = {'a', 0, 'b', 0, 'c'};
+  BSTR bstr = SysAllocStringLen(achText, 5);
+  ASSERT_NE(nullptr, bstr);
+  EXPECT_EQ(5u, SysStringLen(bstr));
+  EXPECT_EQ(10u, PrefixOf(bstr));
+  EXPECT_EQ(0, std::memcmp(achText, bstr, sizeof(achText)));
+  EXPECT_EQ(0, bstr[5]);
+  SysFreeString(bstr);
+
+  // A null source gives room for the characters, still counted and terminated.
+  bstr = SysAllocStringLen(nullptr, 7);
+  ASSERT_NE(nullptr, bstr);
+  EXPECT_EQ(7u, SysStringLen(bstr));
+  EXPECT_EQ(0, bstr[7]);
+  SysFreeString(bstr);
+
+  bstr = SysAllocStringLen(KV_W("xyz"), 0);
+  ASSERT_NE(nullptr, bstr);
+  EXPECT_EQ(0u, SysStringLen(bstr));
+  SysFreeString(bstr);
+}
+
+TEST(ComBstr, ByteLengthStringsMayHaveOddLength) {
+  BSTR bstr = SysAllocStringByteLen("abc", 3);
+  ASSERT_NE(nullptr, bstr);
+  EXPECT_EQ(3u, SysStringByteLen(bstr));
+  EXPECT_EQ(3u, PrefixOf(bstr));
+  EXPECT_EQ(1u, SysStringLen(bstr));
+  const char* pBytes = reinterpret_cast<const char*>(bstr);
+  EXPECT_EQ(0, std::memcmp("abc", pBytes, 3));
+  EXPECT_EQ(0, pBytes[3]);
+  SysFreeString(bstr);
+
+  bstr = SysAllocStringByteLen(nullptr, 4);
+  ASSERT_NE(nullptr, bstr);
+  EXPECT_EQ(4u, SysStringByteLen(bstr));
+  EXPECT_EQ(2u, SysStringLen(bstr));
+  EXPECT_EQ(0, bstr[2]);
+  SysFreeString(bstr);
+}
+
+TEST(ComBstr, ReallocationReplacesTheString) {
+  BSTR bstr = SysAllocString(KV_W("short"));
+  ASSERT_TRUE(SysReAllocString(&bstr, KV_W("a much longer text")));
+  EXPECT_EQ(WString(KV_W("a much longer text")), WString(bstr, SysStringLen(bstr)));
+  ASSERT_TRUE(SysReAllocStringLen(&bstr, KV_W("ab\0cd"), 5));
+  EXPECT_EQ(5u, SysStringLen(bstr));
+  EXPECT_EQ(WString(KV_W("ab\0cd"), 5), WString(bstr, 5));
+  SysFreeString(bstr);
+
+  // From nothing.
+  bstr = nullptr;
+  ASSERT_TRUE(SysReAllocString(&bstr, KV_W("new")));
+  EXPECT_EQ(3u, SysStringLen(bstr));
+  SysFreeString(bstr);
+}
+
+TEST(ComTaskMem, AllocReallocFree) {
+  void* pv = CoTaskMemAlloc(0);
+  EXPECT_NE(nullptr, pv);
+  CoTaskMemFree(pv);
+
+  char* pch = static_cast<char*>(CoTaskMemAlloc(16));
+  ASSERT_NE(nullptr, pch);
+  std::memcpy(pch, "0123456789abcdef", 16);
+  pch = static_cast<char*>(CoTaskMemRealloc(pch, 4096));
+  ASSERT_NE(nullptr, pch);
+  EXPECT_EQ(0, std::memcmp(pch, "0123456789abcdef", 16));
+  // Size 0 frees the block.
+  EXPECT_EQ(nullptr, CoTaskMemRealloc(pch, 0));
+
+  pch = static_cast<char*>(CoTaskMemRealloc(nullptr, 8));
+  EXPECT_NE(nullptr, pch);
+  CoTaskMemFree(pch);
+  CoTaskMemFree(nullptr);
+}
+
+TEST(ComBstr, OwnerCopiesAttachesAndDetaches) {
+  CComBSTR str(KV_W("hello"));
+  EXPECT_EQ(5u, str.Length());
+  EXPECT_EQ(10u, str.ByteLength());
+  CComBSTR copy(str);
+  EXPECT_NE(static_cast<BSTR>(copy), static_cast<BSTR>(str));
+  EXPECT_TRUE(copy == str);
+
+  // Copy keeps the bytes exactly, odd length and embedded zeros included.
+  CComBSTR odd;
+  odd.Attach(SysAllocStringByteLen("a\0b", 3));
+  BSTR bstrCopy = odd.Copy();
+  ASSERT_NE(nullptr, bstrCopy);
+  EXPECT_EQ(3u, SysStringByteLen(bstrCopy));
+  EXPECT_EQ(0, std::memcmp(bstrCopy, "a\0b", 3));
+  SysFreeString(bstrCopy);
+
+  BSTR bstrOut = reinterpret_cast<BSTR>(1);
+  EXPECT_EQ(E_POINTER, str.CopyTo(nullptr));
+  EXPECT_EQ(S_OK, str.CopyTo(&bstrOut));
+  EXPECT_EQ(WString(KV_W("hello")), WString(bstrOut, SysStringLen(bstrOut)));
+  SysFreeString(bstrOut);
+  CComBSTR empty;
+  EXPECT_TRUE(!empty);
+  EXPECT_EQ(0u, empty.Length());
+  EXPECT_EQ(S_OK, empty.CopyTo(&bstrOut));
+  EXPECT_EQ(nullptr, bstrOut);
+  EXPECT_EQ(nullptr, empty.Copy());
+  EXPECT_TRUE(empty == CComBSTR(KV_W("")));
+
+  BSTR bstrDetached = str.Detach();
+  EXPECT_TRUE(!str);
+  str.Attach(bstrDetached);
+  EXPECT_EQ(bstrDetached, static_cast<BSTR>(str));
+
+  // Assignment from its own characters.
+  str = static_cast<LPCOLESTR>(str) + 1;
+  EXPECT_EQ(WString(KV_W("ello")), str.ToWString());
+  str += KV_W(" world");
+  str.Append(KV_W("\0!"), 2);
+  EXPECT_EQ(WString(KV_W("ello world\0!"), 12), str.ToWString());
+
+  CComBSTR fromView(WStringView(KV_W("a\0b"), 3));
+  EXPECT_EQ(3u, fromView.Length());
+  CComBSTR moved(std::move(fromView));
+  EXPECT_TRUE(!fromView);
+  EXPECT_EQ(3u, moved.Length());
+  moved = copy;
+  EXPECT_TRUE(moved == copy);
+  moved.Empty();
+  EXPECT_TRUE(!moved);
+  CComBSTR* pSelf = std::addressof(copy);
+  copy = *pSelf;
+  EXPECT_EQ(WString(KV_W("hello")), copy.ToWString());
+
+  BSTR* pbstr = &empty;
+  *pbstr = SysAllocString(KV_W("out"));
+  EXPECT_EQ(3u, empty.Length());
+}
+
+TEST(ComBstr, AllocationFailureThrowsOutOfMemory) {
+  try {
+    CComBSTR huge(0x7FFFFFFFu, nullptr);
+    FAIL() << "a string of 2^31 characters was allocated";
+  } catch (const CComException& e) {
+    EXPECT_EQ(E_OUTOFMEMORY, e.GetHResult());
+  }
+  CComBSTR str(KV_W("x"));
+  EXPECT_THROW(str.Append(nullptr, 0x7FFFFFFFu), CComException);
+  EXPECT_EQ(1u, str.Length());
+
+  // The boundary helper maps what the engine throws.
+  auto fnMap = [](auto fnThrow) {
+    try {
+      fnThrow();
+    } catch (...) {
+      return NSCom::HResultFromCurrentException();
+    }
+    return S_OK;
+  };
+  EXPECT_EQ(E_HANDLE, fnMap([] { NSCom::ThrowHResult(E_HANDLE); }));
+  EXPECT_EQ(E_OUTOFMEMORY, fnMap([] { throw std::bad_alloc(); }));
+  EXPECT_EQ(E_FAIL, fnMap([] { throw 42; }));
+  EXPECT_EQ(E_FAIL, fnMap([] { throw CComException(S_FALSE); }));
+  EXPECT_STREQ("HRESULT 0x8007000E", CComException(E_OUTOFMEMORY).what());
+}

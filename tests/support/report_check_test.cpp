@@ -1,0 +1,254 @@
+// Checks and their report texts, read back from the XML log engine that sits beside the program.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "common/LogCapture.h"
+#include "com/ComException.h"
+#include "platform/os.h"
+#include "support/Report.h"
+
+using NSTest::CLogCapture;
+using NSTest::SLoggedReport;
+
+namespace {
+
+std::string U8(const WString& str) { return NSPlatform::WideToUtf8(str); }
+
+// The value of an HRESULT as rewritten texts carry it.
+std::string ResultValue(HRESULT hr) {
+  std::string strValue = std::to_string(static_cast<int>(hr));
+  WString strText = NSPlatform::GetSystemErrorText(hr);
+  return strText.empty() ? strValue : strValue + ":'" + U8(strText) + "'";
+}
+
+const DWORD kdwDistinctError = 0x2D2D1u;
+const HRESULT khrFileNotFound = static_cast<HRESULT>(0x80070002u);
+
+struct SFrameInfo {
+  ULONGLONG ullOffset;
+  DWORD dwSize;
+  DWORD dwReserved;
+};
+
+}  // namespace
+
+namespace NSKronvaleTest {
+
+// Stands in for an engine object: its methods check the way engine methods do.
+class CArchiveLike {
+ public:
+  HRESULT GetCount(DWORD* pdwCount) {
+    KV_CHECK_POINTER(pdwCount);
+    *pdwCount = 3;
+    return S_OK;
+  }
+  HRESULT GetStatistics(DWORD* pdwCount, void** ppRecordStatistic) {
+    KV_CHECK_POINTERS(pdwCount && ppRecordStatistic);
+    return S_OK;
+  }
+  HRESULT SetQuota(HRESULT hrSave) {
+    HRESULT hr = hrSave;
+    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+    return S_OK;
+  }
+  HRESULT Save(HRESULT hrStep) {
+    KV_FUNC("CMultipartArchive::Save");
+    KV_RETURN_IF_FAILED(Step(hrStep));
+    return S_FALSE;
+  }
+  HRESULT Step(HRESULT hr) {
+    ++m_cSteps;
+    return hr;
+  }
+  HRESULT InLambda() {
+    auto fnCheck = [](DWORD* p) -> HRESULT {
+      KV_CHECK_POINTER(p);
+      return S_OK;
+    };
+    return fnCheck(nullptr);
+  }
+  int m_cSteps = 0;
+};
+
+template <class T>
+struct CHolder {
+  bool Check(T value) { return KV_ASSERT(value == T()); }
+};
+
+bool ConformantLike() { return KV_ATLVERIFY(NSPlatform::GetTickCount64() == 0); }
+
+}  // namespace NSKronvaleTest
+
+namespace {
+
+using NSKronvaleTest::CArchiveLike;
+
+TEST(ReportChecks, NullPointerReportsItsNameAndKeepsTheLastError) {
+  CLogCapture capture;
+  CArchiveLike archive;
+  DWORD dwCount = 0;
+
+  NSPlatform::SetLastError(kdwDistinctError);
+  EXPECT_EQ(archive.GetCount(nullptr), E_POINTER);
+  EXPECT_EQ(NSPlatform::GetLastError(), kdwDistinctError);
+  EXPECT_EQ(archive.GetStatistics(&dwCount, nullptr), E_POINTER);
+  EXPECT_EQ(NSPlatform::GetLastError(), kdwDistinctError);
+  EXPECT_EQ(archive.InLambda(), E_POINTER);
+  // Pointers present: no report, result unchanged.
+  EXPECT_EQ(archive.GetCount(&dwCount), S_OK);
+  EXPECT_EQ(dwCount, 3u);
+  void* pStatistic = nullptr;
+  EXPECT_EQ(archive.GetStatistics(&dwCount, &pStatistic), S_OK);
+
+  std::vector<SLoggedReport> reports = capture.Reports();
+  ASSERT_EQ(reports.size(), 3u);
+  EXPECT_EQ(U8(reports[0].strText), "pdwCount\n");
+  EXPECT_EQ(U8(reports[0].strCategory), "TRASSDO");
+  EXPECT_EQ(reports[0].strFunction, "CArchiveLike::GetCount");
+  EXPECT_EQ(reports[0].strFile, "report_check_test.cpp");
+  EXPECT_GT(reports[0].nLine, 0);
+  EXPECT_EQ(U8(reports[1].strText), "pdwCount && ppRecordStatistic\n");
+  EXPECT_EQ(reports[1].strFunction, "CArchiveLike::GetStatistics");
+  EXPECT_EQ(U8(reports[2].strText), "p\n");
+  EXPECT_EQ(reports[2].strFunction, "CArchiveLike::InLambda");
+}
+
+TEST(ReportChecks, FailedResultCarriesNumberAndSystemText) {
+  CLogCapture capture;
+  CArchiveLike archive;
+  EXPECT_FALSE(NSPlatform::GetSystemErrorText(khrFileNotFound).empty());
+
+  NSPlatform::SetLastError(kdwDistinctError);
+  EXPECT_EQ(archive.SetQuota(khrFileNotFound), khrFileNotFound);
+  EXPECT_EQ(NSPlatform::GetLastError(), kdwDistinctError);
+  EXPECT_EQ(archive.SetQuota(S_FALSE), S_OK);
+  // A code the system has no text for: only the number.
+  const HRESULT hrUnknown = static_cast<HRESULT>(0xA7E50123u);
+  EXPECT_EQ(archive.SetQuota(hrUnknown), hrUnknown);
+  // The result macro evaluates its expression once and returns the failure.
+  EXPECT_EQ(archive.Save(E_ACCESSDENIED), E_ACCESSDENIED);
+  EXPECT_EQ(archive.m_cSteps, 1);
+  EXPECT_EQ(archive.Save(S_OK), S_FALSE);
+  EXPECT_EQ(archive.m_cSteps, 2);
+  HRESULT hrOpen = E_FAIL;
+  EXPECT_FALSE(KV_SUCCEEDED(hrOpen));
+  hrOpen = S_OK;
+  EXPECT_TRUE(KV_SUCCEEDED(hrOpen));
+
+  std::vector<SLoggedReport> reports = capture.Reports();
+  ASSERT_EQ(reports.size(), 4u);
+  EXPECT_EQ(U8(reports[0].strText), "SUCCEEDED(hr-2147024894:'" + U8(NSPlatform::GetSystemErrorText(khrFileNotFound)) +
+                                        "'))\n");
+  EXPECT_EQ(U8(reports[0].strCategory), "TRASSDO");
+  EXPECT_EQ(reports[0].strFunction, "CArchiveLike::SetQuota");
+  EXPECT_EQ(U8(reports[1].strText), "SUCCEEDED(hr" + ResultValue(hrUnknown) + "))\n");
+  EXPECT_EQ(U8(reports[2].strText), "SUCCEEDED(hr" + ResultValue(E_ACCESSDENIED) + "))\n");
+  EXPECT_EQ(reports[2].strFunction, "CMultipartArchive::Save");
+  EXPECT_EQ(U8(reports[3].strText), "SUCCEEDED(hrOpen" + ResultValue(E_FAIL) + "))\n");
+}
+
+int Add(int a, int b) { return a + b; }
+
+TEST(ReportChecks, InvariantTextsWithRecordedValues) {
+  CLogCapture capture;
+  DWORD dwFileSize = 17;
+  EXPECT_FALSE(KV_ASSERT(!(dwFileSize % sizeof(SFrameInfo))));
+  DWORD dwCount = 5, m_dwCount = 4;
+  EXPECT_FALSE(KV_ASSERT_TEXT(dwCount <= m_dwCount, "dwCount<=m_dwCount\n"));
+  ULONGLONG cbFile = 1548600;
+  EXPECT_FALSE(KV_ASSERT(_AR(cbFile)==1548608));
+  // Calls with commas, several values, strings, bools and pointers.
+  const WCHAR* pszName = KV_W("rec");
+  bool bOpen = false;
+  EXPECT_FALSE(KV_ASSERT(_AR(Add(2, 3))==6 && _TR(pszName) && _AR(bOpen)));
+  EXPECT_FALSE(KV_ASSERT(_AR(Add(2, 3))==5 && _TR(pszName) && _AR(bOpen)));
+  std::string strTag = "t<1>";
+  LONG lDelta = -7;
+  void* pv = nullptr;
+  EXPECT_FALSE(KV_ASSERT(_TR(strTag).empty() || _AR(lDelta) > 0 || _AR(pv)));
+  // A value that was never evaluated leaves its wrapper in the text.
+  SFrameInfo* pInfo = nullptr;
+  EXPECT_FALSE(KV_ASSERT(pInfo && _AR(pInfo->dwSize)));
+  // "_AR(a" is not taken for "_AR(ab".
+  int a = 1, ab = 2;
+  EXPECT_FALSE(KV_ASSERT(_AR(ab) + _AR(a) == 0));
+  // Passing checks report nothing; wrappers yield their value outside checks too.
+  EXPECT_TRUE(KV_ASSERT(_AR(cbFile) == 1548600));
+  EXPECT_EQ(_AR(Add(1, 1)), 2);
+  EXPECT_FALSE(NSKronvaleTest::CHolder<int>().Check(4));
+
+  std::vector<SLoggedReport> reports = capture.Reports();
+  ASSERT_EQ(reports.size(), 9u);
+  EXPECT_EQ(U8(reports[0].strText), "!(dwFileSize % sizeof(SFrameInfo))\n");
+  EXPECT_EQ(U8(reports[1].strText), "dwCount<=m_dwCount\n");
+  EXPECT_EQ(U8(reports[2].strText), "cbFile1548600)==1548608\n");
+  EXPECT_EQ(U8(reports[3].strText), "Add(2, 3)5)==6 && _TR(pszName) && _AR(bOpen)\n");
+  EXPECT_EQ(U8(reports[4].strText), "Add(2, 3)5)==5 && pszName'rec') && bOpenfalse)\n");
+  EXPECT_EQ(U8(reports[5].strText), "strTag't<1>').empty() || lDelta-7) > 0 || pv0000000000000000)\n");
+  EXPECT_EQ(U8(reports[6].strText), "pInfo && _AR(pInfo->dwSize)\n");
+  EXPECT_EQ(U8(reports[7].strText), "ab2) + a1) == 0\n");
+  EXPECT_EQ(U8(reports[8].strText), "value == T()\n");
+  EXPECT_EQ(reports[8].strFunction, "CHolder::Check");
+  for (const SLoggedReport& report : reports) EXPECT_EQ(U8(report.strCategory), "TRASSDO");
+}
+
+bool InnerCheck(int n) { return KV_ASSERT(_AR(n) < 0); }
+
+TEST(ReportChecks, NestedChecksKeepTheirOwnValues) {
+  CLogCapture capture;
+  int nOuter = 8;
+  EXPECT_FALSE(KV_ASSERT(InnerCheck(_AR(nOuter)) && _AR(nOuter) < 0));
+  std::vector<SLoggedReport> reports = capture.Reports();
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_EQ(U8(reports[0].strText), "n8) < 0\n");
+  EXPECT_EQ(reports[0].strFunction, "InnerCheck");
+  // Every occurrence of a recorded name takes its value.
+  EXPECT_EQ(U8(reports[1].strText), "InnerCheck(nOuter8)) && nOuter8) < 0\n");
+}
+
+TEST(ReportChecks, AtlVerifyCategoryAndFunctionNames) {
+  CLogCapture capture;
+  {
+    KV_FUNC("ConformantFileTime");
+    SYSTEMTIME sysTime = {};
+    FILETIME ftMaxFileTime;
+    EXPECT_FALSE(KV_ATLVERIFY(NSPlatform::SysTimeToFileTime(&sysTime, &ftMaxFileTime)));
+  }
+  EXPECT_FALSE(NSKronvaleTest::ConformantLike());
+  std::vector<SLoggedReport> reports = capture.Reports();
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_EQ(U8(reports[0].strText), "NSPlatform::SysTimeToFileTime(&sysTime, &ftMaxFileTime)");
+  EXPECT_EQ(U8(reports[0].strCategory), "ATLVERIFY");
+  EXPECT_EQ(reports[0].strFunction, "ConformantFileTime");
+  EXPECT_EQ(reports[1].strFunction, "ConformantLike");
+
+  using NSReport::FunctionNameFromSignature;
+  EXPECT_EQ(FunctionNameFromSignature("virtual HRESULT NSArchive::CArchiveImpl::SetQuota(UINT64, UINT64)"),
+            "CArchiveImpl::SetQuota");
+  EXPECT_EQ(FunctionNameFromSignature("std::vector<int, std::allocator<int> > CFoo<T>::Bar(int) [with T = int]"),
+            "CFoo::Bar");
+  EXPECT_EQ(FunctionNameFromSignature("long int __attribute__((stdcall)) CRecord::Write(FILETIME)"),
+            "CRecord::Write");
+  EXPECT_EQ(FunctionNameFromSignature("HRESULT CRecord::Extract(int)::<lambda(int)>"), "CRecord::Extract");
+  EXPECT_EQ(FunctionNameFromSignature("bool CFilter::operator()(int) const"), "CFilter::operator()");
+  EXPECT_EQ(FunctionNameFromSignature("void {anonymous}::Merge()"), "Merge");
+  EXPECT_EQ(FunctionNameFromSignature("const char* NSKronvaleUtils::Name(const WCHAR*)"), "Name");
+  EXPECT_EQ(FunctionNameFromSignature("int main()"), "main");
+  EXPECT_EQ(NSReport::GetFileName("C:\\src\\records\\Record.cpp"), std::string("Record.cpp"));
+  EXPECT_EQ(NSReport::GetFileName("/src/hours/HourManager.cpp"), std::string("HourManager.cpp"));
+}
+
+TEST(ReportChecks, AllocationFailureThrowsOutOfMemory) {
+  int n = 0;
+  EXPECT_EQ(NSReport::CheckAllocation(&n), &n);
+  try {
+    NSReport::CheckAllocation(static_cast<WCHAR*>(nullptr));
+    ADD_FAILURE() << "no exception";
+  } catch (const NSCom::CComException& e) {
+    EXPECT_EQ(e.GetHResult(), E_OUTOFMEMORY);
+  }
+}
+
+}  // namespace
