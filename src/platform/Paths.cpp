@@ -63,7 +63,7 @@ bool IsAbsolute(WStringView strPath) {
 }
 
 // Simple lower-case mapping of the Latin, Greek and Cyrillic letters, enough for the names the
-// engine matches (record names, "*.al" specs); other characters compare as they are.
+// engine matches (record names, "*.al" patterns); other characters compare as they are.
 WCHAR FoldCase(WCHAR ch) {
   const auto u = static_cast<char16_t>(ch);
   if (u >= u'A' && u <= u'Z') return static_cast<WCHAR>(u + 0x20);

@@ -210,7 +210,7 @@ WString CombinePath(WStringView strDirectory, WStringView strMore);
 // Appends a separator if the path has none at its end (PathAddBackslashW).
 WString AddTrailingSeparator(WStringView strPath);
 // Wildcard match of a name (not a path) with '*' and '?', case-insensitive as PathMatchSpecW;
-// several specs may be separated by ';'; "*.*" matches every name, including names with no dot.
+// several patterns may be separated by ';'; "*.*" matches every name, including names with no dot.
 bool MatchSpec(const WCHAR* pszName, const WCHAR* pszSpec);
 // Absolute path of a possibly relative one, canonicalised (GetFullPathNameW).
 HRESULT GetFullPath(const WCHAR* pszPath, WString* pstrFull);

@@ -61,7 +61,7 @@ enum EFlag : unsigned {
 enum class ELength { None, Char, Short, Long32, Long64, Size, LongDouble };
 
 // One conversion as parsed from the format.
-struct SSpec {
+struct SConversion {
   unsigned nFlags = 0;
   int nWidth = 0;       // 0: none
   int nPrecision = -1;  // -1: none
@@ -72,41 +72,41 @@ struct SSpec {
 const WCHAR kNull[] = {'(', 'n', 'u', 'l', 'l', ')'};
 
 template <class TSink>
-void PadAndPut(TSink& sink, const SSpec& spec, const WCHAR* pch, size_t cch) {
-  size_t cchPad = spec.nWidth > 0 && static_cast<size_t>(spec.nWidth) > cch ? spec.nWidth - cch : 0;
-  if (!(spec.nFlags & kLeft)) sink.Repeat(' ', cchPad);
+void PadAndPut(TSink& sink, const SConversion& conv, const WCHAR* pch, size_t cch) {
+  size_t cchPad = conv.nWidth > 0 && static_cast<size_t>(conv.nWidth) > cch ? conv.nWidth - cch : 0;
+  if (!(conv.nFlags & kLeft)) sink.Repeat(' ', cchPad);
   sink.Put(pch, cch);
-  if (spec.nFlags & kLeft) sink.Repeat(' ', cchPad);
+  if (conv.nFlags & kLeft) sink.Repeat(' ', cchPad);
 }
 
 template <class TSink>
-void PutWideText(TSink& sink, const SSpec& spec, const WCHAR* psz) {
+void PutWideText(TSink& sink, const SConversion& conv, const WCHAR* psz) {
   if (!psz) {
     psz = kNull;
     size_t cch = sizeof(kNull) / sizeof(kNull[0]);
-    if (spec.nPrecision >= 0 && static_cast<size_t>(spec.nPrecision) < cch) cch = spec.nPrecision;
-    PadAndPut(sink, spec, psz, cch);
+    if (conv.nPrecision >= 0 && static_cast<size_t>(conv.nPrecision) < cch) cch = conv.nPrecision;
+    PadAndPut(sink, conv, psz, cch);
     return;
   }
   size_t cch = 0;
   // With a precision the text need not be terminated within reach.
-  while ((spec.nPrecision < 0 || cch < static_cast<size_t>(spec.nPrecision)) && psz[cch]) ++cch;
-  PadAndPut(sink, spec, psz, cch);
+  while ((conv.nPrecision < 0 || cch < static_cast<size_t>(conv.nPrecision)) && psz[cch]) ++cch;
+  PadAndPut(sink, conv, psz, cch);
 }
 
 template <class TSink>
-void PutNarrowText(TSink& sink, const SSpec& spec, const char* psz) {
+void PutNarrowText(TSink& sink, const SConversion& conv, const char* psz) {
   if (!psz) {
-    PutWideText(sink, spec, nullptr);
+    PutWideText(sink, conv, nullptr);
     return;
   }
   size_t cb = 0;
   // The precision counts output characters; no UTF-8 character is longer than 4 bytes per unit.
-  size_t cbLimit = spec.nPrecision < 0 ? SIZE_MAX : static_cast<size_t>(spec.nPrecision) * 4;
+  size_t cbLimit = conv.nPrecision < 0 ? SIZE_MAX : static_cast<size_t>(conv.nPrecision) * 4;
   while (cb < cbLimit && psz[cb]) ++cb;
   WString str = NSPlatform::Utf8ToWide(std::string_view(psz, cb));
-  if (spec.nPrecision >= 0 && str.size() > static_cast<size_t>(spec.nPrecision)) str.resize(spec.nPrecision);
-  PadAndPut(sink, spec, str.data(), str.size());
+  if (conv.nPrecision >= 0 && str.size() > static_cast<size_t>(conv.nPrecision)) str.resize(conv.nPrecision);
+  PadAndPut(sink, conv, str.data(), str.size());
 }
 
 // Digits of an unsigned value in base 8, 10 or 16.
@@ -122,7 +122,7 @@ size_t ToDigits(uint64_t ull, unsigned nBase, bool bUpper, char* pEnd) {
 }
 
 template <class TSink>
-void PutInteger(TSink& sink, const SSpec& spec, WCHAR chConversion, uint64_t ullMagnitude, bool bNegative) {
+void PutInteger(TSink& sink, const SConversion& conv, WCHAR chConversion, uint64_t ullMagnitude, bool bNegative) {
   unsigned nBase = 10;
   if (chConversion == 'x' || chConversion == 'X' || chConversion == 'p') nBase = 16;
   if (chConversion == 'o') nBase = 8;
@@ -134,67 +134,67 @@ void PutInteger(TSink& sink, const SSpec& spec, WCHAR chConversion, uint64_t ull
   const char* pDigits = pEnd - cchDigits;
 
   // The minimum number of digits: the precision, 1 by default; "%.0d" of 0 prints no digit.
-  size_t cchMin = spec.nPrecision >= 0 ? static_cast<size_t>(spec.nPrecision) : 1;
+  size_t cchMin = conv.nPrecision >= 0 ? static_cast<size_t>(conv.nPrecision) : 1;
   size_t cchZeros = cchMin > cchDigits ? cchMin - cchDigits : 0;
-  if (nBase == 8 && (spec.nFlags & kAlternate) && cchZeros == 0 && (cchDigits == 0 || pDigits[0] != '0')) cchZeros = 1;
+  if (nBase == 8 && (conv.nFlags & kAlternate) && cchZeros == 0 && (cchDigits == 0 || pDigits[0] != '0')) cchZeros = 1;
 
   WCHAR prefix[2];
   size_t cchPrefix = 0;
   if (bSigned) {
     if (bNegative) prefix[cchPrefix++] = '-';
-    else if (spec.nFlags & kPlus) prefix[cchPrefix++] = '+';
-    else if (spec.nFlags & kSpace) prefix[cchPrefix++] = ' ';
-  } else if (nBase == 16 && chConversion != 'p' && (spec.nFlags & kAlternate) && ullMagnitude) {
+    else if (conv.nFlags & kPlus) prefix[cchPrefix++] = '+';
+    else if (conv.nFlags & kSpace) prefix[cchPrefix++] = ' ';
+  } else if (nBase == 16 && chConversion != 'p' && (conv.nFlags & kAlternate) && ullMagnitude) {
     prefix[cchPrefix++] = '0';
     prefix[cchPrefix++] = static_cast<WCHAR>(chConversion);
   }
 
   size_t cchBody = cchPrefix + cchZeros + cchDigits;
-  size_t cchPad = spec.nWidth > 0 && static_cast<size_t>(spec.nWidth) > cchBody ? spec.nWidth - cchBody : 0;
+  size_t cchPad = conv.nWidth > 0 && static_cast<size_t>(conv.nWidth) > cchBody ? conv.nWidth - cchBody : 0;
   // '0' pads with zeros after the sign, unless left-justified or a precision is given.
-  bool bZeroPad = (spec.nFlags & kZero) && !(spec.nFlags & kLeft) && spec.nPrecision < 0;
+  bool bZeroPad = (conv.nFlags & kZero) && !(conv.nFlags & kLeft) && conv.nPrecision < 0;
   if (bZeroPad) {
     cchZeros += cchPad;
     cchPad = 0;
   }
 
-  if (!(spec.nFlags & kLeft)) sink.Repeat(' ', cchPad);
+  if (!(conv.nFlags & kLeft)) sink.Repeat(' ', cchPad);
   sink.Put(prefix, cchPrefix);
   sink.Repeat('0', cchZeros);
   WCHAR wide[32];
   for (size_t i = 0; i < cchDigits; ++i) wide[i] = static_cast<WCHAR>(pDigits[i]);
   sink.Put(wide, cchDigits);
-  if (spec.nFlags & kLeft) sink.Repeat(' ', cchPad);
+  if (conv.nFlags & kLeft) sink.Repeat(' ', cchPad);
 }
 
 template <class TSink>
-void PutFloat(TSink& sink, const SSpec& spec, WCHAR chConversion, va_list& args) {
+void PutFloat(TSink& sink, const SConversion& conv, WCHAR chConversion, va_list& args) {
   char format[32];
   char* p = format;
   *p++ = '%';
-  if (spec.nFlags & kLeft) *p++ = '-';
-  if (spec.nFlags & kZero) *p++ = '0';
-  if (spec.nFlags & kPlus) *p++ = '+';
-  if (spec.nFlags & kSpace) *p++ = ' ';
-  if (spec.nFlags & kAlternate) *p++ = '#';
+  if (conv.nFlags & kLeft) *p++ = '-';
+  if (conv.nFlags & kZero) *p++ = '0';
+  if (conv.nFlags & kPlus) *p++ = '+';
+  if (conv.nFlags & kSpace) *p++ = ' ';
+  if (conv.nFlags & kAlternate) *p++ = '#';
   *p++ = '*';
   *p++ = '.';
   *p++ = '*';
-  if (spec.eLength == ELength::LongDouble) *p++ = 'L';
+  if (conv.eLength == ELength::LongDouble) *p++ = 'L';
   *p++ = static_cast<char>(chConversion);
   *p = 0;
 
   long double ld = 0;
   double d = 0;
-  if (spec.eLength == ELength::LongDouble) ld = va_arg(args, long double);
+  if (conv.eLength == ELength::LongDouble) ld = va_arg(args, long double);
   else d = va_arg(args, double);
 
   // A negative precision passed through * means "none", as for our own conversions.
   std::string text(128, '\0');
   for (int nAttempt = 0; nAttempt < 2; ++nAttempt) {
-    int cch = spec.eLength == ELength::LongDouble
-                  ? std::snprintf(text.data(), text.size(), format, spec.nWidth, spec.nPrecision, ld)
-                  : std::snprintf(text.data(), text.size(), format, spec.nWidth, spec.nPrecision, d);
+    int cch = conv.eLength == ELength::LongDouble
+                  ? std::snprintf(text.data(), text.size(), format, conv.nWidth, conv.nPrecision, ld)
+                  : std::snprintf(text.data(), text.size(), format, conv.nWidth, conv.nPrecision, d);
     if (cch < 0) return;
     if (static_cast<size_t>(cch) < text.size()) {
       text.resize(cch);
@@ -237,7 +237,7 @@ const WCHAR* ParseNumber(const WCHAR* p, int* pn) {
 }
 
 // Parses the length modifier at p; answers the first character after it.
-const WCHAR* ParseLength(const WCHAR* p, SSpec* pSpec) {
+const WCHAR* ParseLength(const WCHAR* p, SConversion* pSpec) {
   switch (*p) {
     case 'h':
       if (p[1] == 'h') {
@@ -302,13 +302,13 @@ void Format(TSink& sink, const WCHAR* pszFormat, va_list& args) {
       continue;
     }
 
-    SSpec spec;
+    SConversion conv;
     for (;; ++p) {
-      if (*p == '-') spec.nFlags |= kLeft;
-      else if (*p == '0') spec.nFlags |= kZero;
-      else if (*p == '+') spec.nFlags |= kPlus;
-      else if (*p == ' ') spec.nFlags |= kSpace;
-      else if (*p == '#') spec.nFlags |= kAlternate;
+      if (*p == '-') conv.nFlags |= kLeft;
+      else if (*p == '0') conv.nFlags |= kZero;
+      else if (*p == '+') conv.nFlags |= kPlus;
+      else if (*p == ' ') conv.nFlags |= kSpace;
+      else if (*p == '#') conv.nFlags |= kAlternate;
       else break;
     }
     // Arguments taken by * are consumed as we meet them, as printf does; an unknown conversion
@@ -316,59 +316,59 @@ void Format(TSink& sink, const WCHAR* pszFormat, va_list& args) {
     if (*p == '*') {
       int n = va_arg(args, int);
       if (n < 0) {
-        spec.nFlags |= kLeft;
+        conv.nFlags |= kLeft;
         n = n == INT32_MIN ? INT32_MAX : -n;
       }
-      spec.nWidth = n;
+      conv.nWidth = n;
       ++p;
     } else {
-      p = ParseNumber(p, &spec.nWidth);
+      p = ParseNumber(p, &conv.nWidth);
     }
     if (*p == '.') {
       ++p;
       if (*p == '*') {
         int n = va_arg(args, int);
-        spec.nPrecision = n < 0 ? -1 : n;
+        conv.nPrecision = n < 0 ? -1 : n;
         ++p;
       } else {
-        p = ParseNumber(p, &spec.nPrecision);
+        p = ParseNumber(p, &conv.nPrecision);
       }
     }
-    p = ParseLength(p, &spec);
+    p = ParseLength(p, &conv);
 
     WCHAR ch = *p;
     switch (ch) {
       case 's':
-        if (spec.bNarrowText) PutNarrowText(sink, spec, va_arg(args, const char*));
-        else PutWideText(sink, spec, va_arg(args, const WCHAR*));
+        if (conv.bNarrowText) PutNarrowText(sink, conv, va_arg(args, const char*));
+        else PutWideText(sink, conv, va_arg(args, const WCHAR*));
         break;
       case 'S':
-        if (spec.eLength == ELength::Long32) PutWideText(sink, spec, va_arg(args, const WCHAR*));
-        else PutNarrowText(sink, spec, va_arg(args, const char*));
+        if (conv.eLength == ELength::Long32) PutWideText(sink, conv, va_arg(args, const WCHAR*));
+        else PutNarrowText(sink, conv, va_arg(args, const char*));
         break;
       case 'c':
       case 'C': {
         unsigned n = va_arg(args, unsigned int);
-        bool bNarrow = ch == 'C' ? spec.eLength != ELength::Long32 : spec.bNarrowText;
+        bool bNarrow = ch == 'C' ? conv.eLength != ELength::Long32 : conv.bNarrowText;
         WCHAR wch = bNarrow ? static_cast<WCHAR>(static_cast<unsigned char>(n)) : static_cast<WCHAR>(n);
-        PadAndPut(sink, spec, &wch, 1);
+        PadAndPut(sink, conv, &wch, 1);
         break;
       }
       case 'd':
       case 'i': {
-        int64_t ll = ReadSigned(spec.eLength, args);
+        int64_t ll = ReadSigned(conv.eLength, args);
         uint64_t ullMagnitude = ll < 0 ? 0 - static_cast<uint64_t>(ll) : static_cast<uint64_t>(ll);
-        PutInteger(sink, spec, ch, ullMagnitude, ll < 0);
+        PutInteger(sink, conv, ch, ullMagnitude, ll < 0);
         break;
       }
       case 'u':
       case 'x':
       case 'X':
       case 'o':
-        PutInteger(sink, spec, ch, ReadUnsigned(spec.eLength, args), false);
+        PutInteger(sink, conv, ch, ReadUnsigned(conv.eLength, args), false);
         break;
       case 'p': {
-        SSpec pointer = spec;
+        SConversion pointer = conv;
         pointer.nPrecision = 2 * sizeof(void*);
         pointer.nFlags &= ~(kZero | kAlternate);
         PutInteger(sink, pointer, ch, reinterpret_cast<uintptr_t>(va_arg(args, void*)), false);
@@ -382,7 +382,7 @@ void Format(TSink& sink, const WCHAR* pszFormat, va_list& args) {
       case 'G':
       case 'a':
       case 'A':
-        PutFloat(sink, spec, ch, args);
+        PutFloat(sink, conv, ch, args);
         break;
       default:
         // Unknown (or the format ended inside the conversion): the conversion as written.

@@ -1,4 +1,4 @@
-// Path text rules (canonical form, joining, wildcard specs) and the UTF-16 <-> UTF-8 conversions.
+// Path text rules (canonical form, joining, wildcard patterns) and the UTF-16 <-> UTF-8 conversions.
 // Paths are written with '/' here and turned into the platform's separator, so one table serves both.
 #include <gtest/gtest.h>
 

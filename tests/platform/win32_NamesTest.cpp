@@ -40,7 +40,7 @@ TEST(Win32Names, NonAsciiNamesRoundTripAndSortByCodeUnits) {
   for (const NSPlatform::SDirEntry& entry : vEntries) vNames.push_back(entry.strName);
   EXPECT_EQ(vNames, (std::vector<WString>{L"z.al", strAccent, strGreek, strClef, strFullwidth}));
 
-  // The spec filter compares without case in every script, and each name opens what it listed.
+  // The pattern filter compares without case in every script, and each name opens what it listed.
   ASSERT_EQ(NSPlatform::ListDir(dir.Path().c_str(), &vEntries, L"\u00C9T\u00C9.*"), S_OK);
   ASSERT_EQ(vEntries.size(), 1u);
   EXPECT_EQ(vEntries[0].strName, strAccent);
