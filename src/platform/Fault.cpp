@@ -1,6 +1,6 @@
 // The fault-injection seam. Every file, read, write, flush and directory call of both platform
-// implementations asks Intercept first; with no rule armed that costs one atomic increment and one
-// atomic load, so the seam stays in release builds.
+// implementations asks Intercept first; with no rule armed that costs one relaxed atomic increment
+// and one relaxed load, so the seam stays in release builds.
 #include <mutex>
 
 #include "platform/os.h"
@@ -67,8 +67,10 @@ void ClearFreeSpaceOverride() { g_bFreeSpaceOverridden = false; }
 
 bool Intercept(EOp eOp, const WString& strPath, DWORD* pcb, DWORD* pdwError) {
   SOpState& state = StateOf(eOp);
-  state.nCalls.fetch_add(1);
-  if (!state.bArmed.load()) return false;
+  // Relaxed: the count is a statistic, and a rule armed concurrently with a call may or may not
+  // see that call; the lock below orders everything that matters.
+  state.nCalls.fetch_add(1, std::memory_order_relaxed);
+  if (!state.bArmed.load(std::memory_order_relaxed)) return false;
 
   std::lock_guard<std::mutex> lock(g_mutex);
   if (!state.bArmed) return false;
