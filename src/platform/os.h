@@ -273,6 +273,54 @@ HRESULT WriteMachineDword(const WCHAR* pszKey, const WCHAR* pszValue, DWORD dwVa
 HRESULT DeleteMachineValue(const WCHAR* pszKey, const WCHAR* pszValue);
 
 // ---------------------------------------------------------------------------------------------
+// Registry
+// ---------------------------------------------------------------------------------------------
+
+// The registry of Windows, reached by key paths ("CLSID\\{...}\\InprocServer32", '\\' between
+// names) under one of three roots; each call opens what it needs and closes it again. Linux has no
+// registry: every function answers ERROR_NOT_SUPPORTED there (COM registration does not exist on
+// Linux; a client finds the library by its file name). Values are REG_SZ only; a null or empty
+// value name is the key's default value.
+enum class ERegistryRoot { ClassesRoot, LocalMachine, CurrentUser };
+
+// Creates the key with every missing parent, or opens it when it exists.
+HRESULT RegistryCreateKey(ERegistryRoot eRoot, const WCHAR* pszKey);
+// S_OK when the key exists; a missing key (or parent): ERROR_FILE_NOT_FOUND.
+HRESULT RegistryOpenKey(ERegistryRoot eRoot, const WCHAR* pszKey);
+// Sets a REG_SZ value of an existing key (a missing key: ERROR_FILE_NOT_FOUND).
+HRESULT RegistrySetString(ERegistryRoot eRoot, const WCHAR* pszKey, const WCHAR* pszName, const WCHAR* pszValue);
+// Reads a REG_SZ value without its terminating zero. Missing: ERROR_FILE_NOT_FOUND; another type:
+// ERROR_INVALID_DATA.
+HRESULT RegistryGetString(ERegistryRoot eRoot, const WCHAR* pszKey, const WCHAR* pszName, WString* pstrValue);
+// Missing key or value: ERROR_FILE_NOT_FOUND.
+HRESULT RegistryDeleteValue(ERegistryRoot eRoot, const WCHAR* pszKey, const WCHAR* pszName);
+// Deletes a key that has no subkeys (its values go with it). A key with subkeys is refused as
+// Windows refuses it (ERROR_ACCESS_DENIED); missing: ERROR_FILE_NOT_FOUND.
+HRESULT RegistryDeleteKey(ERegistryRoot eRoot, const WCHAR* pszKey);
+// Deletes a key with everything under it. Missing: ERROR_FILE_NOT_FOUND.
+HRESULT RegistryDeleteTree(ERegistryRoot eRoot, const WCHAR* pszKey);
+// The names of the key's direct subkeys, in the order the registry gives them.
+HRESULT RegistryEnumSubKeys(ERegistryRoot eRoot, const WCHAR* pszKey, std::vector<WString>* pvNames);
+// How many values the key has, the default value included when it is set.
+HRESULT RegistryCountValues(ERegistryRoot eRoot, const WCHAR* pszKey, DWORD* pcValues);
+
+// ---------------------------------------------------------------------------------------------
+// Resources of the module that holds this code
+// ---------------------------------------------------------------------------------------------
+
+// The bytes of a resource of the module (DLL or program) that contains the platform layer, found
+// by type, numeric id and exact language (FindResourceExW; language 0 is LANG_NEUTRAL, for which
+// Windows applies its own fallback order). Missing type: ERROR_RESOURCE_TYPE_NOT_FOUND, missing
+// id: ERROR_RESOURCE_NAME_NOT_FOUND, missing language: ERROR_RESOURCE_LANG_NOT_FOUND. pszType is
+// a name ("REGISTRY") or a numeric type made with KvResourceType. Linux modules carry no
+// resources: ERROR_NOT_SUPPORTED (what Windows keeps in resources is compiled in there).
+HRESULT LoadOwnResource(const WCHAR* pszType, UINT nId, WORD wLanguage, std::string* pBytes);
+// A numeric resource type (MAKEINTRESOURCEW): 6 is the string table.
+inline const WCHAR* KvResourceType(WORD wType) {
+  return reinterpret_cast<const WCHAR*>(static_cast<ULONG_PTR>(wType));
+}
+
+// ---------------------------------------------------------------------------------------------
 // Dynamic libraries
 // ---------------------------------------------------------------------------------------------
 
@@ -283,6 +331,27 @@ HRESULT DeleteMachineValue(const WCHAR* pszKey, const WCHAR* pszValue);
 HRESULT LoadDynamicLibrary(const WCHAR* pszName, HMODULE* phModule);
 void* GetLibrarySymbol(HMODULE hModule, const char* pszName);
 void FreeDynamicLibrary(HMODULE hModule);
+
+// ---------------------------------------------------------------------------------------------
+// The module that holds this code
+// ---------------------------------------------------------------------------------------------
+
+// The full path of the file of the module (DLL or program) that contains the platform layer:
+// GetModuleHandleExW(FROM_ADDRESS) and GetModuleFileNameW on Windows, dladdr on Linux (made
+// absolute). Registration writes it as the server's path.
+HRESULT GetOwnModulePath(WString* pstrPath);
+
+// ---------------------------------------------------------------------------------------------
+// Thread locale
+// ---------------------------------------------------------------------------------------------
+
+// The calling thread's locale identifier (GetThreadLocale / SetThreadLocale). Windows resolves
+// the default identifiers (0x800 system default, 0x400 user default) to the locale they stand for.
+// Linux has no thread locale that Win32-style code could depend on: the identifier is only kept per
+// thread (0x409 until set), so that code which saves and restores it is the same on both.
+DWORD GetThreadLocaleId();
+bool SetThreadLocaleId(DWORD lcid);
+constexpr DWORD klcidSystemDefault = 0x800;
 
 // ---------------------------------------------------------------------------------------------
 // Threads and synchronisation
