@@ -1,0 +1,217 @@
+// Scripted implementations of the boundary interfaces: each method records what reached it (and on
+// which thread) and answers what the test put in its script, so that a test compares both
+// directions of a marshaled call.
+//
+// Ownership follows the interfaces: memory handed out (BSTRs, arrays, frame data read into null
+// buffers) is allocated with the COM allocators and belongs to the caller.
+#pragma once
+
+#ifdef _WIN32
+
+#include <windows.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include <kronvale/kronvale.h>
+
+#include "com/ComKit.h"
+
+namespace NKvMarshalTest {
+
+// Objects of every scripted class alive in the process, whichever apartment made them.
+inline std::atomic<int> g_cLiveObjects{0};
+
+class CLiveCounted {
+ public:
+  CLiveCounted() { ++g_cLiveObjects; }
+  ~CLiveCounted() { --g_cLiveObjects; }
+  CLiveCounted(const CLiveCounted&) = delete;
+  CLiveCounted& operator=(const CLiveCounted&) = delete;
+};
+
+// A frame filter as it reached the callee.
+struct SFilterSeen {
+  bool bPresent = false;
+  DWORD dwMask = 0;
+  DWORD dwMode = 0;
+  bool operator==(const SFilterSeen&) const = default;
+};
+SFilterSeen SeeFilter(const SFrameFilter* pFilter);
+
+// A frame buffer as it reached the callee.
+struct SBufferSeen {
+  bool bData = false;  // pData was not null
+  DWORD dwDataSize = 0;
+  std::vector<BYTE> vData;  // the bytes at pData (dwDataSize of them)
+};
+
+// What every scripted object records about the last call it served.
+struct SCallSeen {
+  const char* pszMethod = "";
+  DWORD dwThreadId = 0;
+  std::vector<ULONGLONG> vTimes;  // FILETIME in-parameters, in order
+  std::vector<LONG> vLongs;       // 32-bit in-parameters, in order
+  std::vector<ULONGLONG> vUlls;   // 64-bit in-parameters, in order
+  SFilterSeen filter;
+  bool bStringNull = true;        // the BSTR in-parameter
+  std::vector<WCHAR> vString;
+  UINT cbString = 0;
+  void Reset(const char* psz);
+  void String(BSTR bstr);
+};
+
+// Serves IDescription, IRecord and IRecordEx.
+class CScriptedRecord : public NSCom::CComObjectRootEx, public CLiveCounted, public IRecordEx {
+ public:
+  BEGIN_COM_MAP(CScriptedRecord)
+    COM_INTERFACE_ENTRY(IRecordEx)
+    COM_INTERFACE_ENTRY(IRecord)
+    COM_INTERFACE_ENTRY(IDescription)
+  END_COM_MAP()
+
+  // A new record whose GetName answers strName; counted IRecordEx in *ppRecord.
+  static HRESULT Create(const WCHAR* pszName, IRecordEx** ppRecord, CScriptedRecord** ppObject = nullptr);
+
+  // ---- Script
+  HRESULT m_hrResult = S_OK;  // what every method answers (ReservedRange excepted: E_NOTIMPL)
+  ULONGLONG m_ullTimeOut = 0;  // GetNext, GetPrev, GetSibling
+  DWORD m_dwReadFlags = 0;
+  // Read: bytes for each buffer. A buffer with data receives as many as fit and its size is set to
+  // their count; a buffer without data receives a task-allocated block with all of them.
+  std::vector<std::vector<BYTE>> m_vReadData;
+  std::vector<SRecordStatistic> m_vStatistic;  // GetStatistic; none answers a null array
+  NSCom::CComBSTR m_bstrName;
+  NSCom::CComBSTR m_bstrStatus;
+  NSCom::CComBSTR m_bstrPath;
+  NSCom::CComBSTR m_bstrDescription;  // also what SetDescription stores
+
+  // ---- Seen
+  SCallSeen m_seen;
+  bool m_bBuffersNull = true;        // Write/Read: pBuff was null
+  std::vector<SBufferSeen> m_vBuffers;
+  IRecord* m_pMergeSource = nullptr;  // not counted: only compared
+  NSCom::CComBSTR m_bstrMergeSourceName;  // what the source's GetName answered during Merge
+  HRESULT m_hrMergeSourceName = E_FAIL;
+
+  // IDescription
+  STDMETHOD(SetDescription)(BSTR szDescription) override;
+  STDMETHOD(GetDescription)(BSTR* pszDescription) override;
+  STDMETHOD(GetPath)(BSTR* pszPath) override;
+  // IRecord
+  STDMETHOD(Write)(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount) override;
+  STDMETHOD(Read)(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuff, DWORD dwCount) override;
+  STDMETHOD(GetNext)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftNextFrameTime) override;
+  STDMETHOD(GetPrev)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftPrevFrameTime) override;
+  STDMETHOD(GetStatistic)(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution, const SFrameFilter* pFilter,
+                          LONG lFlags, DWORD* pdwCount, SRecordStatistic** ppRecordStatistic) override;
+  STDMETHOD(RemoveHour)(FILETIME ftHour) override;
+  STDMETHOD(GetName)(BSTR* pszName) override;
+  STDMETHOD(Extract)(FILETIME ftBegin, FILETIME ftEnd, const SFrameFilter* pFilter, LONG lCount,
+                     IRecord** ppExtract) override;
+  STDMETHOD(Merge)(IRecord* pSource, const SFrameFilter* pFilter, LONG lFlags) override;
+  STDMETHOD(CheckFrame)(FILETIME ftFrame, const SFrameFilter* pFilter) override;
+  // IRecordEx
+  STDMETHOD(ReservedRange)(FILETIME ftBegin, FILETIME ftEnd) override;
+  STDMETHOD(GetStatus)(BSTR* pszStatus) override;
+  STDMETHOD(GetSibling)(LONG bForward, LONG lSteps, FILETIME ft, const SFrameFilter* pFilter,
+                        FILETIME* pftOutFrameTime) override;
+
+ private:
+  void Seen(const char* pszMethod);
+  HRESULT AnswerString(const NSCom::CComBSTR& bstr, BSTR* pbstr);
+};
+
+// Serves IDescription, IKronvale and IMultipartArchive (so it also stands for a plain archive and
+// a partition), and IKronvaleQuota.
+class CScriptedArchive : public NSCom::CComObjectRootEx,
+                         public CLiveCounted,
+                         public IMultipartArchive,
+                         public IKronvaleQuota {
+ public:
+  BEGIN_COM_MAP(CScriptedArchive)
+    COM_INTERFACE_ENTRY(IMultipartArchive)
+    COM_INTERFACE_ENTRY(IKronvale)
+    COM_INTERFACE_ENTRY(IDescription)
+    COM_INTERFACE_ENTRY(IKronvaleQuota)
+  END_COM_MAP()
+
+  static HRESULT Create(const WCHAR* pszPath, IMultipartArchive** ppArchive, CScriptedArchive** ppObject = nullptr);
+
+  // ---- Script
+  HRESULT m_hrResult = S_OK;
+  NSCom::CComBSTR m_bstrPath;
+  NSCom::CComBSTR m_bstrDescription;
+  std::vector<NSCom::CComBSTR> m_vRecordNames;  // GetRecords; none answers a null array
+  SArchiveInfo m_info{};
+  SArchiveQuota m_quotaOut{};
+  SPartitionOptions m_optionsOut{};
+  std::vector<NSCom::CComPtr<IKronvale>> m_vPartitions;  // GetPartitions; AddPartition appends
+
+  // ---- Seen
+  SCallSeen m_seen;
+  IKronvale* m_pPartitionSeen = nullptr;  // not counted: only compared
+  NSCom::CComBSTR m_bstrPartitionPath;    // what the partition's GetPath answered during the call
+  HRESULT m_hrPartitionPath = E_FAIL;
+  bool m_bOptionsNull = true;
+  SPartitionOptions m_optionsSeen{};
+  bool m_bQuotaNull = true;
+  SArchiveQuota m_quotaSeen{};
+  int m_cFree = 0;
+
+  // IDescription
+  STDMETHOD(SetDescription)(BSTR szDescription) override;
+  STDMETHOD(GetDescription)(BSTR* pszDescription) override;
+  STDMETHOD(GetPath)(BSTR* pszPath) override;
+  // IKronvale
+  STDMETHOD(CreateRecord)(BSTR name, IRecord** ppRecord) override;
+  STDMETHOD(OpenRecord)(BSTR name, IRecord** ppRecord) override;
+  STDMETHOD(GetRecords)(BSTR** ppszRecordName, DWORD* pdwRecordNameCount) override;
+  STDMETHOD(SetQuota)(ULONGLONG ullMinimumFreeDiskSpace, ULONGLONG ullMaximumArchiveSize) override;
+  STDMETHOD(SetFlushTimeout)(ULONG ulFlushTimeout) override;
+  STDMETHOD(GetInfo)(SArchiveInfo* pArchiveInfo) override;
+  STDMETHOD(Free)() override;
+  STDMETHOD(DeleteRecord)(BSTR name) override;
+  // IMultipartArchive
+  STDMETHOD(AddPartition)(IKronvale* pPartition) override;
+  STDMETHOD(RemovePartition)(IKronvale* pPartition) override;
+  STDMETHOD(SetPartitionOptions)(IKronvale* pPartition, const SPartitionOptions* pOptions) override;
+  STDMETHOD(GetPartitionOptions)(IKronvale* pPartition, SPartitionOptions* pOptions) override;
+  STDMETHOD(GetPartitions)(DWORD* pdwCount, IKronvale*** ppPartitions) override;
+  // IKronvaleQuota
+  STDMETHOD(SetArchiveQuota)(const SArchiveQuota* pQuota) override;
+  STDMETHOD(GetArchiveQuota)(SArchiveQuota* pQuota) override;
+
+ private:
+  void Seen(const char* pszMethod);
+  void SeePartition(IKronvale* pPartition);
+  HRESULT NewRecord(const char* pszMethod, BSTR name, IRecord** ppRecord);
+};
+
+// Serves IArchiveFactory: every archive it makes is a new scripted archive whose path is the one
+// given.
+class CScriptedFactory : public NSCom::CComObjectRootEx, public CLiveCounted, public IArchiveFactory {
+ public:
+  BEGIN_COM_MAP(CScriptedFactory)
+    COM_INTERFACE_ENTRY(IArchiveFactory)
+  END_COM_MAP()
+
+  static HRESULT Create(IArchiveFactory** ppFactory, CScriptedFactory** ppObject);
+
+  HRESULT m_hrResult = S_OK;
+  SCallSeen m_seen;
+  CScriptedArchive* m_pLastMade = nullptr;  // not counted: only compared
+
+  STDMETHOD(CreateArchive)(BSTR path, IKronvale** ppKronvale) override;
+  STDMETHOD(OpenArchive)(BSTR path, IKronvale** ppKronvale) override;
+  STDMETHOD(DeleteArchive)(BSTR path) override;
+  STDMETHOD(CreateMultipartArchive)(BSTR path, IMultipartArchive** ppMultipartArchive) override;
+
+ private:
+  HRESULT Make(const char* pszMethod, BSTR path, NSCom::CComPtr<IMultipartArchive>& spArchive);
+};
+
+}  // namespace NKvMarshalTest
+
+#endif  // _WIN32
