@@ -31,18 +31,13 @@ TEST(ComGuid, EqualityComparesEveryField) {
   EXPECT_TRUE(IsEqualGUID(guid, other));
   EXPECT_TRUE(IsEqualIID(guid, other));
   EXPECT_TRUE(guid == other);
-  other.Data1 ^= 0x80000000u;
-  EXPECT_FALSE(IsEqualGUID(guid, other));
-  other = guid;
-  other.Data2 ^= 1;
-  EXPECT_FALSE(IsEqualGUID(guid, other));
-  other = guid;
-  other.Data3 ^= 0x8000;
-  EXPECT_FALSE(IsEqualGUID(guid, other));
-  other = guid;
-  other.Data4[7] ^= 1;
-  EXPECT_FALSE(IsEqualGUID(guid, other));
-  EXPECT_TRUE(guid != other);
+  // One bit off in any byte of any field.
+  for (size_t i = 0; i < sizeof(GUID); ++i) {
+    other = guid;
+    reinterpret_cast<unsigned char*>(&other)[i] ^= 0x80;
+    EXPECT_FALSE(IsEqualGUID(guid, other)) << i;
+    EXPECT_TRUE(guid != other) << i;
+  }
   EXPECT_FALSE(IsEqualGUID(guid, GUID_NULL));
   EXPECT_EQ(16u, sizeof(GUID));
   const GUID zero = {0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
@@ -51,27 +46,26 @@ TEST(ComGuid, EqualityComparesEveryField) {
 }
 
 TEST(ComGuid, UuidofGivesTheSystemIdentifiers) {
-  const GUID kIUnknown = MakeGuid(0x00000000, 0x0000, 0x0000, 0xC0, 0x46);
-  const GUID kIClassFactory = MakeGuid(0x00000001, 0x0000, 0x0000, 0xC0, 0x46);
-  const GUID kIMarshal = MakeGuid(0x00000003, 0x0000, 0x0000, 0xC0, 0x46);
-  const GUID kIStream = MakeGuid(0x0000000C, 0x0000, 0x0000, 0xC0, 0x46);
-  const GUID kISequentialStream = {0x0C733A30, 0x2A1C, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}};
-
-  EXPECT_TRUE(IsEqualIID(kIUnknown, __uuidof(IUnknown)));
-  EXPECT_TRUE(IsEqualIID(kIClassFactory, __uuidof(IClassFactory)));
-  EXPECT_TRUE(IsEqualIID(kIMarshal, __uuidof(IMarshal)));
-  EXPECT_TRUE(IsEqualIID(kIStream, __uuidof(IStream)));
-  EXPECT_TRUE(IsEqualIID(kISequentialStream, __uuidof(ISequentialStream)));
-  // The linkable identifiers agree with __uuidof.
-  EXPECT_TRUE(IsEqualIID(IID_IUnknown, __uuidof(IUnknown)));
-  EXPECT_TRUE(IsEqualIID(IID_IClassFactory, __uuidof(IClassFactory)));
-  EXPECT_TRUE(IsEqualIID(IID_IMarshal, __uuidof(IMarshal)));
-  EXPECT_TRUE(IsEqualIID(IID_IStream, __uuidof(IStream)));
-  EXPECT_TRUE(IsEqualIID(IID_ISequentialStream, __uuidof(ISequentialStream)));
+  struct SCase {
+    GUID guidExpected;
+    const IID& riidUuidof;
+    const IID& riidLinked;  // the linkable identifier agrees with __uuidof
+  } const aCases[] = {
+      {MakeGuid(0x00000000, 0x0000, 0x0000, 0xC0, 0x46), __uuidof(IUnknown), IID_IUnknown},
+      {MakeGuid(0x00000001, 0x0000, 0x0000, 0xC0, 0x46), __uuidof(IClassFactory), IID_IClassFactory},
+      {MakeGuid(0x00000003, 0x0000, 0x0000, 0xC0, 0x46), __uuidof(IMarshal), IID_IMarshal},
+      {MakeGuid(0x0000000C, 0x0000, 0x0000, 0xC0, 0x46), __uuidof(IStream), IID_IStream},
+      {{0x0C733A30, 0x2A1C, 0x11CE, {0xAD, 0xE5, 0x00, 0xAA, 0x00, 0x44, 0x77, 0x3D}}, __uuidof(ISequentialStream),
+       IID_ISequentialStream},
+  };
+  for (const SCase& c : aCases) {
+    EXPECT_TRUE(IsEqualIID(c.guidExpected, c.riidUuidof)) << c.guidExpected.Data1;
+    EXPECT_TRUE(IsEqualIID(c.guidExpected, c.riidLinked)) << c.guidExpected.Data1;
+  }
   // __uuidof takes an expression too, also of pointer type.
   IStream* pStream = nullptr;
-  EXPECT_TRUE(IsEqualIID(kIStream, __uuidof(pStream)));
-  EXPECT_TRUE(IsEqualIID(kIStream, __uuidof(IStream*)));
+  EXPECT_TRUE(IsEqualIID(aCases[3].guidExpected, __uuidof(pStream)));
+  EXPECT_TRUE(IsEqualIID(aCases[3].guidExpected, __uuidof(IStream*)));
 }
 
 TEST(ComBstr, LayoutHasByteLengthPrefixAndZeroTerminator) {

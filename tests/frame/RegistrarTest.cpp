@@ -1,198 +1,122 @@
-// The registrar against the in-memory registry: what the module's scripts write and remove, exact
+// The registrar against the in-memory registry, on small scripts: what they write and remove, exact
 // to every key and value, ForceRemove and NoRemove, failures stopping at the first one, and
-// malformed scripts refused before anything is written.
+// malformed scripts refused before anything is written. (What the module's own scripts write is
+// checked by the module's tests.)
 #include <gtest/gtest.h>
 
 #include "common/LogCapture.h"
 #include "frame/MemoryRegistry.h"
 #include "frame/Registrar.h"
-#include "frame/Resources.h"
 
 using namespace NSFrame;
 
 namespace {
 
 constexpr HRESULT khrWriteProtect = KvHResultFromWin32(ERROR_WRITE_PROTECT);
-const WCHAR kszModule[] = KV_W("C:\\Program Files\\Kronvale\\kronvale.dll");
-const WCHAR kszAppId[] = KV_W("{3E3C0CF5-0797-458B-A2DD-3574998A4B14}");
 
-std::string Script(UINT nId) {
-  std::string str;
-  EXPECT_EQ(GetRegistryScript(nId, &str), S_OK) << nId;
-  return str;
-}
+// A class script in miniature: a program identifier, and the class under a shared parent.
+const char kszClassScript[] =
+    "HKCR\n{\n"
+    "\tProg.1 = s 'Text'\n\t{\n\t\tCLSID = s '{C}'\n\t}\n"
+    "\tNoRemove CLSID\n\t{\n"
+    "\t\tForceRemove {C} = s 'Text'\n\t\t{\n"
+    "\t\t\tInprocServer32 = s '%MODULE%'\n\t\t\t{\n\t\t\t\tval ThreadingModel = s 'Both'\n\t\t\t}\n"
+    "\t\t\tval AppID = s '%APPID%'\n"
+    "\t\t}\n\t}\n}\n";
 
-// A registrar with the module's two replacements.
-struct SModuleRegistrar {
+// What it leaves in an empty registry.
+const char kszClassRegistered[] =
+    "HKCR\\CLSID\n"
+    "HKCR\\CLSID\\{C}\n"
+    "HKCR\\CLSID\\{C} = 'Text'\n"
+    "HKCR\\CLSID\\{C} [AppID] = 'app'\n"
+    "HKCR\\CLSID\\{C}\\InprocServer32\n"
+    "HKCR\\CLSID\\{C}\\InprocServer32 = 'C:\\mod.dll'\n"
+    "HKCR\\CLSID\\{C}\\InprocServer32 [ThreadingModel] = 'Both'\n"
+    "HKCR\\Prog.1\n"
+    "HKCR\\Prog.1 = 'Text'\n"
+    "HKCR\\Prog.1\\CLSID\n"
+    "HKCR\\Prog.1\\CLSID = '{C}'\n";
+
+// A registrar with the two replacements the class script uses.
+struct SClassRegistrar {
   CMemoryRegistry registry;
   CRegistrar registrar{&registry};
-  SModuleRegistrar() {
-    EXPECT_EQ(registrar.AddReplacement(KV_W("MODULE"), kszModule), S_OK);
-    EXPECT_EQ(registrar.AddReplacement(KV_W("APPID"), kszAppId), S_OK);
+  SClassRegistrar() {
+    EXPECT_EQ(registrar.AddReplacement(KV_W("MODULE"), KV_W("C:\\mod.dll")), S_OK);
+    EXPECT_EQ(registrar.AddReplacement(KV_W("APPID"), KV_W("app")), S_OK);
   }
-  HRESULT Register(UINT nId) { return registrar.Register(Script(nId)); }
-  HRESULT Unregister(UINT nId) { return registrar.Unregister(Script(nId)); }
+  HRESULT Register() { return registrar.Register(kszClassScript); }
+  HRESULT Unregister() { return registrar.Unregister(kszClassScript); }
 };
-
-// What script 101 (and 103) leaves in an empty registry.
-const char kszKronvaleRegistered[] =
-    "HKCR\\AppID\n"
-    "HKCR\\AppID\\Kronvale.DLL\n"
-    "HKCR\\AppID\\Kronvale.DLL [AppID] = '{3E3C0CF5-0797-458B-A2DD-3574998A4B14}'\n"
-    "HKCR\\AppID\\{3E3C0CF5-0797-458B-A2DD-3574998A4B14}\n"
-    "HKCR\\AppID\\{3E3C0CF5-0797-458B-A2DD-3574998A4B14} = 'Kronvale'\n"
-    "HKCR\\CLSID\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7} = 'Kronvale Class'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7} [AppID] = '{3E3C0CF5-0797-458B-A2DD-3574998A4B14}'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\InprocServer32\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\InprocServer32 = 'C:\\Program Files\\Kronvale\\kronvale.dll'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\InprocServer32 [ThreadingModel] = 'Both'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\ProgID\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\ProgID = 'Kronvale.Kronvale.1'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\TypeLib\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\TypeLib = '{A65A3C72-B362-4928-9C8C-349AC0C5DFF8}'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\VersionIndependentProgID\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\VersionIndependentProgID = 'Kronvale.Kronvale'\n"
-    "HKCR\\Kronvale.Kronvale\n"
-    "HKCR\\Kronvale.Kronvale = 'Kronvale Class'\n"
-    "HKCR\\Kronvale.Kronvale\\CLSID\n"
-    "HKCR\\Kronvale.Kronvale\\CLSID = '{78AD445A-55DC-40C3-AC1D-774A80581CF7}'\n"
-    "HKCR\\Kronvale.Kronvale\\CurVer\n"
-    "HKCR\\Kronvale.Kronvale\\CurVer = 'Kronvale.Kronvale.1'\n"
-    "HKCR\\Kronvale.Kronvale.1\n"
-    "HKCR\\Kronvale.Kronvale.1 = 'Kronvale Class'\n"
-    "HKCR\\Kronvale.Kronvale.1\\CLSID\n"
-    "HKCR\\Kronvale.Kronvale.1\\CLSID = '{78AD445A-55DC-40C3-AC1D-774A80581CF7}'\n";
-
-// What script 104 leaves in an empty registry.
-const char kszRecordExtractRegistered[] =
-    "HKCR\\CLSID\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560} = 'RecordExtract Class'\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560} [AppID] = '{3E3C0CF5-0797-458B-A2DD-3574998A4B14}'\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\InprocServer32\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\InprocServer32 = 'C:\\Program Files\\Kronvale\\kronvale.dll'\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\InprocServer32 [ThreadingModel] = 'Both'\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\ProgID\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\ProgID = 'Kronvale.RecordExtract.1'\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\TypeLib\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\TypeLib = '{A65A3C72-B362-4928-9C8C-349AC0C5DFF8}'\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\VersionIndependentProgID\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\VersionIndependentProgID = 'Kronvale.RecordExtract'\n"
-    "HKCR\\Kronvale.RecordExtract\n"
-    "HKCR\\Kronvale.RecordExtract = 'RecordExtract Class'\n"
-    "HKCR\\Kronvale.RecordExtract\\CLSID\n"
-    "HKCR\\Kronvale.RecordExtract\\CLSID = '{2F42387D-15C5-4C16-B9B8-44E099A9F560}'\n"
-    "HKCR\\Kronvale.RecordExtract\\CurVer\n"
-    "HKCR\\Kronvale.RecordExtract\\CurVer = 'Kronvale.RecordExtract.1'\n"
-    "HKCR\\Kronvale.RecordExtract.1\n"
-    "HKCR\\Kronvale.RecordExtract.1 = 'RecordExtract Class'\n"
-    "HKCR\\Kronvale.RecordExtract.1\\CLSID\n"
-    "HKCR\\Kronvale.RecordExtract.1\\CLSID = '{2F42387D-15C5-4C16-B9B8-44E099A9F560}'\n";
 
 }  // namespace
 
-TEST(Registrar, ModuleScriptsWriteExactlyTheirKeysAndValues) {
-  for (UINT nId : {kidrAppIdScript, kidrKronvaleScript}) {
-    SModuleRegistrar module;
-    ASSERT_EQ(module.Register(nId), S_OK) << nId;
-    EXPECT_EQ(module.registry.Dump(), kszKronvaleRegistered) << nId;
-    // Registering again changes nothing.
-    ASSERT_EQ(module.Register(nId), S_OK);
-    EXPECT_EQ(module.registry.Dump(), kszKronvaleRegistered);
-  }
-  SModuleRegistrar extract;
-  ASSERT_EQ(extract.Register(kidrRecordExtractScript), S_OK);
-  EXPECT_EQ(extract.registry.Dump(), kszRecordExtractRegistered);
+TEST(Registrar, RegisterWritesExactlyTheScriptAndUnregisterKeepsOthersEntries) {
+  SClassRegistrar cls;
+  ASSERT_EQ(cls.Register(), S_OK);
+  EXPECT_EQ(cls.registry.Dump(), kszClassRegistered);
+  // Registering again changes nothing.
+  ASSERT_EQ(cls.Register(), S_OK);
+  EXPECT_EQ(cls.registry.Dump(), kszClassRegistered);
+  // Out again: the NoRemove key stays, empty.
+  ASSERT_EQ(cls.Unregister(), S_OK);
+  EXPECT_EQ(cls.registry.Dump(), "HKCR\\CLSID\n");
 
-  // Script 102 has the same shape with the record's names.
-  SModuleRegistrar record;
-  ASSERT_EQ(record.Register(kidrRecordScript), S_OK);
-  WString strValue;
-  const WString strClass = KV_W("CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87}");
-  ASSERT_TRUE(record.registry.GetValue(ERegistryRoot::ClassesRoot, strClass, WString(), &strValue));
-  EXPECT_EQ(strValue, KV_W("Record Class"));
-  ASSERT_TRUE(record.registry.GetValue(ERegistryRoot::ClassesRoot, strClass + KV_W("\\InprocServer32"),
-                                       KV_W("ThreadingModel"), &strValue));
-  EXPECT_EQ(strValue, KV_W("Both"));
-  ASSERT_TRUE(record.registry.GetValue(ERegistryRoot::ClassesRoot, KV_W("Kronvale.Record\\CurVer"), WString(), &strValue));
-  EXPECT_EQ(strValue, KV_W("Kronvale.Record.1"));
-  EXPECT_FALSE(record.registry.KeyExists(ERegistryRoot::ClassesRoot, KV_W("AppID")));
-}
-
-TEST(Registrar, UnregisterRemovesWhatWasWrittenAndKeepsNoRemoveKeys) {
-  SModuleRegistrar module;
-  CMemoryRegistry& registry = module.registry;
-  // Other servers' entries under the shared keys.
+  // Other servers' entries under the shared key survive a registration and its removal.
+  SClassRegistrar shared;
+  CMemoryRegistry& registry = shared.registry;
   const ERegistryRoot eRoot = ERegistryRoot::ClassesRoot;
   ASSERT_EQ(registry.CreateKey(eRoot, KV_W("CLSID\\{00000000-0000-0000-0000-000000000001}\\InprocServer32")), S_OK);
   ASSERT_EQ(registry.SetStringValue(eRoot, KV_W("CLSID\\{00000000-0000-0000-0000-000000000001}"), WString(), KV_W("Other")), S_OK);
   ASSERT_EQ(registry.SetStringValue(eRoot, KV_W("CLSID"), KV_W("Own"), KV_W("x")), S_OK);
-  ASSERT_EQ(registry.CreateKey(eRoot, KV_W("AppID\\other.exe")), S_OK);
   const std::string strBefore = registry.Dump();
-
-  for (UINT nId : {kidrAppIdScript, kidrRecordScript, kidrKronvaleScript, kidrRecordExtractScript}) {
-    ASSERT_EQ(module.Register(nId), S_OK);
-  }
-  for (UINT nId : {kidrAppIdScript, kidrRecordScript, kidrKronvaleScript, kidrRecordExtractScript}) {
-    ASSERT_EQ(module.Unregister(nId), S_OK) << nId;
-  }
+  ASSERT_EQ(shared.Register(), S_OK);
+  ASSERT_EQ(shared.Unregister(), S_OK);
   EXPECT_EQ(registry.Dump(), strBefore);
-
-  // Into an empty registry and out again: the NoRemove keys stay, empty.
-  SModuleRegistrar fresh;
-  ASSERT_EQ(fresh.Register(kidrAppIdScript), S_OK);
-  ASSERT_EQ(fresh.Unregister(kidrAppIdScript), S_OK);
-  EXPECT_EQ(fresh.registry.Dump(), "HKCR\\AppID\nHKCR\\CLSID\n");
 }
 
 TEST(Registrar, UnregisteringWhatWasNeverRegisteredSucceedsWithoutDeleting) {
-  SModuleRegistrar module;
-  for (UINT nId : {kidrAppIdScript, kidrRecordScript, kidrKronvaleScript, kidrRecordExtractScript}) {
-    EXPECT_EQ(module.Unregister(nId), S_OK) << nId;
-  }
-  EXPECT_EQ(module.registry.Dump(), "");
-  for (const std::string& strOperation : module.registry.Journal()) {
+  SClassRegistrar cls;
+  EXPECT_EQ(cls.Unregister(), S_OK);
+  EXPECT_EQ(cls.registry.Dump(), "");
+  for (const std::string& strOperation : cls.registry.Journal()) {
     EXPECT_EQ(strOperation.rfind("OpenKey ", 0), 0u) << strOperation;
   }
 
   // Half there: the CLSID key exists, the class does not.
-  ASSERT_EQ(module.registry.CreateKey(ERegistryRoot::ClassesRoot, KV_W("CLSID")), S_OK);
-  ASSERT_EQ(module.registry.CreateKey(ERegistryRoot::ClassesRoot, KV_W("Kronvale.Kronvale\\CurVer")), S_OK);
-  EXPECT_EQ(module.Unregister(kidrKronvaleScript), S_OK);
-  EXPECT_EQ(module.registry.Dump(), "HKCR\\CLSID\n");
+  ASSERT_EQ(cls.registry.CreateKey(ERegistryRoot::ClassesRoot, KV_W("CLSID")), S_OK);
+  ASSERT_EQ(cls.registry.CreateKey(ERegistryRoot::ClassesRoot, KV_W("Prog.1\\CLSID")), S_OK);
+  EXPECT_EQ(cls.Unregister(), S_OK);
+  EXPECT_EQ(cls.registry.Dump(), "HKCR\\CLSID\n");
 }
 
 TEST(Registrar, ForceRemoveReplacesAStaleClassKey) {
-  SModuleRegistrar module;
-  CMemoryRegistry& registry = module.registry;
+  SClassRegistrar cls;
+  CMemoryRegistry& registry = cls.registry;
   const ERegistryRoot eRoot = ERegistryRoot::ClassesRoot;
-  const WString strClass = KV_W("CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}");
+  const WString strClass = KV_W("CLSID\\{C}");
   ASSERT_EQ(registry.CreateKey(eRoot, strClass + KV_W("\\InprocServer32")), S_OK);
-  ASSERT_EQ(registry.SetStringValue(eRoot, strClass + KV_W("\\InprocServer32"), WString(), KV_W("D:\\old\\kronvale.dll")), S_OK);
+  ASSERT_EQ(registry.SetStringValue(eRoot, strClass + KV_W("\\InprocServer32"), WString(), KV_W("D:\\old.dll")), S_OK);
   ASSERT_EQ(registry.SetStringValue(eRoot, strClass + KV_W("\\InprocServer32"), KV_W("ThreadingModel"), KV_W("Apartment")), S_OK);
   ASSERT_EQ(registry.CreateKey(eRoot, strClass + KV_W("\\LocalServer32\\Stale")), S_OK);
   ASSERT_EQ(registry.SetStringValue(eRoot, strClass, KV_W("Stale"), KV_W("1")), S_OK);
-  // The program identifiers are not ForceRemove: what else is under them stays.
-  ASSERT_EQ(registry.CreateKey(eRoot, KV_W("Kronvale.Kronvale\\Extra")), S_OK);
+  // The program identifier is not ForceRemove: what else is under it stays.
+  ASSERT_EQ(registry.CreateKey(eRoot, KV_W("Prog.1\\Extra")), S_OK);
 
-  ASSERT_EQ(module.Register(kidrAppIdScript), S_OK);
-  const std::string strExpected = std::string(kszKronvaleRegistered);
-  const std::string strExtra = "HKCR\\Kronvale.Kronvale\\Extra\n";
-  std::string strWithExtra = strExpected;
-  strWithExtra.insert(strWithExtra.find("HKCR\\Kronvale.Kronvale.1\n"), strExtra);
+  ASSERT_EQ(cls.Register(), S_OK);
+  std::string strWithExtra = kszClassRegistered;
+  strWithExtra += "HKCR\\Prog.1\\Extra\n";
   EXPECT_EQ(registry.Dump(), strWithExtra);
 
   // A plain key that keeps someone else's subkey stays on unregister, with its default value, but
   // loses its listed subkeys.
-  ASSERT_EQ(module.Unregister(kidrAppIdScript), S_OK);
+  ASSERT_EQ(cls.Unregister(), S_OK);
   EXPECT_EQ(registry.Dump(),
-            "HKCR\\AppID\n"
             "HKCR\\CLSID\n"
-            "HKCR\\Kronvale.Kronvale\n"
-            "HKCR\\Kronvale.Kronvale = 'Kronvale Class'\n"
-            "HKCR\\Kronvale.Kronvale\\Extra\n");
+            "HKCR\\Prog.1\n"
+            "HKCR\\Prog.1 = 'Text'\n"
+            "HKCR\\Prog.1\\Extra\n");
 }
 
 TEST(Registrar, ValuesOfKeysThatStayAreDeletedOnUnregister) {
@@ -217,48 +141,48 @@ TEST(Registrar, ValuesOfKeysThatStayAreDeletedOnUnregister) {
 
 TEST(Registrar, AFailingOperationStopsTheScriptWithItsResult) {
   // Count the operations of a clean run in each direction, then fail each of them in turn.
-  SModuleRegistrar reference;
-  ASSERT_EQ(reference.Register(kidrAppIdScript), S_OK);
+  SClassRegistrar reference;
+  ASSERT_EQ(reference.Register(), S_OK);
   const size_t cRegister = reference.registry.Journal().size();
   reference.registry.ClearJournal();
-  ASSERT_EQ(reference.Unregister(kidrAppIdScript), S_OK);
+  ASSERT_EQ(reference.Unregister(), S_OK);
   const size_t cUnregister = reference.registry.Journal().size();
-  ASSERT_GT(cRegister, 20u);
-  ASSERT_GT(cUnregister, 10u);
+  ASSERT_GT(cRegister, 8u);
+  ASSERT_GT(cUnregister, 4u);
 
   for (unsigned n = 1; n <= cRegister; ++n) {
-    SModuleRegistrar module;
-    module.registry.FailOperation(n, khrWriteProtect);
-    EXPECT_EQ(module.Register(kidrAppIdScript), khrWriteProtect) << n;
-    EXPECT_EQ(module.registry.Journal().size(), n) << "operations after the failure of operation " << n;
+    SClassRegistrar cls;
+    cls.registry.FailOperation(n, khrWriteProtect);
+    EXPECT_EQ(cls.Register(), khrWriteProtect) << n;
+    EXPECT_EQ(cls.registry.Journal().size(), n) << "operations after the failure of operation " << n;
   }
   for (unsigned n = 1; n <= cUnregister; ++n) {
-    SModuleRegistrar module;
-    ASSERT_EQ(module.Register(kidrAppIdScript), S_OK);
-    module.registry.ClearJournal();
-    module.registry.FailOperation(n, khrWriteProtect);
-    EXPECT_EQ(module.Unregister(kidrAppIdScript), khrWriteProtect) << n;
-    EXPECT_EQ(module.registry.Journal().size(), n) << "operations after the failure of operation " << n;
+    SClassRegistrar cls;
+    ASSERT_EQ(cls.Register(), S_OK);
+    cls.registry.ClearJournal();
+    cls.registry.FailOperation(n, khrWriteProtect);
+    EXPECT_EQ(cls.Unregister(), khrWriteProtect) << n;
+    EXPECT_EQ(cls.registry.Journal().size(), n) << "operations after the failure of operation " << n;
   }
 
-  // The first operations of registration, in order: the first program identifier is written
-  // completely before the next key is touched.
-  SModuleRegistrar module;
-  module.registry.FailOperation(5, E_ACCESSDENIED);
-  EXPECT_EQ(module.Register(kidrAppIdScript), E_ACCESSDENIED);
+  // The first operations of registration, in order: the program identifier is written completely
+  // before the next key is touched.
+  SClassRegistrar cls;
+  cls.registry.FailOperation(5, E_ACCESSDENIED);
+  EXPECT_EQ(cls.Register(), E_ACCESSDENIED);
   const std::vector<std::string> vExpected = {
-      "CreateKey HKCR\\Kronvale.Kronvale.1",
-      "SetStringValue HKCR\\Kronvale.Kronvale.1 []",
-      "CreateKey HKCR\\Kronvale.Kronvale.1\\CLSID",
-      "SetStringValue HKCR\\Kronvale.Kronvale.1\\CLSID []",
-      "CreateKey HKCR\\Kronvale.Kronvale",
+      "CreateKey HKCR\\Prog.1",
+      "SetStringValue HKCR\\Prog.1 []",
+      "CreateKey HKCR\\Prog.1\\CLSID",
+      "SetStringValue HKCR\\Prog.1\\CLSID []",
+      "CreateKey HKCR\\CLSID",
   };
-  EXPECT_EQ(module.registry.Journal(), vExpected);
-  EXPECT_EQ(module.registry.Dump(),
-            "HKCR\\Kronvale.Kronvale.1\n"
-            "HKCR\\Kronvale.Kronvale.1 = 'Kronvale Class'\n"
-            "HKCR\\Kronvale.Kronvale.1\\CLSID\n"
-            "HKCR\\Kronvale.Kronvale.1\\CLSID = '{78AD445A-55DC-40C3-AC1D-774A80581CF7}'\n");
+  EXPECT_EQ(cls.registry.Journal(), vExpected);
+  EXPECT_EQ(cls.registry.Dump(),
+            "HKCR\\Prog.1\n"
+            "HKCR\\Prog.1 = 'Text'\n"
+            "HKCR\\Prog.1\\CLSID\n"
+            "HKCR\\Prog.1\\CLSID = '{C}'\n");
 }
 
 TEST(Registrar, SyntaxVariantsAndReplacements) {

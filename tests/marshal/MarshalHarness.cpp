@@ -182,14 +182,6 @@ std::vector<BYTE> Pattern(size_t cb, unsigned uSeed) {
   return v;
 }
 
-SBstrContent ContentOf(BSTR bstr) {
-  SBstrContent content;
-  content.bNull = bstr == nullptr;
-  content.cbBytes = SysStringByteLen(bstr);
-  content.vChars.assign(bstr, bstr + SysStringLen(bstr));
-  return content;
-}
-
 // ---- CMarshalTest ----------------------------------------------------------------------------------
 
 void CMarshalTest::SetUp() {

@@ -118,16 +118,6 @@ inline ULONGLONG U64(const FILETIME& ft) { return (ULONGLONG(ft.dwHighDateTime) 
 // Bytes that differ at every offset, seeded so that two buffers never look alike.
 std::vector<BYTE> Pattern(size_t cb, unsigned uSeed);
 
-// A BSTR's exact content (embedded zeros included) as a vector; a null BSTR is distinguished from an
-// empty one by the flag.
-struct SBstrContent {
-  bool bNull = true;
-  std::vector<WCHAR> vChars;
-  UINT cbBytes = 0;
-  bool operator==(const SBstrContent&) const = default;
-};
-SBstrContent ContentOf(BSTR bstr);
-
 // ---- The fixture -----------------------------------------------------------------------------------
 
 // Each test gets a fresh server apartment with a scripted record (served as IRecordEx), a scripted

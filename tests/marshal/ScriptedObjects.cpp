@@ -48,6 +48,65 @@ BSTR CopyBstr(BSTR bstr) {
   return bstr != nullptr ? SysAllocStringByteLen(reinterpret_cast<LPCSTR>(bstr), SysStringByteLen(bstr)) : nullptr;
 }
 
+// Records a BSTR in-parameter and keeps an exact copy of it in bstrStore; answers hr.
+HRESULT StoreString(SCallSeen& seen, const char* pszMethod, BSTR bstr, CComBSTR& bstrStore, HRESULT hr) {
+  seen.Reset(pszMethod);
+  seen.string = ContentOf(bstr);
+  bstrStore.Attach(CopyBstr(bstr));
+  return hr;
+}
+
+// Records a call that hands out a copy of bstr; answers the script's hr.
+HRESULT AnswerString(SCallSeen& seen, const char* pszMethod, const CComBSTR& bstr, BSTR* pbstr, HRESULT hr) {
+  seen.Reset(pszMethod);
+  if (pbstr == nullptr) {
+    return E_POINTER;
+  }
+  *pbstr = nullptr;
+  if (FAILED(hr)) {
+    return hr;
+  }
+  const HRESULT hrCopy = bstr.CopyTo(pbstr);
+  return FAILED(hrCopy) ? hrCopy : hr;
+}
+
+// A callee-allocated array of copies of v's elements (copied by fnCopy); none answers a null array.
+template <class T, class TItem, class TCopy>
+HRESULT AnswerArray(const std::vector<TItem>& v, T** ppArray, DWORD* pdwCount, TCopy fnCopy) {
+  if (ppArray == nullptr || pdwCount == nullptr) {
+    return E_POINTER;
+  }
+  *ppArray = nullptr;
+  *pdwCount = 0;
+  if (v.empty()) {
+    return S_OK;
+  }
+  T* a = static_cast<T*>(CoTaskMemAlloc(v.size() * sizeof(T)));
+  if (a == nullptr) {
+    return E_OUTOFMEMORY;
+  }
+  for (size_t i = 0; i < v.size(); ++i) {
+    a[i] = fnCopy(v[i]);
+  }
+  *ppArray = a;
+  *pdwCount = static_cast<DWORD>(v.size());
+  return S_OK;
+}
+
+// Makes a scripted record or archive, attaching an exact copy of strName as its name or path.
+template <class T, class I>
+HRESULT MakeNamed(BSTR bstrName, CComBSTR T::*pmName, I** pp, T** ppObject) {
+  CComObject<T>* p = nullptr;
+  const HRESULT hr = MakeObject<T>(pp, &p);
+  if (SUCCEEDED(hr)) {
+    (p->*pmName).Attach(CopyBstr(bstrName));
+    if (ppObject != nullptr) {
+      *ppObject = p;
+    }
+  }
+  return hr;
+}
+
 }  // namespace
 
 SFilterSeen SeeFilter(const SFrameFilter* pFilter) {
@@ -60,96 +119,80 @@ SFilterSeen SeeFilter(const SFrameFilter* pFilter) {
   return seen;
 }
 
-void SCallSeen::Reset(const char* psz) {
+SBstrContent ContentOf(BSTR bstr) {
+  SBstrContent content;
+  content.bNull = bstr == nullptr;
+  content.cbBytes = SysStringByteLen(bstr);
+  content.vChars.assign(bstr, bstr + SysStringLen(bstr));
+  return content;
+}
+
+void SCallSeen::Reset(const char* psz, const SFrameFilter* pFilter) {
   *this = SCallSeen();
   pszMethod = psz;
   dwThreadId = GetCurrentThreadId();
-}
-
-void SCallSeen::String(BSTR bstr) {
-  bStringNull = bstr == nullptr;
-  cbString = SysStringByteLen(bstr);
-  vString.assign(bstr, bstr + SysStringLen(bstr));
+  filter = SeeFilter(pFilter);
 }
 
 // ---- CScriptedRecord --------------------------------------------------------------------------------
 
 HRESULT CScriptedRecord::Create(const WCHAR* pszName, IRecordEx** ppRecord, CScriptedRecord** ppObject) {
-  CComObject<CScriptedRecord>* p = nullptr;
-  HRESULT hr = MakeObject<CScriptedRecord>(ppRecord, &p);
-  if (SUCCEEDED(hr)) {
-    p->m_bstrName = pszName;
-    if (ppObject != nullptr) {
-      *ppObject = p;
-    }
-  }
-  return hr;
+  return MakeNamed(CComBSTR(pszName), &CScriptedRecord::m_bstrName, ppRecord, ppObject);
 }
 
-void CScriptedRecord::Seen(const char* pszMethod) { m_seen.Reset(pszMethod); }
-
-HRESULT CScriptedRecord::AnswerString(const CComBSTR& bstr, BSTR* pbstr) {
-  if (pbstr == nullptr) {
+HRESULT CScriptedRecord::AnswerTime(FILETIME* pft) {
+  if (pft == nullptr) {
     return E_POINTER;
   }
-  *pbstr = nullptr;
-  if (FAILED(m_hrResult)) {
-    return m_hrResult;
-  }
-  HRESULT hr = bstr.CopyTo(pbstr);
-  return FAILED(hr) ? hr : m_hrResult;
-}
-
-STDMETHODIMP CScriptedRecord::SetDescription(BSTR szDescription) {
-  Seen("SetDescription");
-  m_seen.String(szDescription);
-  m_bstrDescription.Attach(CopyBstr(szDescription));
+  *pft = FtOf(m_ullTimeOut);
   return m_hrResult;
 }
 
-STDMETHODIMP CScriptedRecord::GetDescription(BSTR* pszDescription) {
-  Seen("GetDescription");
-  return AnswerString(m_bstrDescription, pszDescription);
-}
-
-STDMETHODIMP CScriptedRecord::GetPath(BSTR* pszPath) {
-  Seen("GetPath");
-  return AnswerString(m_bstrPath, pszPath);
-}
-
-STDMETHODIMP CScriptedRecord::Write(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount) {
-  Seen("Write");
-  m_seen.vTimes = {U64Of(ftFrame)};
-  m_seen.vLongs = {static_cast<LONG>(dwFlags), static_cast<LONG>(dwCount)};
+void CScriptedRecord::SeeBuffers(const char* pszMethod, FILETIME ft, const SFrameBuffer* pBuff, DWORD dwCount,
+                                 bool bBytes) {
+  m_seen.Reset(pszMethod);
+  m_seen.vTimes = {U64Of(ft)};
+  m_seen.vLongs = {static_cast<LONG>(dwCount)};
   m_bBuffersNull = pBuff == nullptr;
   m_vBuffers.clear();
   for (DWORD i = 0; pBuff != nullptr && i < dwCount; ++i) {
-    SBufferSeen seen;
-    seen.bData = pBuff[i].pData != nullptr;
-    seen.dwDataSize = pBuff[i].dwDataSize;
-    if (seen.bData) {
+    SBufferSeen seen{pBuff[i].pData != nullptr, pBuff[i].dwDataSize, {}};
+    if (bBytes && seen.bData) {
       seen.vData.assign(pBuff[i].pData, pBuff[i].pData + pBuff[i].dwDataSize);
     }
     m_vBuffers.push_back(std::move(seen));
   }
+}
+
+STDMETHODIMP CScriptedRecord::SetDescription(BSTR szDescription) {
+  return StoreString(m_seen, "SetDescription", szDescription, m_bstrDescription, m_hrResult);
+}
+STDMETHODIMP CScriptedRecord::GetDescription(BSTR* pszDescription) {
+  return AnswerString(m_seen, "GetDescription", m_bstrDescription, pszDescription, m_hrResult);
+}
+STDMETHODIMP CScriptedRecord::GetPath(BSTR* pszPath) {
+  return AnswerString(m_seen, "GetPath", m_bstrPath, pszPath, m_hrResult);
+}
+STDMETHODIMP CScriptedRecord::GetName(BSTR* pszName) {
+  return AnswerString(m_seen, "GetName", m_bstrName, pszName, m_hrResult);
+}
+STDMETHODIMP CScriptedRecord::GetStatus(BSTR* pszStatus) {
+  return AnswerString(m_seen, "GetStatus", m_bstrStatus, pszStatus, m_hrResult);
+}
+
+STDMETHODIMP CScriptedRecord::Write(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount) {
+  SeeBuffers("Write", ftFrame, pBuff, dwCount, true);
+  m_seen.vLongs.insert(m_seen.vLongs.begin(), static_cast<LONG>(dwFlags));
   return m_hrResult;
 }
 
 STDMETHODIMP CScriptedRecord::Read(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuff, DWORD dwCount) {
-  Seen("Read");
-  m_seen.vTimes = {U64Of(ftFrame)};
-  m_seen.vLongs = {static_cast<LONG>(dwCount)};
-  m_bBuffersNull = pBuff == nullptr;
-  m_vBuffers.clear();
+  SeeBuffers("Read", ftFrame, pBuff, dwCount, false);
   if (pdwFlags == nullptr) {
     return E_POINTER;
   }
   *pdwFlags = m_dwReadFlags;
   for (DWORD i = 0; pBuff != nullptr && i < dwCount; ++i) {
-    SBufferSeen seen;
-    seen.bData = pBuff[i].pData != nullptr;
-    seen.dwDataSize = pBuff[i].dwDataSize;
-    m_vBuffers.push_back(seen);
     const std::vector<BYTE> vEmpty;
     const std::vector<BYTE>& vData = i < m_vReadData.size() ? m_vReadData[i] : vEmpty;
     if (pBuff[i].pData != nullptr) {
@@ -173,68 +216,38 @@ STDMETHODIMP CScriptedRecord::Read(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuff
 }
 
 STDMETHODIMP CScriptedRecord::GetNext(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftNextFrameTime) {
-  Seen("GetNext");
+  m_seen.Reset("GetNext", pFilter);
   m_seen.vTimes = {U64Of(ft)};
-  m_seen.filter = SeeFilter(pFilter);
-  if (pftNextFrameTime == nullptr) {
-    return E_POINTER;
-  }
-  *pftNextFrameTime = FtOf(m_ullTimeOut);
-  return m_hrResult;
+  return AnswerTime(pftNextFrameTime);
 }
 
 STDMETHODIMP CScriptedRecord::GetPrev(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftPrevFrameTime) {
-  Seen("GetPrev");
+  m_seen.Reset("GetPrev", pFilter);
   m_seen.vTimes = {U64Of(ft)};
-  m_seen.filter = SeeFilter(pFilter);
-  if (pftPrevFrameTime == nullptr) {
-    return E_POINTER;
-  }
-  *pftPrevFrameTime = FtOf(m_ullTimeOut);
-  return m_hrResult;
+  return AnswerTime(pftPrevFrameTime);
 }
 
 STDMETHODIMP CScriptedRecord::GetStatistic(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution,
                                            const SFrameFilter* pFilter, LONG lFlags, DWORD* pdwCount,
                                            SRecordStatistic** ppRecordStatistic) {
-  Seen("GetStatistic");
+  m_seen.Reset("GetStatistic", pFilter);
   m_seen.vTimes = {U64Of(ftBegin), U64Of(ftEnd), U64Of(ftResolution)};
   m_seen.vLongs = {lFlags};
-  m_seen.filter = SeeFilter(pFilter);
-  if (pdwCount == nullptr || ppRecordStatistic == nullptr) {
-    return E_POINTER;
-  }
-  *pdwCount = 0;
-  *ppRecordStatistic = nullptr;
-  if (!m_vStatistic.empty()) {
-    const size_t cb = m_vStatistic.size() * sizeof(SRecordStatistic);
-    *ppRecordStatistic = static_cast<SRecordStatistic*>(CoTaskMemAlloc(cb));
-    if (*ppRecordStatistic == nullptr) {
-      return E_OUTOFMEMORY;
-    }
-    std::memcpy(*ppRecordStatistic, m_vStatistic.data(), cb);
-    *pdwCount = static_cast<DWORD>(m_vStatistic.size());
-  }
-  return m_hrResult;
+  const HRESULT hr = AnswerArray(m_vStatistic, ppRecordStatistic, pdwCount, [](const SRecordStatistic& x) { return x; });
+  return FAILED(hr) ? hr : m_hrResult;
 }
 
 STDMETHODIMP CScriptedRecord::RemoveHour(FILETIME ftHour) {
-  Seen("RemoveHour");
+  m_seen.Reset("RemoveHour");
   m_seen.vTimes = {U64Of(ftHour)};
   return m_hrResult;
 }
 
-STDMETHODIMP CScriptedRecord::GetName(BSTR* pszName) {
-  Seen("GetName");
-  return AnswerString(m_bstrName, pszName);
-}
-
 STDMETHODIMP CScriptedRecord::Extract(FILETIME ftBegin, FILETIME ftEnd, const SFrameFilter* pFilter, LONG lCount,
                                       IRecord** ppExtract) {
-  Seen("Extract");
+  m_seen.Reset("Extract", pFilter);
   m_seen.vTimes = {U64Of(ftBegin), U64Of(ftEnd)};
   m_seen.vLongs = {lCount};
-  m_seen.filter = SeeFilter(pFilter);
   if (ppExtract == nullptr) {
     return E_POINTER;
   }
@@ -252,9 +265,8 @@ STDMETHODIMP CScriptedRecord::Extract(FILETIME ftBegin, FILETIME ftEnd, const SF
 }
 
 STDMETHODIMP CScriptedRecord::Merge(IRecord* pSource, const SFrameFilter* pFilter, LONG lFlags) {
-  Seen("Merge");
+  m_seen.Reset("Merge", pFilter);
   m_seen.vLongs = {lFlags};
-  m_seen.filter = SeeFilter(pFilter);
   m_pMergeSource = pSource;
   m_bstrMergeSourceName.Empty();
   m_hrMergeSourceName = E_FAIL;
@@ -266,53 +278,33 @@ STDMETHODIMP CScriptedRecord::Merge(IRecord* pSource, const SFrameFilter* pFilte
 }
 
 STDMETHODIMP CScriptedRecord::CheckFrame(FILETIME ftFrame, const SFrameFilter* pFilter) {
-  Seen("CheckFrame");
+  m_seen.Reset("CheckFrame", pFilter);
   m_seen.vTimes = {U64Of(ftFrame)};
-  m_seen.filter = SeeFilter(pFilter);
   return m_hrResult;
 }
 
 STDMETHODIMP CScriptedRecord::ReservedRange(FILETIME ftBegin, FILETIME ftEnd) {
-  Seen("ReservedRange");
+  m_seen.Reset("ReservedRange");
   m_seen.vTimes = {U64Of(ftBegin), U64Of(ftEnd)};
   return E_NOTIMPL;
 }
 
-STDMETHODIMP CScriptedRecord::GetStatus(BSTR* pszStatus) {
-  Seen("GetStatus");
-  return AnswerString(m_bstrStatus, pszStatus);
-}
-
 STDMETHODIMP CScriptedRecord::GetSibling(LONG bForward, LONG lSteps, FILETIME ft, const SFrameFilter* pFilter,
                                          FILETIME* pftOutFrameTime) {
-  Seen("GetSibling");
+  m_seen.Reset("GetSibling", pFilter);
   m_seen.vTimes = {U64Of(ft)};
   m_seen.vLongs = {bForward, lSteps};
-  m_seen.filter = SeeFilter(pFilter);
-  if (pftOutFrameTime == nullptr) {
-    return E_POINTER;
-  }
-  *pftOutFrameTime = FtOf(m_ullTimeOut);
-  return m_hrResult;
+  return AnswerTime(pftOutFrameTime);
 }
 
 // ---- CScriptedArchive -------------------------------------------------------------------------------
 
 HRESULT CScriptedArchive::Create(const WCHAR* pszPath, IMultipartArchive** ppArchive, CScriptedArchive** ppObject) {
-  CComObject<CScriptedArchive>* p = nullptr;
-  HRESULT hr = MakeObject<CScriptedArchive>(ppArchive, &p);
-  if (SUCCEEDED(hr)) {
-    p->m_bstrPath = pszPath;
-    if (ppObject != nullptr) {
-      *ppObject = p;
-    }
-  }
-  return hr;
+  return MakeNamed(CComBSTR(pszPath), &CScriptedArchive::m_bstrPath, ppArchive, ppObject);
 }
 
-void CScriptedArchive::Seen(const char* pszMethod) { m_seen.Reset(pszMethod); }
-
-void CScriptedArchive::SeePartition(IKronvale* pPartition) {
+void CScriptedArchive::SeePartition(const char* pszMethod, IKronvale* pPartition) {
+  m_seen.Reset(pszMethod);
   m_pPartitionSeen = pPartition;
   m_bstrPartitionPath.Empty();
   m_hrPartitionPath = E_FAIL;
@@ -322,33 +314,18 @@ void CScriptedArchive::SeePartition(IKronvale* pPartition) {
 }
 
 STDMETHODIMP CScriptedArchive::SetDescription(BSTR szDescription) {
-  Seen("SetDescription");
-  m_seen.String(szDescription);
-  m_bstrDescription.Attach(CopyBstr(szDescription));
-  return m_hrResult;
+  return StoreString(m_seen, "SetDescription", szDescription, m_bstrDescription, m_hrResult);
 }
-
 STDMETHODIMP CScriptedArchive::GetDescription(BSTR* pszDescription) {
-  Seen("GetDescription");
-  if (pszDescription == nullptr) {
-    return E_POINTER;
-  }
-  HRESULT hr = m_bstrDescription.CopyTo(pszDescription);
-  return FAILED(hr) ? hr : m_hrResult;
+  return AnswerString(m_seen, "GetDescription", m_bstrDescription, pszDescription, m_hrResult);
 }
-
 STDMETHODIMP CScriptedArchive::GetPath(BSTR* pszPath) {
-  Seen("GetPath");
-  if (pszPath == nullptr) {
-    return E_POINTER;
-  }
-  HRESULT hr = m_bstrPath.CopyTo(pszPath);
-  return FAILED(hr) ? hr : m_hrResult;
+  return AnswerString(m_seen, "GetPath", m_bstrPath, pszPath, m_hrResult);
 }
 
 HRESULT CScriptedArchive::NewRecord(const char* pszMethod, BSTR name, IRecord** ppRecord) {
-  Seen(pszMethod);
-  m_seen.String(name);
+  m_seen.Reset(pszMethod);
+  m_seen.string = ContentOf(name);
   if (ppRecord == nullptr) {
     return E_POINTER;
   }
@@ -357,14 +334,9 @@ HRESULT CScriptedArchive::NewRecord(const char* pszMethod, BSTR name, IRecord** 
     return m_hrResult;
   }
   CComPtr<IRecordEx> spRecord;
-  CScriptedRecord* pObject = nullptr;
-  HRESULT hr = CScriptedRecord::Create(nullptr, &spRecord, &pObject);
-  if (FAILED(hr)) {
-    return hr;
-  }
-  pObject->m_bstrName.Attach(CopyBstr(name));
+  const HRESULT hr = MakeNamed<CScriptedRecord>(name, &CScriptedRecord::m_bstrName, &spRecord, nullptr);
   *ppRecord = spRecord.Detach();
-  return m_hrResult;
+  return FAILED(hr) ? hr : m_hrResult;
 }
 
 STDMETHODIMP CScriptedArchive::CreateRecord(BSTR name, IRecord** ppRecord) {
@@ -376,41 +348,25 @@ STDMETHODIMP CScriptedArchive::OpenRecord(BSTR name, IRecord** ppRecord) {
 }
 
 STDMETHODIMP CScriptedArchive::GetRecords(BSTR** ppszRecordName, DWORD* pdwRecordNameCount) {
-  Seen("GetRecords");
-  if (ppszRecordName == nullptr || pdwRecordNameCount == nullptr) {
-    return E_POINTER;
-  }
-  *ppszRecordName = nullptr;
-  *pdwRecordNameCount = 0;
-  if (m_vRecordNames.empty()) {
-    return m_hrResult;
-  }
-  BSTR* aNames = static_cast<BSTR*>(CoTaskMemAlloc(m_vRecordNames.size() * sizeof(BSTR)));
-  if (aNames == nullptr) {
-    return E_OUTOFMEMORY;
-  }
-  for (size_t i = 0; i < m_vRecordNames.size(); ++i) {
-    aNames[i] = m_vRecordNames[i].Copy();
-  }
-  *ppszRecordName = aNames;
-  *pdwRecordNameCount = static_cast<DWORD>(m_vRecordNames.size());
-  return m_hrResult;
+  m_seen.Reset("GetRecords");
+  const HRESULT hr = AnswerArray(m_vRecordNames, ppszRecordName, pdwRecordNameCount, [](const CComBSTR& x) { return x.Copy(); });
+  return FAILED(hr) ? hr : m_hrResult;
 }
 
 STDMETHODIMP CScriptedArchive::SetQuota(ULONGLONG ullMinimumFreeDiskSpace, ULONGLONG ullMaximumArchiveSize) {
-  Seen("SetQuota");
+  m_seen.Reset("SetQuota");
   m_seen.vUlls = {ullMinimumFreeDiskSpace, ullMaximumArchiveSize};
   return m_hrResult;
 }
 
 STDMETHODIMP CScriptedArchive::SetFlushTimeout(ULONG ulFlushTimeout) {
-  Seen("SetFlushTimeout");
+  m_seen.Reset("SetFlushTimeout");
   m_seen.vLongs = {static_cast<LONG>(ulFlushTimeout)};
   return m_hrResult;
 }
 
 STDMETHODIMP CScriptedArchive::GetInfo(SArchiveInfo* pArchiveInfo) {
-  Seen("GetInfo");
+  m_seen.Reset("GetInfo");
   if (pArchiveInfo == nullptr) {
     return E_POINTER;
   }
@@ -419,20 +375,19 @@ STDMETHODIMP CScriptedArchive::GetInfo(SArchiveInfo* pArchiveInfo) {
 }
 
 STDMETHODIMP CScriptedArchive::Free() {
-  Seen("Free");
+  m_seen.Reset("Free");
   ++m_cFree;
   return m_hrResult;
 }
 
 STDMETHODIMP CScriptedArchive::DeleteRecord(BSTR name) {
-  Seen("DeleteRecord");
-  m_seen.String(name);
+  m_seen.Reset("DeleteRecord");
+  m_seen.string = ContentOf(name);
   return m_hrResult;
 }
 
 STDMETHODIMP CScriptedArchive::AddPartition(IKronvale* pPartition) {
-  Seen("AddPartition");
-  SeePartition(pPartition);
+  SeePartition("AddPartition", pPartition);
   if (pPartition != nullptr && SUCCEEDED(m_hrResult)) {
     m_vPartitions.emplace_back(pPartition);
   }
@@ -440,8 +395,7 @@ STDMETHODIMP CScriptedArchive::AddPartition(IKronvale* pPartition) {
 }
 
 STDMETHODIMP CScriptedArchive::RemovePartition(IKronvale* pPartition) {
-  Seen("RemovePartition");
-  SeePartition(pPartition);
+  SeePartition("RemovePartition", pPartition);
   for (auto it = m_vPartitions.begin(); it != m_vPartitions.end(); ++it) {
     if (it->IsEqualObject(pPartition)) {
       m_vPartitions.erase(it);
@@ -452,16 +406,14 @@ STDMETHODIMP CScriptedArchive::RemovePartition(IKronvale* pPartition) {
 }
 
 STDMETHODIMP CScriptedArchive::SetPartitionOptions(IKronvale* pPartition, const SPartitionOptions* pOptions) {
-  Seen("SetPartitionOptions");
-  SeePartition(pPartition);
+  SeePartition("SetPartitionOptions", pPartition);
   m_bOptionsNull = pOptions == nullptr;
   m_optionsSeen = pOptions != nullptr ? *pOptions : SPartitionOptions{};
   return m_hrResult;
 }
 
 STDMETHODIMP CScriptedArchive::GetPartitionOptions(IKronvale* pPartition, SPartitionOptions* pOptions) {
-  Seen("GetPartitionOptions");
-  SeePartition(pPartition);
+  SeePartition("GetPartitionOptions", pPartition);
   if (pOptions == nullptr) {
     return E_POINTER;
   }
@@ -470,36 +422,23 @@ STDMETHODIMP CScriptedArchive::GetPartitionOptions(IKronvale* pPartition, SParti
 }
 
 STDMETHODIMP CScriptedArchive::GetPartitions(DWORD* pdwCount, IKronvale*** ppPartitions) {
-  Seen("GetPartitions");
-  if (pdwCount == nullptr || ppPartitions == nullptr) {
-    return E_POINTER;
-  }
-  *pdwCount = 0;
-  *ppPartitions = nullptr;
-  if (m_vPartitions.empty()) {
-    return m_hrResult;
-  }
-  IKronvale** aPartitions = static_cast<IKronvale**>(CoTaskMemAlloc(m_vPartitions.size() * sizeof(IKronvale*)));
-  if (aPartitions == nullptr) {
-    return E_OUTOFMEMORY;
-  }
-  for (size_t i = 0; i < m_vPartitions.size(); ++i) {
-    m_vPartitions[i].CopyTo(&aPartitions[i]);
-  }
-  *ppPartitions = aPartitions;
-  *pdwCount = static_cast<DWORD>(m_vPartitions.size());
-  return m_hrResult;
+  m_seen.Reset("GetPartitions");
+  const HRESULT hr = AnswerArray(m_vPartitions, ppPartitions, pdwCount, [](const CComPtr<IKronvale>& sp) {
+    sp.p->AddRef();
+    return sp.p;
+  });
+  return FAILED(hr) ? hr : m_hrResult;
 }
 
 STDMETHODIMP CScriptedArchive::SetArchiveQuota(const SArchiveQuota* pQuota) {
-  Seen("SetArchiveQuota");
+  m_seen.Reset("SetArchiveQuota");
   m_bQuotaNull = pQuota == nullptr;
   m_quotaSeen = pQuota != nullptr ? *pQuota : SArchiveQuota{};
   return m_hrResult;
 }
 
 STDMETHODIMP CScriptedArchive::GetArchiveQuota(SArchiveQuota* pQuota) {
-  Seen("GetArchiveQuota");
+  m_seen.Reset("GetArchiveQuota");
   m_bQuotaNull = pQuota == nullptr;
   if (pQuota == nullptr) {
     return E_POINTER;
@@ -520,56 +459,36 @@ HRESULT CScriptedFactory::Create(IArchiveFactory** ppFactory, CScriptedFactory**
   return hr;
 }
 
-HRESULT CScriptedFactory::Make(const char* pszMethod, BSTR path, CComPtr<IMultipartArchive>& spArchive) {
+template <class I>
+HRESULT CScriptedFactory::Make(const char* pszMethod, BSTR path, I** pp) {
   m_seen.Reset(pszMethod);
-  m_seen.String(path);
+  m_seen.string = ContentOf(path);
+  if (pp == nullptr) {
+    return E_POINTER;
+  }
+  *pp = nullptr;
   if (FAILED(m_hrResult)) {
     return m_hrResult;
   }
-  CScriptedArchive* pObject = nullptr;
-  HRESULT hr = CScriptedArchive::Create(nullptr, &spArchive, &pObject);
-  if (FAILED(hr)) {
-    return hr;
-  }
-  pObject->m_bstrPath.Attach(CopyBstr(path));
-  m_pLastMade = pObject;
-  return m_hrResult;
+  CComPtr<IMultipartArchive> spArchive;
+  const HRESULT hr = MakeNamed<CScriptedArchive>(path, &CScriptedArchive::m_bstrPath, &spArchive, &m_pLastMade);
+  *pp = spArchive.Detach();
+  return FAILED(hr) ? hr : m_hrResult;
 }
 
 STDMETHODIMP CScriptedFactory::CreateArchive(BSTR path, IKronvale** ppKronvale) {
-  if (ppKronvale == nullptr) {
-    return E_POINTER;
-  }
-  CComPtr<IMultipartArchive> spArchive;
-  HRESULT hr = Make("CreateArchive", path, spArchive);
-  *ppKronvale = spArchive.Detach();
-  return hr;
+  return Make("CreateArchive", path, ppKronvale);
 }
-
 STDMETHODIMP CScriptedFactory::OpenArchive(BSTR path, IKronvale** ppKronvale) {
-  if (ppKronvale == nullptr) {
-    return E_POINTER;
-  }
-  CComPtr<IMultipartArchive> spArchive;
-  HRESULT hr = Make("OpenArchive", path, spArchive);
-  *ppKronvale = spArchive.Detach();
-  return hr;
+  return Make("OpenArchive", path, ppKronvale);
 }
-
+STDMETHODIMP CScriptedFactory::CreateMultipartArchive(BSTR path, IMultipartArchive** ppMultipartArchive) {
+  return Make("CreateMultipartArchive", path, ppMultipartArchive);
+}
 STDMETHODIMP CScriptedFactory::DeleteArchive(BSTR path) {
   m_seen.Reset("DeleteArchive");
-  m_seen.String(path);
+  m_seen.string = ContentOf(path);
   return m_hrResult;
-}
-
-STDMETHODIMP CScriptedFactory::CreateMultipartArchive(BSTR path, IMultipartArchive** ppMultipartArchive) {
-  if (ppMultipartArchive == nullptr) {
-    return E_POINTER;
-  }
-  CComPtr<IMultipartArchive> spArchive;
-  HRESULT hr = Make("CreateMultipartArchive", path, spArchive);
-  *ppMultipartArchive = spArchive.Detach();
-  return hr;
 }
 
 }  // namespace NKvMarshalTest

@@ -47,6 +47,16 @@ struct SBufferSeen {
   std::vector<BYTE> vData;  // the bytes at pData (dwDataSize of them)
 };
 
+// A BSTR's exact content (embedded zeros included) as a vector; a null BSTR is distinguished from an
+// empty one by the flag.
+struct SBstrContent {
+  bool bNull = true;
+  std::vector<WCHAR> vChars;
+  UINT cbBytes = 0;
+  bool operator==(const SBstrContent&) const = default;
+};
+SBstrContent ContentOf(BSTR bstr);
+
 // What every scripted object records about the last call it served.
 struct SCallSeen {
   const char* pszMethod = "";
@@ -55,11 +65,9 @@ struct SCallSeen {
   std::vector<LONG> vLongs;       // 32-bit in-parameters, in order
   std::vector<ULONGLONG> vUlls;   // 64-bit in-parameters, in order
   SFilterSeen filter;
-  bool bStringNull = true;        // the BSTR in-parameter
-  std::vector<WCHAR> vString;
-  UINT cbString = 0;
-  void Reset(const char* psz);
-  void String(BSTR bstr);
+  SBstrContent string;            // the BSTR in-parameter
+  // Starts the record of a call: its method, its thread, and its filter when it has one.
+  void Reset(const char* psz, const SFrameFilter* pFilter = nullptr);
 };
 
 // Serves IDescription, IRecord and IRecordEx.
@@ -119,8 +127,9 @@ class CScriptedRecord : public NSCom::CComObjectRootEx, public CLiveCounted, pub
                         FILETIME* pftOutFrameTime) override;
 
  private:
-  void Seen(const char* pszMethod);
-  HRESULT AnswerString(const NSCom::CComBSTR& bstr, BSTR* pbstr);
+  HRESULT AnswerTime(FILETIME* pft);
+  // Write/Read: the call, its time and count, and the buffers (their bytes when bBytes).
+  void SeeBuffers(const char* pszMethod, FILETIME ft, const SFrameBuffer* pBuff, DWORD dwCount, bool bBytes);
 };
 
 // Serves IDescription, IKronvale and IMultipartArchive (so it also stands for a plain archive and
@@ -184,8 +193,7 @@ class CScriptedArchive : public NSCom::CComObjectRootEx,
   STDMETHOD(GetArchiveQuota)(SArchiveQuota* pQuota) override;
 
  private:
-  void Seen(const char* pszMethod);
-  void SeePartition(IKronvale* pPartition);
+  void SeePartition(const char* pszMethod, IKronvale* pPartition);
   HRESULT NewRecord(const char* pszMethod, BSTR name, IRecord** ppRecord);
 };
 
@@ -209,7 +217,8 @@ class CScriptedFactory : public NSCom::CComObjectRootEx, public CLiveCounted, pu
   STDMETHOD(CreateMultipartArchive)(BSTR path, IMultipartArchive** ppMultipartArchive) override;
 
  private:
-  HRESULT Make(const char* pszMethod, BSTR path, NSCom::CComPtr<IMultipartArchive>& spArchive);
+  template <class I>
+  HRESULT Make(const char* pszMethod, BSTR path, I** pp);
 };
 
 }  // namespace NKvMarshalTest

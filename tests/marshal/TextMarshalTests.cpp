@@ -67,17 +67,14 @@ TEST_F(CMarshalTest, DescriptionsCrossExactlyInBothDirections) {
 
     // Record: in through SetDescription, what the object stored back out through GetDescription.
     ASSERT_EQ(S_OK, m_spRecord->SetDescription(bstrIn));
-    EXPECT_EQ(expected.bNull, m_pRecord->m_seen.bStringNull);
-    EXPECT_EQ(expected.vChars, m_pRecord->m_seen.vString);
-    EXPECT_EQ(expected.cbBytes, m_pRecord->m_seen.cbString);
+    EXPECT_EQ(expected, m_pRecord->m_seen.string);
     CComBSTR bstrOut;
     ASSERT_EQ(S_OK, m_spRecord->GetDescription(&bstrOut));
     EXPECT_EQ(expected, ContentOf(bstrOut));
 
     // Archive, through IDescription itself.
     ASSERT_EQ(S_OK, spArchiveDescription->SetDescription(bstrIn));
-    EXPECT_EQ(expected.vChars, m_pArchive->m_seen.vString);
-    EXPECT_EQ(expected.cbBytes, m_pArchive->m_seen.cbString);
+    EXPECT_EQ(expected, m_pArchive->m_seen.string);
     CComBSTR bstrArchiveOut;
     ASSERT_EQ(S_OK, spArchiveDescription->GetDescription(&bstrArchiveOut));
     EXPECT_EQ(expected, ContentOf(bstrArchiveOut));
@@ -109,17 +106,10 @@ TEST_F(CMarshalTest, NamesGoInExactlyWithTheirCalls) {
     SCOPED_TRACE(text.pszName);
     const CComBSTR bstrIn = text.Make();
     const SBstrContent expected = text.Content();
-    auto seen = [](const SCallSeen& s) {
-      SBstrContent c;
-      c.bNull = s.bStringNull;
-      c.vChars = s.vString;
-      c.cbBytes = s.cbString;
-      return c;
-    };
     // The new record answers its name through its own proxy.
     CComPtr<IRecord> spCreated;
     ASSERT_EQ(S_OK, m_spArchive->CreateRecord(bstrIn, &spCreated));
-    EXPECT_EQ(expected, seen(m_pArchive->m_seen));
+    EXPECT_EQ(expected, m_pArchive->m_seen.string);
     ASSERT_TRUE(spCreated);
     CComBSTR bstrName;
     ASSERT_EQ(S_OK, spCreated->GetName(&bstrName));
@@ -127,12 +117,12 @@ TEST_F(CMarshalTest, NamesGoInExactlyWithTheirCalls) {
     CComPtr<IRecord> spOpened;
     ASSERT_EQ(S_OK, m_spArchive->OpenRecord(bstrIn, &spOpened));
     EXPECT_STREQ("OpenRecord", m_pArchive->m_seen.pszMethod);
-    EXPECT_EQ(expected, seen(m_pArchive->m_seen));
+    EXPECT_EQ(expected, m_pArchive->m_seen.string);
     ASSERT_EQ(S_OK, m_spArchive->DeleteRecord(bstrIn));
-    EXPECT_EQ(expected, seen(m_pArchive->m_seen));
+    EXPECT_EQ(expected, m_pArchive->m_seen.string);
     // Paths to the factory.
     ASSERT_EQ(S_OK, m_spFactory->DeleteArchive(bstrIn));
-    EXPECT_EQ(expected, seen(m_pFactory->m_seen));
+    EXPECT_EQ(expected, m_pFactory->m_seen.string);
   }
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "frame/MemoryRegistry.h"
+#include "common/ModuleRegistration.h"
 #include "frame/Module.h"
 #include "platform/os.h"
 
@@ -19,80 +20,6 @@ using NSFrame::ERegistryRoot;
 
 const WCHAR kszModulePath[] = KV_W("C:\\Program Files\\Kronvale\\kronvale.dll");
 
-// Everything scripts 101 to 104 write, in CMemoryRegistry::Dump's form.
-const char kszRegistered[] =
-    "HKCR\\AppID\n"
-    "HKCR\\AppID\\Kronvale.DLL\n"
-    "HKCR\\AppID\\Kronvale.DLL [AppID] = '{3E3C0CF5-0797-458B-A2DD-3574998A4B14}'\n"
-    "HKCR\\AppID\\{3E3C0CF5-0797-458B-A2DD-3574998A4B14}\n"
-    "HKCR\\AppID\\{3E3C0CF5-0797-458B-A2DD-3574998A4B14} = 'Kronvale'\n"
-    "HKCR\\CLSID\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560} = 'RecordExtract Class'\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560} [AppID] = '{3E3C0CF5-0797-458B-A2DD-3574998A4B14}'\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\InprocServer32\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\InprocServer32 = 'C:\\Program Files\\Kronvale\\kronvale.dll'\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\InprocServer32 [ThreadingModel] = 'Both'\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\ProgID\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\ProgID = 'Kronvale.RecordExtract.1'\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\TypeLib\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\TypeLib = '{A65A3C72-B362-4928-9C8C-349AC0C5DFF8}'\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\VersionIndependentProgID\n"
-    "HKCR\\CLSID\\{2F42387D-15C5-4C16-B9B8-44E099A9F560}\\VersionIndependentProgID = 'Kronvale.RecordExtract'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7} = 'Kronvale Class'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7} [AppID] = '{3E3C0CF5-0797-458B-A2DD-3574998A4B14}'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\InprocServer32\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\InprocServer32 = 'C:\\Program Files\\Kronvale\\kronvale.dll'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\InprocServer32 [ThreadingModel] = 'Both'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\ProgID\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\ProgID = 'Kronvale.Kronvale.1'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\TypeLib\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\TypeLib = '{A65A3C72-B362-4928-9C8C-349AC0C5DFF8}'\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\VersionIndependentProgID\n"
-    "HKCR\\CLSID\\{78AD445A-55DC-40C3-AC1D-774A80581CF7}\\VersionIndependentProgID = 'Kronvale.Kronvale'\n"
-    "HKCR\\CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87}\n"
-    "HKCR\\CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87} = 'Record Class'\n"
-    "HKCR\\CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87} [AppID] = '{3E3C0CF5-0797-458B-A2DD-3574998A4B14}'\n"
-    "HKCR\\CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87}\\InprocServer32\n"
-    "HKCR\\CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87}\\InprocServer32 = 'C:\\Program Files\\Kronvale\\kronvale.dll'\n"
-    "HKCR\\CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87}\\InprocServer32 [ThreadingModel] = 'Both'\n"
-    "HKCR\\CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87}\\ProgID\n"
-    "HKCR\\CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87}\\ProgID = 'Kronvale.Record.1'\n"
-    "HKCR\\CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87}\\TypeLib\n"
-    "HKCR\\CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87}\\TypeLib = '{A65A3C72-B362-4928-9C8C-349AC0C5DFF8}'\n"
-    "HKCR\\CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87}\\VersionIndependentProgID\n"
-    "HKCR\\CLSID\\{E07A6959-FE49-42DB-B27B-0A427430FF87}\\VersionIndependentProgID = 'Kronvale.Record'\n"
-    "HKCR\\Kronvale.Kronvale\n"
-    "HKCR\\Kronvale.Kronvale = 'Kronvale Class'\n"
-    "HKCR\\Kronvale.Kronvale\\CLSID\n"
-    "HKCR\\Kronvale.Kronvale\\CLSID = '{78AD445A-55DC-40C3-AC1D-774A80581CF7}'\n"
-    "HKCR\\Kronvale.Kronvale\\CurVer\n"
-    "HKCR\\Kronvale.Kronvale\\CurVer = 'Kronvale.Kronvale.1'\n"
-    "HKCR\\Kronvale.Kronvale.1\n"
-    "HKCR\\Kronvale.Kronvale.1 = 'Kronvale Class'\n"
-    "HKCR\\Kronvale.Kronvale.1\\CLSID\n"
-    "HKCR\\Kronvale.Kronvale.1\\CLSID = '{78AD445A-55DC-40C3-AC1D-774A80581CF7}'\n"
-    "HKCR\\Kronvale.Record\n"
-    "HKCR\\Kronvale.Record = 'Record Class'\n"
-    "HKCR\\Kronvale.Record\\CLSID\n"
-    "HKCR\\Kronvale.Record\\CLSID = '{E07A6959-FE49-42DB-B27B-0A427430FF87}'\n"
-    "HKCR\\Kronvale.Record\\CurVer\n"
-    "HKCR\\Kronvale.Record\\CurVer = 'Kronvale.Record.1'\n"
-    "HKCR\\Kronvale.Record.1\n"
-    "HKCR\\Kronvale.Record.1 = 'Record Class'\n"
-    "HKCR\\Kronvale.Record.1\\CLSID\n"
-    "HKCR\\Kronvale.Record.1\\CLSID = '{E07A6959-FE49-42DB-B27B-0A427430FF87}'\n"
-    "HKCR\\Kronvale.RecordExtract\n"
-    "HKCR\\Kronvale.RecordExtract = 'RecordExtract Class'\n"
-    "HKCR\\Kronvale.RecordExtract\\CLSID\n"
-    "HKCR\\Kronvale.RecordExtract\\CLSID = '{2F42387D-15C5-4C16-B9B8-44E099A9F560}'\n"
-    "HKCR\\Kronvale.RecordExtract\\CurVer\n"
-    "HKCR\\Kronvale.RecordExtract\\CurVer = 'Kronvale.RecordExtract.1'\n"
-    "HKCR\\Kronvale.RecordExtract.1\n"
-    "HKCR\\Kronvale.RecordExtract.1 = 'RecordExtract Class'\n"
-    "HKCR\\Kronvale.RecordExtract.1\\CLSID\n"
-    "HKCR\\Kronvale.RecordExtract.1\\CLSID = '{2F42387D-15C5-4C16-B9B8-44E099A9F560}'\n";
 
 // Forwards to a memory registry and notes the thread locale each operation runs under.
 class CLocaleWatchingRegistry : public NSFrame::IRegistryTarget {
@@ -168,13 +95,14 @@ TEST(KronvaleModuleTest, ObjectMapHoldsTheThreeClassesInOrder) {
 }
 
 TEST(KronvaleModuleTest, RegistrationWritesExactlyTheScriptsKeys) {
+  const std::string strExpected = NSTest::ModuleRegistered(NSPlatform::WideToUtf8(kszModulePath));
   CMemoryRegistry registry;
   ASSERT_EQ(S_OK, CKronvaleModule::UpdateRegistry(true, registry, kszModulePath));
-  EXPECT_EQ(kszRegistered, registry.Dump());
+  EXPECT_EQ(strExpected, registry.Dump());
 
   // Script 103 repeats script 101: a second registration changes nothing.
   ASSERT_EQ(S_OK, CKronvaleModule::UpdateRegistry(true, registry, kszModulePath));
-  EXPECT_EQ(kszRegistered, registry.Dump());
+  EXPECT_EQ(strExpected, registry.Dump());
 
   // Unregistration leaves the shared parents the scripts mark NoRemove, and nothing else.
   ASSERT_EQ(S_OK, CKronvaleModule::UpdateRegistry(false, registry, kszModulePath));

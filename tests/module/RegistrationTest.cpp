@@ -7,19 +7,20 @@
 
 #include <kronvale/kronvale.h>
 
-#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "common/ModuleRegistration.h"
+#include "frame/MemoryRegistry.h"
 #include "module/Library.h"
 
 namespace {
 
 using NSModuleTest::CLibrary;
 using NSModuleTest::PFNDLLREGISTERSERVER;
-
-const std::wstring kstrAppId = L"{3E3C0CF5-0797-458B-A2DD-3574998A4B14}";
-const std::wstring kstrTypeLib = L"{A65A3C72-B362-4928-9C8C-349AC0C5DFF8}";
+using NSFrame::CMemoryRegistry;
+using NSFrame::ERegistryRoot;
 
 // Every interface with an entry in the proxy/stub, and the name it is registered under.
 struct SInterface {
@@ -59,16 +60,14 @@ std::wstring GuidText(REFGUID guid) {
 
 std::string Narrow(const std::wstring& str) { return NSPlatform::WideToUtf8(str); }
 
-// A key's tree as "sub\path [name]" -> value (the key itself "" , the default value "[]"), read
-// with the registry API. Values of another type than REG_SZ show as "<type n>".
-typedef std::map<std::wstring, std::wstring> KeyTree;
-
-bool ReadTree(HKEY hRoot, const std::wstring& strKey, KeyTree* pTree, const std::wstring& strPrefix = L"") {
+// Copies HKCR\<strKey> and everything under it into *pCopy; values of another type than REG_SZ
+// as "<type n>". Does nothing when the key is missing.
+void CopyTree(const std::wstring& strKey, CMemoryRegistry* pCopy) {
   HKEY hKey = nullptr;
-  if (RegOpenKeyExW(hRoot, strKey.c_str(), 0, KEY_READ, &hKey) != ERROR_SUCCESS) {
-    return false;
+  if (RegOpenKeyExW(HKEY_CLASSES_ROOT, strKey.c_str(), 0, KEY_READ, &hKey) != ERROR_SUCCESS) {
+    return;
   }
-  (*pTree)[strPrefix] = L"";
+  EXPECT_EQ(S_OK, pCopy->CreateKey(ERegistryRoot::ClassesRoot, strKey));
   for (DWORD i = 0;; ++i) {
     WCHAR szName[256];
     DWORD cchName = 256;
@@ -85,7 +84,7 @@ bool ReadTree(HKEY hRoot, const std::wstring& strKey, KeyTree* pTree, const std:
     } else {
       strValue = L"<type " + std::to_wstring(dwType) + L">";
     }
-    (*pTree)[strPrefix + L"[" + std::wstring(szName, cchName) + L"]"] = strValue;
+    EXPECT_EQ(S_OK, pCopy->SetStringValue(ERegistryRoot::ClassesRoot, strKey, std::wstring(szName, cchName), strValue));
   }
   std::vector<std::wstring> vSubKeys;
   for (DWORD i = 0;; ++i) {
@@ -98,15 +97,8 @@ bool ReadTree(HKEY hRoot, const std::wstring& strKey, KeyTree* pTree, const std:
   }
   RegCloseKey(hKey);
   for (const std::wstring& strSub : vSubKeys) {
-    ReadTree(hRoot, strKey + L"\\" + strSub, pTree, strPrefix + strSub + L"\\");
+    CopyTree(strKey + L"\\" + strSub, pCopy);
   }
-  return true;
-}
-
-KeyTree ReadTree(const std::wstring& strKey) {
-  KeyTree tree;
-  ReadTree(HKEY_CLASSES_ROOT, strKey, &tree);
-  return tree;
 }
 
 bool KeyExists(const std::wstring& strKey) {
@@ -118,34 +110,22 @@ bool KeyExists(const std::wstring& strKey) {
   return true;
 }
 
-std::string Show(const KeyTree& tree) {
-  std::string str;
-  for (const auto& [strName, strValue] : tree) {
-    str += Narrow(strName) + " = '" + Narrow(strValue) + "'\n";
-  }
-  return str;
-}
-
-// The trees one class's script writes.
-struct SClass {
-  const CLSID* pclsid;
-  const WCHAR* pszProgId;  // version-independent
-  const WCHAR* pszText;
-};
-const SClass kaClasses[] = {
-    {&CLSID_Kronvale, L"Kronvale.Kronvale", L"Kronvale Class"},
-    {&CLSID_Record, L"Kronvale.Record", L"Record Class"},
-    {&CLSID_RecordExtract, L"Kronvale.RecordExtract", L"RecordExtract Class"},
-};
-
-// Every key the module's own scripts own (not their NoRemove parents).
+// The keys the module's scripts own, read from the expected content: its top keys, and the keys
+// right under the shared parents AppID and CLSID (which the scripts mark NoRemove).
 std::vector<std::wstring> ModuleKeys() {
-  std::vector<std::wstring> v{L"AppID\\" + kstrAppId, L"AppID\\Kronvale.DLL"};
-  for (const SClass& cls : kaClasses) {
-    v.push_back(cls.pszProgId);
-    v.push_back(std::wstring(cls.pszProgId) + L".1");
-    v.push_back(L"CLSID\\" + GuidText(*cls.pclsid));
+  std::vector<std::wstring> v;
+  std::istringstream in(NSTest::kszModuleRegistered);
+  for (std::string strLine; std::getline(in, strLine);) {
+    if (strLine.find(" = ") != std::string::npos) continue;
+    const std::string strKey = strLine.substr(strLine.find('\\') + 1);
+    const size_t nSlash = strKey.find('\\');
+    const bool bShared = strKey.rfind("AppID", 0) == 0 || strKey.rfind("CLSID", 0) == 0;
+    if (bShared ? nSlash != std::string::npos && strKey.find('\\', nSlash + 1) == std::string::npos
+                : nSlash == std::string::npos) {
+      v.push_back(NSPlatform::Utf8ToWide(strKey));
+    }
   }
+  EXPECT_EQ(11u, v.size());  // the AppID and its name, and per class its CLSID and two ProgIDs
   return v;
 }
 
@@ -170,60 +150,43 @@ class RegistrationTest : public ::testing::Test {
     }
   }
 
+  // Exactly what the scripts write, with this library's path.
   void ExpectModuleRegistered() {
-    for (const SClass& cls : kaClasses) {
-      const std::wstring strClsid = GuidText(*cls.pclsid);
-      const std::wstring strProgId = cls.pszProgId;
-      SCOPED_TRACE(Narrow(strProgId));
-      const KeyTree versioned{{L"", L""}, {L"[]", cls.pszText}, {L"CLSID\\", L""}, {L"CLSID\\[]", strClsid}};
-      EXPECT_EQ(Show(versioned), Show(ReadTree(strProgId + L".1")));
-      const KeyTree independent{{L"", L""},         {L"[]", cls.pszText},  {L"CLSID\\", L""},
-                                {L"CLSID\\[]", strClsid}, {L"CurVer\\", L""}, {L"CurVer\\[]", strProgId + L".1"}};
-      EXPECT_EQ(Show(independent), Show(ReadTree(strProgId)));
-      const KeyTree clsid{{L"", L""},
-                          {L"[]", cls.pszText},
-                          {L"[AppID]", kstrAppId},
-                          {L"InprocServer32\\", L""},
-                          {L"InprocServer32\\[]", m_strPath},
-                          {L"InprocServer32\\[ThreadingModel]", L"Both"},
-                          {L"ProgID\\", L""},
-                          {L"ProgID\\[]", strProgId + L".1"},
-                          {L"TypeLib\\", L""},
-                          {L"TypeLib\\[]", kstrTypeLib},
-                          {L"VersionIndependentProgID\\", L""},
-                          {L"VersionIndependentProgID\\[]", strProgId}};
-      EXPECT_EQ(Show(clsid), Show(ReadTree(L"CLSID\\" + strClsid)));
+    CMemoryRegistry copy;
+    for (const std::wstring& strKey : ModuleKeys()) {
+      CopyTree(strKey, &copy);
     }
-    EXPECT_EQ(Show(KeyTree{{L"", L""}, {L"[]", L"Kronvale"}}), Show(ReadTree(L"AppID\\" + kstrAppId)));
-    EXPECT_EQ(Show(KeyTree{{L"", L""}, {L"[AppID]", kstrAppId}}), Show(ReadTree(L"AppID\\Kronvale.DLL")));
+    EXPECT_EQ(NSTest::ModuleRegistered(Narrow(m_strPath)), copy.Dump());
   }
 
   // Every interface names one proxy/stub class, served by this library; answers that class.
   std::wstring ExpectProxiesRegistered() {
+    const ERegistryRoot eRoot = ERegistryRoot::ClassesRoot;
     std::wstring strProxyClsid;
     for (const SInterface& itf : kaInterfaces) {
       SCOPED_TRACE(Narrow(itf.pszName));
-      const KeyTree tree = ReadTree(L"Interface\\" + GuidText(*itf.piid));
-      const auto itName = tree.find(L"[]");
-      auto itProxy = tree.begin();
-      while (itProxy != tree.end() && _wcsicmp(itProxy->first.c_str(), L"ProxyStubClsid32\\[]") != 0) ++itProxy;
-      EXPECT_TRUE(itName != tree.end() && itName->second == itf.pszName) << Show(tree);
-      if (itProxy == tree.end()) {
-        ADD_FAILURE() << "no ProxyStubClsid32\n" << Show(tree);
+      const std::wstring strKey = L"Interface\\" + GuidText(*itf.piid);
+      CMemoryRegistry copy;
+      CopyTree(strKey, &copy);
+      WString strName, strProxy;
+      EXPECT_TRUE(copy.GetValue(eRoot, strKey, WString(), &strName) && strName == itf.pszName) << copy.Dump();
+      // Registry names compare without regard to case, in memory as in the system registry.
+      if (!copy.GetValue(eRoot, strKey + L"\\ProxyStubClsid32", WString(), &strProxy)) {
+        ADD_FAILURE() << "no ProxyStubClsid32\n" << copy.Dump();
         continue;
       }
       if (strProxyClsid.empty()) {
-        strProxyClsid = itProxy->second;
+        strProxyClsid = strProxy;
       }
-      EXPECT_EQ(Narrow(strProxyClsid), Narrow(itProxy->second));
+      EXPECT_EQ(Narrow(strProxyClsid), Narrow(strProxy));
     }
-    // The RPC runtime writes these keys; registry names compare without regard to case.
-    const KeyTree proxy = ReadTree(L"CLSID\\" + strProxyClsid);
-    bool bServer = false;
-    for (const auto& [strName, strValue] : proxy) {
-      bServer = bServer || (_wcsicmp(strName.c_str(), L"InprocServer32\\[]") == 0 && strValue == m_strPath);
-    }
-    EXPECT_TRUE(bServer) << Show(proxy);
+    // The RPC runtime writes these keys.
+    CMemoryRegistry proxy;
+    CopyTree(L"CLSID\\" + strProxyClsid, &proxy);
+    WString strServer;
+    EXPECT_TRUE(proxy.GetValue(eRoot, L"CLSID\\" + strProxyClsid + L"\\InprocServer32", WString(), &strServer) &&
+                strServer == m_strPath)
+        << proxy.Dump();
     return strProxyClsid;
   }
 
