@@ -1,0 +1,678 @@
+#include "hours/HourManager.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+#include <vector>
+
+#include "com/ComBase.h"
+#include "hours/KronvaleUtils.h"
+#include "support/Report.h"
+
+namespace NSHours {
+
+using NSPlatform::CFile;
+using NSPlatform::SIoBuffer;
+
+namespace {
+
+constexpr HRESULT khrWriteFault = KvHResultFromWin32(ERROR_WRITE_FAULT);            // 0x8007001D
+constexpr HRESULT khrReadFault = KvHResultFromWin32(ERROR_READ_FAULT);              // 0x8007001E
+constexpr HRESULT khrFileCorrupt = KvHResultFromWin32(ERROR_FILE_CORRUPT);          // 0x80070570
+constexpr HRESULT khrNotFound = KvHResultFromWin32(ERROR_NOT_FOUND);                // 0x80070490
+constexpr HRESULT khrInsufficient = KvHResultFromWin32(ERROR_INSUFFICIENT_BUFFER);  // 0x8007007A
+constexpr HRESULT khrInvalidState = KvHResultFromWin32(ERROR_INVALID_STATE);        // 0x8007139F
+constexpr DWORD kdwNoIndex = 0xFFFFFFFFu;
+constexpr DWORD kdwNoGap = 0xFFFFFFFFu;
+
+constexpr DWORD kdwShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+// A read of exactly cb bytes at an offset; a short one is a read fault.
+HRESULT ReadExact(CFile& file, ULONGLONG ullOffset, void* pv, DWORD cb) {
+  DWORD cbRead = 0;
+  const HRESULT hr = file.ReadAt(ullOffset, pv, cb, &cbRead);
+  if (FAILED(hr)) return hr;
+  return cbRead == cb ? S_OK : khrReadFault;
+}
+
+bool TimeToSystemTime(const FILETIME& ft, SYSTEMTIME* pst) { return NSPlatform::FileTimeToSysTime(&ft, pst); }
+
+bool Matches(const SHourFrameFilter& filter, DWORD dwFlags) {
+  return NSKronvaleUtils::IsFrameMatchesFilter(filter.dwMask, filter.eMode, dwFlags);
+}
+
+}  // namespace
+
+// Every public operation holds the record's lock for its whole duration.
+#define KV_HOUR_LOCK(failure)              \
+  if (!KV_ASSERT(m_pLock)) return failure; \
+  NSSystem::CLockGuard kv_hourGuard(*m_pLock)
+
+CHourManager::CHourManager(NSSystem::ILockPtr pLock) : m_pLock(std::move(pLock)) {}
+
+CHourManager::~CHourManager() { Close(); }
+
+WString CHourManager::FilePath(const WCHAR* pszName) const { return NSPlatform::CombinePath(m_strPath, pszName); }
+
+FILETIME CHourManager::GetHourStart() {
+  if (!NSPlatform::FileTimeToU64(m_ftHourStart)) m_ftHourStart = NSKronvaleUtils::HourStartFromPath(m_strPath);
+  return m_ftHourStart;
+}
+
+// ---- Open and close -----------------------------------------------------------------------------
+
+HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered) {
+  KV_HOUR_LOCK(E_FAIL);
+  if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen() && !m_hashMapping.IsMapped(),
+                      "!m_hDescriptor && !m_hFile\n"))
+    return khrInvalidState;
+  if (m_strPath != strPath) {
+    m_strPath = strPath;
+    m_ftHourStart = {0, 0};
+  }
+  return OpenLocked(bCreate, bBuffered);
+}
+
+HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered) {
+  KV_FUNC("CHourManager::Open");
+  // 1. The directory, with every missing parent.
+  if (!NSPlatform::IsDirectory(m_strPath.c_str())) {
+    if (!bCreate) return KvHResultFromWin32(ERROR_FILE_NOT_FOUND);
+    const HRESULT hr = NSPlatform::CreateDirTree(m_strPath.c_str());
+    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  }
+  // 2.-6.
+  m_bBuffered = bBuffered;
+  HRESULT hr = OpenHash(bCreate);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  hr = OpenDescriptor(bCreate);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  hr = OpenFile();
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  m_bWritable = bCreate;
+  return S_OK;
+}
+
+HRESULT CHourManager::OpenHash(bool bCreate) {
+  bool bExisted = false;
+  HRESULT hr = m_hashFile.Open(FilePath(kszHashFileName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
+                               OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, &bExisted);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!bExisted && bCreate) {
+    // Extended, not written: the file system gives zeros, which is an empty hour.
+    hr = m_hashFile.Seek(sizeof(SHashFile), FILE_BEGIN, nullptr);
+    if (SUCCEEDED(hr)) hr = m_hashFile.SetEndOfFile();
+    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  }
+  ULONGLONG ullSize = 0;
+  hr = m_hashFile.GetSize(&ullSize);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_ASSERT_TEXT(
+          ::NSReport::NDetail::RecordValue("_AR(", "GetFileSize(hHash, NULL)", ullSize) == sizeof(SHashFile),
+          "_AR(GetFileSize(hHash, NULL))==sizeof(SHashFile)\n"))
+    return khrFileCorrupt;
+  hr = m_hashMapping.Map(m_hashFile);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!m_pHashCopy) m_pHashCopy = std::make_unique<SHashFile>();
+  RefreshLocked();
+  return S_OK;
+}
+
+HRESULT CHourManager::OpenDescriptor(bool bCreate) {
+  const DWORD dwFlags = FILE_ATTRIBUTE_NORMAL | (m_bBuffered ? 0u : FILE_FLAG_WRITE_THROUGH);
+  HRESULT hr = m_descriptor.Open(FilePath(kszDescriptorFileName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
+                                 OPEN_ALWAYS, dwFlags);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  hr = m_descriptor.GetSize(&m_ullDescriptorSize);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  // Creating, or created before a crash that came ahead of the reserved entry: index 0 must be
+  // taken before any frame is appended, since a slot holding 0 means "no frame".
+  if (bCreate && m_ullDescriptorSize == 0) {
+    const SFrameInfo reserved = {};
+    DWORD cbWritten = 0;
+    hr = m_descriptor.WriteAt(0, &reserved, sizeof(reserved), &cbWritten);
+    if (SUCCEEDED(hr) && cbWritten != sizeof(reserved)) hr = khrWriteFault;
+    m_ullDescriptorSize = cbWritten;
+    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  }
+  return S_OK;
+}
+
+HRESULT CHourManager::OpenFile() {
+  const DWORD dwFlags = FILE_ATTRIBUTE_NORMAL | (m_bBuffered ? 0u : FILE_FLAG_WRITE_THROUGH);
+  HRESULT hr =
+      m_file.Open(FilePath(kszDataFileName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll, OPEN_ALWAYS, dwFlags);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  // The position stays at the end from here on: appends are gathered writes at the position.
+  hr = m_file.Seek(0, FILE_END, &m_ullDataSize);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  return S_OK;
+}
+
+void CHourManager::Close() {
+  if (m_pLock) {
+    NSSystem::CLockGuard guard(*m_pLock);
+    CloseLocked();
+  } else {
+    CloseLocked();
+  }
+}
+
+void CHourManager::CloseLocked() {
+  KV_FUNC("CHourManager::Close");
+  if (m_bWritable) KV_LOG_MESSAGE(KV_W("Flushing files for hour %s\n"), m_strPath.c_str());
+  m_bWritable = false;
+  // Closing a handle cannot fail through CFile; the failure texts of the other platforms' handle
+  // closing therefore have no occasion here.
+  if (m_descriptor.IsOpen()) {
+    KV_LOG_MESSAGE(KV_W("Closing descriptor file for hour %s\n"), m_strPath.c_str());
+    m_descriptor.Close();
+  }
+  if (m_file.IsOpen()) {
+    KV_LOG_MESSAGE(KV_W("Closing data file for hour %s\n"), m_strPath.c_str());
+    m_file.Close();
+  }
+  if (m_hashMapping.IsMapped() || m_hashFile.IsOpen()) {
+    KV_LOG_MESSAGE(KV_W("Closing hash file mapping for hour %s\n"), m_strPath.c_str());
+    m_hashMapping.Unmap();
+    m_hashFile.Close();
+  }
+  m_ullDataSize = m_ullDescriptorSize = 0;
+}
+
+HRESULT CHourManager::Refresh() {
+  KV_HOUR_LOCK(E_FAIL);
+  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
+  RefreshLocked();
+  return S_OK;
+}
+
+void CHourManager::RefreshLocked() {
+  if (m_hashMapping.IsMapped() && m_pHashCopy) std::memcpy(m_pHashCopy.get(), View(), sizeof(SHashFile));
+}
+
+// ---- Write --------------------------------------------------------------------------------------
+
+HRESULT CHourManager::Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFrameBuffer* pBuffers, DWORD dwCount) {
+  if (dwCount) KV_CHECK_POINTER(pBuffers);
+  KV_HOUR_LOCK(E_FAIL);
+  // 1.
+  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
+  // 2.-3. The slot is st's minute, second and millisecond (StoreSlot); the frame goes first.
+  SFrameInfo info = {};
+  HRESULT hr = AppendFrame(st, dwFlags, pBuffers, dwCount, &info);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  // 4.-5.
+  DWORD dwIndex = kdwNoIndex;
+  hr = AppendDescriptor(info, &dwIndex);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_ASSERT_TEXT(kdwNoIndex != dwIndex, "-1!=uFrameInfoUnion.dwIndex\n")) return E_UNEXPECTED;
+  // 6.-7.
+  StoreSlot(st, dwIndex, dwFlags);
+  return S_OK;
+}
+
+HRESULT CHourManager::AppendFrame(const SYSTEMTIME& st, DWORD dwFlags, const SHourFrameBuffer* pBuffers, DWORD dwCount,
+                                  SFrameInfo* pInfo) {
+  FILETIME ftTime;
+  if (!NSPlatform::SysTimeToFileTime(&st, &ftTime)) return NSPlatform::HResultFromLastError();
+  SFrameHeader header = {SFrameHeader::MakeSignature(), ftTime, dwFlags, dwCount, 0};
+  ULONGLONG ullFullSize = 0;
+  for (DWORD i = 0; i < dwCount; ++i) ullFullSize += BufferRecordSize(0) + ULONGLONG{pBuffers[i].dwDataSize};
+  if (ullFullSize > 0xFFFFFFFFull - sizeof(SFrameHeader)) return E_INVALIDARG;
+  header.dwFullSize = static_cast<DWORD>(ullFullSize);
+
+  // Header, then each buffer's size and data: one gathered write at the end of data.al.
+  std::vector<SIoBuffer> vPieces;
+  vPieces.reserve(1 + 2 * size_t{dwCount});
+  vPieces.push_back({&header, sizeof(header)});
+  for (DWORD i = 0; i < dwCount; ++i) {
+    vPieces.push_back({&pBuffers[i].dwDataSize, sizeof(DWORD)});
+    if (pBuffers[i].dwDataSize) vPieces.push_back({pBuffers[i].pData, pBuffers[i].dwDataSize});
+  }
+  const ULONGLONG ullOffset = m_ullDataSize;
+  DWORD cbWritten = 0;
+  HRESULT hr = m_file.WriteGather(vPieces.data(), vPieces.size(), &cbWritten);
+  if (SUCCEEDED(hr) && cbWritten != FrameSize(header.dwFullSize)) hr = khrWriteFault;
+  if (FAILED(hr)) {
+    // How much reached the file is not known after an error: learn the end again.
+    m_file.Seek(0, FILE_END, &m_ullDataSize);
+    return hr;
+  }
+  m_ullDataSize += cbWritten;
+  *pInfo = {dwFlags, ullOffset, FrameSize(header.dwFullSize)};
+  return S_OK;
+}
+
+HRESULT CHourManager::AppendDescriptor(const SFrameInfo& info, DWORD* pdwIndex) {
+  *pdwIndex = kdwNoIndex;
+  const ULONGLONG ullFileSize = m_ullDescriptorSize;
+  DWORD cbWritten = 0;
+  HRESULT hr = m_descriptor.WriteAt(ullFileSize, &info, sizeof(info), &cbWritten);
+  if (SUCCEEDED(hr) && cbWritten != sizeof(info)) hr = khrWriteFault;
+  if (FAILED(hr)) {
+    m_descriptor.GetSize(&m_ullDescriptorSize);
+    return hr;
+  }
+  m_ullDescriptorSize += sizeof(info);
+  const DWORD dwFileSize = static_cast<DWORD>(ullFileSize);
+  if (KV_ASSERT_TEXT(!(dwFileSize % sizeof(SFrameInfo)), "!(dwFileSize % sizeof(SFrameInfo))\n"))
+    *pdwIndex = static_cast<DWORD>(ullFileSize / sizeof(SFrameInfo));
+  return S_OK;
+}
+
+void CHourManager::StoreSlot(const SYSTEMTIME& st, DWORD dwIndex, DWORD dwFlags) {
+  SHashFile* pHash = View();
+  // Only 24 bits fit: a larger index is cut, as the format has always done.
+  pHash->vFrameInfoHash[st.wMinute][st.wSecond][st.wMilliseconds / 10].SetIndex(dwIndex & kdwSlotIndexMask);
+  AddFlagCounters(pHash, st.wMinute, st.wSecond, dwFlags);
+}
+
+// ---- Read ---------------------------------------------------------------------------------------
+
+const SFrameInfoHash* CHourManager::GetSlot(const SYSTEMTIME& st) const {
+  if (!Copy() || st.wMinute >= kcMinutes || st.wSecond >= kcSeconds || st.wMilliseconds >= 1000) return nullptr;
+  return &Copy()->vFrameInfoHash[st.wMinute][st.wSecond][st.wMilliseconds / 10];
+}
+
+HRESULT CHourManager::ReadFrameInfo(DWORD dwIndex, SFrameInfo* pInfo) {
+  return ReadExact(m_descriptor, ULONGLONG{dwIndex} * sizeof(SFrameInfo), pInfo, sizeof(*pInfo));
+}
+
+HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuffer* pBuffers, DWORD dwCount) {
+  if (dwCount) KV_CHECK_POINTER(pBuffers);
+  KV_HOUR_LOCK(E_FAIL);
+  // 1.-2.
+  m_dwLastAccess = static_cast<DWORD>(NSPlatform::GetTickCount64());
+  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped() && m_file.IsOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n"))
+    return khrInvalidState;
+  const SFrameInfoHash* pSlot = GetSlot(st);
+  if (!pSlot) return E_INVALIDARG;
+  const DWORD dwIndex = pSlot->GetIndex();
+  if (!dwIndex) return khrNotFound;
+  // 3.-4.
+  if (!dwCount && !pdwFlags) return S_FALSE;
+  SFrameInfo info;
+  HRESULT hr = ReadFrameInfo(dwIndex, &info);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!dwCount) {
+    *pdwFlags = info.dwFlags;
+    return S_FALSE;
+  }
+  // 5.-6.
+  SFrameHeader oFrameHeader;
+  hr = ReadExact(m_file, info.ullOffset, &oFrameHeader, sizeof(oFrameHeader));
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_ASSERT_TEXT(SFrameHeader::MakeSignature() == oFrameHeader.ullSignature,
+                      "SFrameHeader::MakeSignature()==oFrameHeader.ullSignature\n"))
+    return khrFileCorrupt;
+  if (!KV_ASSERT_TEXT(oFrameHeader.dwFlags == info.dwFlags, "oFrameHeader.dwFlags==oFrameInfo.dwFlags\n"))
+    return khrFileCorrupt;
+  if (!KV_ASSERT_TEXT(dwCount <= oFrameHeader.dwCount, "dwCount<=oFrameHeader.dwCount\n")) return khrInsufficient;
+  // 7.-8.
+  hr = ReadBuffers(oFrameHeader, info.ullOffset + sizeof(SFrameHeader), pBuffers, dwCount);
+  if (FAILED(hr)) return hr;
+  // 9.
+  if (pdwFlags) *pdwFlags = oFrameHeader.dwFlags;
+  return S_OK;
+}
+
+HRESULT CHourManager::ReadBuffers(const SFrameHeader& oFrameHeader, ULONGLONG ullPos, SHourFrameBuffer* pBuffers,
+                                  DWORD dwCount) {
+  // Task memory handed out by this call; taken back if a later buffer fails.
+  std::vector<DWORD> vAllocated;
+  auto fail = [&](HRESULT hr) {
+    for (DWORD i : vAllocated) {
+      CoTaskMemFree(pBuffers[i].pData);
+      pBuffers[i].pData = nullptr;
+    }
+    return hr;
+  };
+  ULONGLONG dwReadTotal = 0;  // 64-bit, so that a corrupt size cannot wrap the bounds checks
+  for (DWORD i = 0; i < dwCount; ++i) {
+    SHourFrameBuffer* pBuff = &pBuffers[i];
+    if (!KV_ASSERT_TEXT((dwReadTotal + sizeof(DWORD)) <= oFrameHeader.dwFullSize,
+                        "(dwReadTotal+sizeof(DWORD))<=oFrameHeader.dwFullSize\n"))
+      return fail(khrFileCorrupt);
+    DWORD dwStored = 0;
+    HRESULT hr = ReadExact(m_file, ullPos + dwReadTotal, &dwStored, sizeof(dwStored));
+    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return fail(hr);
+    dwReadTotal += sizeof(DWORD);
+    if (!KV_ASSERT_TEXT((dwReadTotal + dwStored) <= oFrameHeader.dwFullSize,
+                        "(dwReadTotal+pBuff->dwDataSize)<=oFrameHeader.dwFullSize\n"))
+      return fail(khrFileCorrupt);
+    const bool bCallerMemory = pBuff->pData != nullptr;
+    const DWORD dwCapacity = pBuff->dwDataSize;
+    if (!bCallerMemory) {
+      // A corrupt size must not make a large allocation that the read would only fail to fill.
+      if (ullPos + dwReadTotal + dwStored > m_ullDataSize) return fail(khrReadFault);
+      pBuff->pData = static_cast<BYTE*>(CoTaskMemAlloc(dwStored));
+      if (!pBuff->pData) return fail(E_OUTOFMEMORY);
+      vAllocated.push_back(i);
+    } else if (dwCapacity < dwStored) {
+      return fail(khrInsufficient);
+    }
+    if (dwStored) {
+      hr = ReadExact(m_file, ullPos + dwReadTotal, pBuff->pData, dwStored);
+      if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return fail(hr);
+    }
+    pBuff->dwDataSize = dwStored;
+    dwReadTotal += dwStored;
+    // Carving: the next buffer is laid out in this caller's block, after a gap of its own size.
+    if (bCallerMemory && i + 1 < dwCount && !pBuffers[i + 1].pData && pBuffers[i + 1].dwDataSize != kdwNoGap) {
+      const ULONGLONG ullGap = pBuffers[i + 1].dwDataSize;
+      const ULONGLONG ullUsed = std::min<ULONGLONG>(ullGap + dwStored, dwCapacity);
+      pBuffers[i + 1].pData = pBuff->pData + ullUsed;
+      pBuffers[i + 1].dwDataSize = static_cast<DWORD>(dwCapacity - ullUsed);
+    }
+  }
+  return S_OK;
+}
+
+// ---- Slot times, siblings, statistics -------------------------------------------------------------
+
+HRESULT CHourManager::GetDescriptorTime(const SFrameInfoHash* pSlot, FILETIME* pftTime) {
+  KV_CHECK_POINTER(pSlot);
+  KV_CHECK_POINTER(pftTime);
+  KV_HOUR_LOCK(E_FAIL);
+  return GetDescriptorTimeLocked(pSlot, pftTime);
+}
+
+HRESULT CHourManager::GetDescriptorTimeLocked(const SFrameInfoHash* pFrameInfoHash, FILETIME* pftTime) {
+  if (!KV_ASSERT_TEXT(Copy(), "pDescriptorHeader\n")) return khrInvalidState;
+  const auto* pDescriptorHeader = reinterpret_cast<const BYTE*>(Copy());
+  const auto* pSlotBytes = reinterpret_cast<const BYTE*>(pFrameInfoHash);
+  // Unsigned: a pointer before the grid gives a huge index, refused like one after it.
+  const ULONGLONG ullIndex = static_cast<ULONGLONG>(pSlotBytes - pDescriptorHeader) / sizeof(SFrameInfoHash);
+  if (ullIndex >= kcSlots) return E_INVALIDARG;
+  SYSTEMTIME stNextSysTime;
+  const FILETIME ftHourStart = GetHourStart();
+  if (!TimeToSystemTime(ftHourStart, &stNextSysTime)) return NSPlatform::HResultFromLastError();
+  SlotToSystemTime(static_cast<DWORD>(ullIndex), &stNextSysTime);
+  if (!NSPlatform::SysTimeToFileTime(&stNextSysTime, pftTime)) {
+    const HRESULT hr = NSPlatform::HResultFromLastError();
+    KV_VERIFY(SUCCEEDED(_ARE(hr)));
+    return hr;
+  }
+  const DWORD diff = stNextSysTime.wMilliseconds / 10;
+  if (!KV_ASSERT_TEXT(
+          pDescriptorHeader + SlotOffset(SlotIndex(stNextSysTime.wMinute, stNextSysTime.wSecond, 0) + diff) ==
+              pSlotBytes,
+          "&pDescriptorHeader->vFrameInfoHash[stNextSysTime.wMinute][stNextSysTime.wSecond][diff]=="
+          "pFrameInfoHash\n"))
+    return E_INVALIDARG;
+  return S_OK;
+}
+
+HRESULT CHourManager::GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* pFilter, FILETIME* pftFound,
+                                 bool bIncludeStart, bool bForward) {
+  KV_CHECK_POINTER(pftFound);
+  KV_HOUR_LOCK(E_FAIL);
+  m_dwLastAccess = static_cast<DWORD>(NSPlatform::GetTickCount64());
+  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!GetSlot(st)) return E_INVALIDARG;
+  const SHashFile& hash = *Copy();
+  const LONG nStep = bForward ? 1 : -1;
+  LONG n = static_cast<LONG>(SlotIndex(st)) + (bIncludeStart ? 0 : nStep);
+  const SFrameInfoHash* pSlots = &hash.vFrameInfoHash[0][0][0];
+  LONG nMinute = -1;
+  LONG nSecond = -1;  // of the hour: minute * 60 + second
+  while (n >= 0 && n < static_cast<LONG>(kcSlots)) {
+    if (pFilter) {
+      // The counters are unions of the flags there: a minute or second whose union does not match
+      // is skipped whole, even when exact or none would match one of its frames alone.
+      const LONG nM = n / static_cast<LONG>(kcSeconds * kcSlotsPerSecond);
+      if (nM != nMinute) {
+        nMinute = nM;
+        if (!Matches(*pFilter, FlagMask(hash.vMinuteFlagCounters[nM]))) {
+          n = bForward ? (nM + 1) * static_cast<LONG>(kcSeconds * kcSlotsPerSecond)
+                       : nM * static_cast<LONG>(kcSeconds * kcSlotsPerSecond) - 1;
+          continue;
+        }
+      }
+      const LONG nS = n / static_cast<LONG>(kcSlotsPerSecond);
+      if (nS != nSecond) {
+        nSecond = nS;
+        if (!Matches(*pFilter, FlagMask(hash.vSecondFlagCounters[nS]))) {
+          n = bForward ? (nS + 1) * static_cast<LONG>(kcSlotsPerSecond) : nS * static_cast<LONG>(kcSlotsPerSecond) - 1;
+          continue;
+        }
+      }
+    }
+    if (const DWORD dwIndex = pSlots[n].GetIndex()) {
+      bool bMatch = true;
+      if (pFilter) {
+        SFrameInfo info;
+        const HRESULT hr = ReadFrameInfo(dwIndex, &info);
+        if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+        bMatch = Matches(*pFilter, info.dwFlags);
+      }
+      if (bMatch) {
+        const HRESULT hr = GetDescriptorTimeLocked(&pSlots[n], pftFound);
+        const bool bRes = SUCCEEDED(hr);
+        if (!KV_ASSERT(bRes)) return hr;
+        return S_OK;
+      }
+    }
+    n += nStep;
+  }
+  return khrNotFound;
+}
+
+HRESULT CHourManager::GetStatistic(SHourStatistic* pStatistic) {
+  KV_CHECK_POINTER(pStatistic);
+  KV_HOUR_LOCK(E_FAIL);
+  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
+  RefreshLocked();
+  const SHashFile& hash = *Copy();
+  const SFrameInfoHash* pSlots = &hash.vFrameInfoHash[0][0][0];
+  SHourStatistic oRecordStatistic = {};
+  oRecordStatistic.ullFrameCount = FrameCountFromDescriptorSize(m_ullDescriptorSize);
+  std::memcpy(oRecordStatistic.vFlagCounters, hash.vHourFlagCounters, sizeof(hash.vHourFlagCounters));
+  const SFrameInfoHash* pFirst =
+      std::find_if(pSlots, pSlots + kcSlots, [](const SFrameInfoHash& s) { return s.GetIndex() != 0; });
+  HRESULT hr = S_FALSE;
+  if (pFirst != pSlots + kcSlots) {
+    const SFrameInfoHash* pLast = pSlots + kcSlots - 1;
+    while (!pLast->GetIndex()) --pLast;
+    hr = GetDescriptorTimeLocked(pFirst, &oRecordStatistic.ftBegin);
+    if (SUCCEEDED(hr)) hr = GetDescriptorTimeLocked(pLast, &oRecordStatistic.ftEnd);
+    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+    KV_ASSERT_TEXT(
+        NSPlatform::FileTimeToU64(oRecordStatistic.ftEnd) >= NSPlatform::FileTimeToU64(oRecordStatistic.ftBegin),
+        "oRecordStatistic.ftEnd>=oRecordStatistic.ftBegin\n");
+    hr = S_OK;
+  }
+  *pStatistic = oRecordStatistic;
+  return hr;
+}
+
+DWORD CHourManager::GetFlagMask(DWORD dwLevel, const SYSTEMTIME& st) {
+  if (dwLevel < eflSecond || dwLevel > eflHour) throw std::invalid_argument("flag level");
+  KV_HOUR_LOCK(0);
+  if (!m_hashMapping.IsMapped() || !GetSlot(st)) return 0;
+  const SHashFile& hash = *Copy();
+  switch (dwLevel) {
+    case eflSecond:
+      return FlagMask(hash.vSecondFlagCounters[st.wMinute * kcSeconds + st.wSecond]);
+    case eflMinute:
+      return FlagMask(hash.vMinuteFlagCounters[st.wMinute]);
+    default:
+      return FlagMask(hash.vHourFlagCounters);
+  }
+}
+
+ULONGLONG CHourManager::GetFrameCount() {
+  KV_HOUR_LOCK(0);
+  ULONGLONG ullSize = 0;
+  if (!m_descriptor.IsOpen() || FAILED(m_descriptor.GetSize(&ullSize))) return 0;
+  return FrameCountFromDescriptorSize(ullSize);
+}
+
+ULONGLONG CHourManager::GetFullSizeIfOpen() {
+  KV_HOUR_LOCK(0);
+  if (!KV_ASSERT_TEXT(m_file.IsOpen(), "m_hFile && INVALID_HANDLE_VALUE!=m_hFile\n")) return 0;
+  if (!KV_ASSERT_TEXT(m_descriptor.IsOpen(), "m_hDescriptor && INVALID_HANDLE_VALUE!=m_hDescriptor\n")) return 0;
+  ULONGLONG ullData = 0;
+  ULONGLONG ullDescriptor = 0;
+  HRESULT hr = m_file.GetSize(&ullData);
+  if (SUCCEEDED(hr)) hr = m_descriptor.GetSize(&ullDescriptor);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return 0;
+  return ullData + ullDescriptor + (m_hashMapping.IsMapped() ? sizeof(SHashFile) : 0);
+}
+
+// ---- Integrity, repair, removal -------------------------------------------------------------------
+
+namespace {
+constexpr WCHAR kszLevelHourService[] = KV_W("HourService");
+}  // namespace
+
+bool CHourManager::IsCorrupted() {
+  KV_HOUR_LOCK(true);
+  return IsCorruptedLocked();
+}
+
+// Looks at the last frame only: a crash stops a write after its data, after its entry or after its
+// slot, and each of those leaves the last frame failing one of the four tests.
+bool CHourManager::IsCorruptedLocked() {
+  KV_FUNC("CHourManager::IsCorrupted");
+  ULONGLONG ullDescriptorSize = 0;
+  ULONGLONG ullFileSize = 0;
+  HRESULT hr = m_descriptor.GetSize(&ullDescriptorSize);
+  if (SUCCEEDED(hr)) hr = m_file.GetSize(&ullFileSize);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return true;
+  // 1.
+  if (ullDescriptorSize == sizeof(SFrameInfo)) {
+    if (!ullFileSize) return false;
+    KV_LOG(kszLevelHourService, KV_W("Hour %s is corrupted: descriptor has no indices, but data file is not empty\n"),
+           m_strPath.c_str());
+    return true;
+  }
+  // 2.
+  SFrameInfo info;
+  hr = ullDescriptorSize < sizeof(SFrameInfo)
+           ? KvHResultFromWin32(ERROR_NEGATIVE_SEEK)
+           : ReadExact(m_descriptor, ullDescriptorSize - sizeof(info), &info, sizeof(info));
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return true;
+  if (info.ullOffset + info.dwSize != ullFileSize) {
+    KV_LOG(kszLevelHourService, KV_W("Hour %s is corrupted: Last record must be at the end of file\n"),
+           m_strPath.c_str());
+    return true;
+  }
+  // 3.
+  SFrameHeader header;
+  hr = ReadExact(m_file, info.ullOffset, &header, sizeof(header));
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return true;
+  if (header.ullSignature != SFrameHeader::MakeSignature()) {
+    KV_LOG(kszLevelHourService, KV_W("Hour %s is corrupted: invalid signature\n"), m_strPath.c_str());
+    return true;
+  }
+  // 4. The text of this report does not describe the test; it is the text the hour has always had.
+  SYSTEMTIME st;
+  if (!TimeToSystemTime(header.ftTime, &st)) {
+    hr = NSPlatform::HResultFromLastError();
+    KV_VERIFY(SUCCEEDED(_ARE(hr)));
+    return true;
+  }
+  const SFrameInfoHash* pSlot = GetSlot(st);
+  if (!pSlot || pSlot->GetIndex() != ullDescriptorSize / sizeof(SFrameInfo) - 1) {
+    KV_LOG(kszLevelHourService, KV_W("Hour %s is corrupted: last index must be multiple of index file size\n"),
+           m_strPath.c_str());
+    return true;
+  }
+  return false;
+}
+
+HRESULT CHourManager::Repair(IProgress* pProgress) {
+  KV_HOUR_LOCK(E_FAIL);
+  // 1. Never under an open writer: the rebuild replaces the files it would be using.
+  if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen(), "!m_hDescriptor && !m_hFile\n"))
+    return khrInvalidState;
+  m_hashMapping.Unmap();
+  m_hashFile.Close();
+  // 2.
+  for (const WCHAR* pszName : {kszHashFileName, kszDescriptorFileName}) {
+    const HRESULT hr = NSPlatform::RemoveFile(FilePath(pszName).c_str());
+    if (FAILED(hr) && hr != KvHResultFromWin32(ERROR_FILE_NOT_FOUND) && !KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  }
+  // 3. Without its data file the hour holds nothing worth keeping.
+  HRESULT hr = OpenLocked(true, m_bBuffered);
+  if (FAILED(hr)) {
+    const bool bNoDataFile = m_descriptor.IsOpen() && !m_file.IsOpen();
+    CloseLocked();
+    if (!bNoDataFile) return hr;
+    return RemoveHourLocked() ? S_OK : E_FAIL;
+  }
+  // 4.
+  const ULONGLONG ullFileSize = m_ullDataSize;
+  ULONGLONG llLastHealthyPos = 0;
+  for (;;) {
+    if (pProgress) {
+      const ULONGLONG ullPercent = ullFileSize ? llLastHealthyPos * 100 / ullFileSize : 100;
+      pProgress->SetPercent(static_cast<BYTE>(std::min<ULONGLONG>(ullPercent, 100)));
+    }
+    if (llLastHealthyPos >= ullFileSize) break;
+    SFrameHeader oFrameHeader;
+    if (FAILED(ReadExact(m_file, llLastHealthyPos, &oFrameHeader, sizeof(oFrameHeader)))) break;
+    if (oFrameHeader.ullSignature != SFrameHeader::MakeSignature()) break;
+    // The header's 28 bytes are left out on purpose: a frame short of at most its last 28 bytes
+    // passes here and is caught by the corruption test after the rebuild.
+    if (!KV_ASSERT_TEXT(ULONGLONG(llLastHealthyPos + oFrameHeader.dwFullSize) <= ullFileSize,
+                        "ULONGLONG(llLastHealthyPos+oFrameHeader.dwFullSize) <= ullFileSize\n"))
+      break;
+    SYSTEMTIME st;
+    if (!TimeToSystemTime(oFrameHeader.ftTime, &st)) break;
+    DWORD dwIndex = kdwNoIndex;
+    hr = AppendDescriptor(
+        {oFrameHeader.dwFlags, static_cast<ULONGLONG>(llLastHealthyPos), FrameSize(oFrameHeader.dwFullSize)}, &dwIndex);
+    if (!KV_VERIFY(SUCCEEDED(_ARE(hr))) || !KV_ASSERT_TEXT(kdwNoIndex != dwIndex, "-1!=uFrameInfoUnion.dwIndex\n")) {
+      CloseLocked();
+      return FAILED(hr) ? hr : E_UNEXPECTED;
+    }
+    StoreSlot(st, dwIndex, oFrameHeader.dwFlags);
+    llLastHealthyPos += FrameSize(oFrameHeader.dwFullSize);
+  }
+  // 5. Cut what follows the last frame taken; a frame that only lacks its end stays as it is.
+  if (llLastHealthyPos < ullFileSize) {
+    hr = m_file.Seek(static_cast<LONGLONG>(llLastHealthyPos), FILE_BEGIN, nullptr);
+    if (SUCCEEDED(hr)) hr = m_file.SetEndOfFile();
+    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) {
+      CloseLocked();
+      return hr;
+    }
+  }
+  // 6.-7.
+  RefreshLocked();
+  KV_ASSERT_TEXT(!IsCorruptedLocked(), "!IsCorrupted()\n");
+  CloseLocked();
+  return S_OK;
+}
+
+bool CHourManager::RemoveHour() {
+  KV_HOUR_LOCK(false);
+  CloseLocked();
+  return RemoveHourLocked();
+}
+
+bool CHourManager::RemoveHourLocked() {
+  KV_FUNC("CHourManager::RemoveHour");
+  KV_LOG_MESSAGE(KV_W("deleting hour: %s\n"), m_strPath.c_str());
+  const HRESULT hr = NSKronvaleUtils::DeleteFileSystemObject(m_strPath);
+  if (hr != S_OK) return false;
+  KV_LOG_MESSAGE(KV_W("hour %s deleted successfully\n"), m_strPath.c_str());
+  // Year, month, day and the record directory at most, each only while it is empty.
+  WString strParent = m_strPath;
+  while (!strParent.empty() && NSPlatform::IsPathSeparator(strParent.back())) strParent.pop_back();
+  for (int i = 0; i < 4; ++i) {
+    size_t nPos = strParent.size();
+    while (nPos > 0 && !NSPlatform::IsPathSeparator(strParent[nPos - 1])) --nPos;
+    if (!KV_ASSERT_TEXT(nPos > 1, "-1!=nPos\n")) break;
+    strParent.resize(nPos - 1);
+    if (!NSPlatform::IsDirectoryEmpty(strParent.c_str())) break;
+    if (FAILED(NSPlatform::RemoveDir(strParent.c_str()))) break;
+    KV_LOG_MESSAGE(KV_W("erasing of hour parent folder: %s\n"), strParent.c_str());
+  }
+  return true;
+}
+
+}  // namespace NSHours

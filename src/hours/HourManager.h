@@ -1,0 +1,161 @@
+// One hour of one record on disk: the owner of "data.al", "descriptor.ald" and "descriptor.alh"
+// while the hour is open (HourFormat.h fixes their bytes).
+//
+// The record creates one CHourManager per hour it touches and hands it the record's lock; every
+// operation takes that lock for its whole duration, so one hour manager may be shared by the
+// record's writer and its readers. Without a lock, operations fail with E_FAIL.
+//
+// The writer appends through the mapped hash file; readers (Read, GetSibling, GetDescriptorTime,
+// flag masks) use a private copy of it taken at open, by GetStatistic and by Refresh. A reader
+// therefore sees frames written after the last refresh only after the next one.
+//
+// A frame is written in a fixed order: its bytes to data.al (one gathered write), its entry to
+// descriptor.ald, then its slot and flag counters in the mapped hash file. IsCorrupted looks at the
+// last frame for a write cut short by a crash; Repair rebuilds both index files from data.al.
+#pragma once
+
+#include <memory>
+
+#include "hours/HourFormat.h"
+#include "platform/os.h"
+#include "support/Lock.h"
+
+namespace NSHours {
+
+// Progress of a long hour operation (the repair). Not COM: never marshaled, no identity.
+class IProgress {
+ public:
+  virtual void SetPercent(BYTE byPercent) = 0;
+  virtual bool IsStopped() = 0;
+
+ protected:
+  ~IProgress() = default;
+};
+
+// One buffer of a frame: the layout of the interfaces' SFrameBuffer (a pointer, then a 32-bit
+// size), so the record passes its callers' arrays through unchanged.
+struct SHourFrameBuffer {
+  BYTE* pData;
+  DWORD dwDataSize;
+};
+
+// A flag filter: the layout of the interfaces' SFrameFilter (mask, then a 32-bit mode).
+struct SHourFrameFilter {
+  DWORD dwMask;
+  DWORD eMode;
+};
+
+// What an hour tells of itself: first and last occupied slot (slot times, 10 ms resolution), how
+// many frames descriptor.ald lists, and the hour's flag counters.
+struct SHourStatistic {
+  FILETIME ftBegin;
+  FILETIME ftEnd;
+  ULONGLONG ullFrameCount;
+  DWORD vFlagCounters[kcFlagBits];
+};
+
+// Levels of GetFlagMask.
+enum EFlagLevel : DWORD { eflSecond = 1, eflMinute = 2, eflHour = 3 };
+
+class CHourManager {
+ public:
+  explicit CHourManager(NSSystem::ILockPtr pLock);
+  ~CHourManager();
+  CHourManager(const CHourManager&) = delete;
+  CHourManager& operator=(const CHourManager&) = delete;
+
+  // Opens the hour directory strPath, creating it (with its parents) and its files when bCreate is
+  // set; without it a missing directory answers 0x80070002. bBuffered leaves out write-through on
+  // descriptor.ald and data.al. On failure the hour may be half open: the caller closes it.
+  HRESULT Open(const WString& strPath, bool bCreate, bool bBuffered);
+  // Closes everything (nothing is flushed explicitly: closing hands the data to the system). Safe to
+  // call on a closed hour.
+  void Close();
+
+  // Appends one frame at the time st (UTC; only its minute, second and millisecond place it in the
+  // hour). A later frame in the same 10 ms slot takes the slot over.
+  HRESULT Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFrameBuffer* pBuffers, DWORD dwCount);
+  // Reads the frame in the slot of st into dwCount buffers (fewer than the frame has is allowed).
+  // A buffer with a null pData receives task memory the caller frees with CoTaskMemFree; otherwise
+  // dwDataSize is its capacity on input and the stored size on output. A null pData following a
+  // caller's block is laid out inside that block, after a gap of its own dwDataSize bytes (unless
+  // that is 0xFFFFFFFF). dwCount 0 answers S_FALSE when the frame exists (with its flags when
+  // pdwFlags is given) without reading data.al. On failure no task memory of this call is left with
+  // the caller.
+  HRESULT Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuffer* pBuffers, DWORD dwCount);
+
+  // The time of a slot of the private copy (as handed out by GetSlot).
+  HRESULT GetDescriptorTime(const SFrameInfoHash* pSlot, FILETIME* pftTime);
+  // The slot of st in the private copy; null when the hour is not open.
+  const SFrameInfoHash* GetSlot(const SYSTEMTIME& st) const;
+  // The nearest frame after (bForward) or before st in this hour, the slot of st itself included
+  // when bIncludeStart; with a filter, whole minutes and seconds whose flag unions do not match are
+  // skipped. 0x80070490 when the hour holds no such frame.
+  HRESULT GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* pFilter, FILETIME* pftFound, bool bIncludeStart,
+                     bool bForward);
+  // Refreshes the private copy, then describes the hour; S_FALSE (times 0) when no slot is occupied.
+  HRESULT GetStatistic(SHourStatistic* pStatistic);
+  // Bit b set when a frame with flag bit b lies in the second, minute or hour of st. Any other level
+  // throws std::invalid_argument.
+  DWORD GetFlagMask(DWORD dwLevel, const SYSTEMTIME& st);
+  // Frames listed in descriptor.ald; 0 when the hour is not open.
+  ULONGLONG GetFrameCount();
+  // Bytes the open hour takes on disk (data.al, descriptor.ald and the mapped hash file); 0 when the
+  // files are not open.
+  ULONGLONG GetFullSizeIfOpen();
+  // Copies the mapped hash file into the private copy.
+  HRESULT Refresh();
+  // Tick count (low 32 bits) of the last Read or GetSibling.
+  DWORD GetLastAccess() const { return m_dwLastAccess.load(); }
+
+  // True when the open hour's last frame shows a write cut short, or the test cannot be made.
+  bool IsCorrupted();
+  // Rebuilds the closed hour's index files from data.al and cuts a torn tail; leaves it closed. The
+  // hour is the one of the last Open. Frames after the first bad one are dropped, sound or not.
+  HRESULT Repair(IProgress* pProgress);
+  // Closes and deletes the hour directory (of the last Open), then up to four parent levels while
+  // they are empty. True when the hour directory itself was deleted.
+  bool RemoveHour();
+
+  const WString& GetPath() const { return m_strPath; }
+
+ private:
+  HRESULT OpenLocked(bool bCreate, bool bBuffered);
+  HRESULT OpenHash(bool bCreate);
+  HRESULT OpenDescriptor(bool bCreate);
+  HRESULT OpenFile();
+  void CloseLocked();
+  void RefreshLocked();
+  bool IsCorruptedLocked();
+  bool RemoveHourLocked();
+  HRESULT AppendFrame(const SYSTEMTIME& st, DWORD dwFlags, const SHourFrameBuffer* pBuffers, DWORD dwCount,
+                      SFrameInfo* pInfo);
+  HRESULT AppendDescriptor(const SFrameInfo& info, DWORD* pdwIndex);
+  void StoreSlot(const SYSTEMTIME& st, DWORD dwIndex, DWORD dwFlags);
+  HRESULT ReadFrameInfo(DWORD dwIndex, SFrameInfo* pInfo);
+  HRESULT ReadBuffers(const SFrameHeader& header, ULONGLONG ullPos, SHourFrameBuffer* pBuffers, DWORD dwCount);
+  HRESULT GetDescriptorTimeLocked(const SFrameInfoHash* pSlot, FILETIME* pftTime);
+  FILETIME GetHourStart();
+  WString FilePath(const WCHAR* pszName) const;
+  const SHashFile* Copy() const { return m_pHashCopy.get(); }
+  SHashFile* View() const { return static_cast<SHashFile*>(m_hashMapping.GetView()); }
+
+  WString m_strPath;
+  FILETIME m_ftHourStart = {0, 0};  // 0 until computed from m_strPath
+  NSPlatform::CFile m_hashFile;
+  NSPlatform::CFileMapping m_hashMapping;  // the writer's view of descriptor.alh
+  NSPlatform::CFile m_descriptor;          // descriptor.ald
+  NSPlatform::CFile m_file;                // data.al; its position stays at the end while open
+  bool m_bBuffered = false;
+  bool m_bWritable = false;
+  std::atomic<DWORD> m_dwLastAccess{0};
+  // The readers' copy of the hash file; allocated at the first open and kept.
+  std::unique_ptr<SHashFile> m_pHashCopy;
+  // Sizes of data.al and descriptor.ald as the writer left them, so that an append costs no query.
+  ULONGLONG m_ullDataSize = 0;
+  ULONGLONG m_ullDescriptorSize = 0;
+  // Every member above is guarded by this lock, which the record owns.
+  NSSystem::ILockPtr m_pLock;
+};
+
+}  // namespace NSHours
