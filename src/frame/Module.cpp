@@ -6,6 +6,7 @@
 #include "com/ClassFactory.h"
 #include "frame/Resources.h"
 #include "platform/os.h"
+#include "records/Record.h"
 #include "support/Report.h"
 
 namespace NSFrame {
@@ -27,7 +28,7 @@ namespace {
 NSCom::SObjectMapEntry g_aObjectMap[] = {
     KV_OBJECT_ENTRY_NOT_AVAILABLE(CLSID_RecordExtract, kidrRecordExtractScript),
     KV_OBJECT_ENTRY_NOT_AVAILABLE(CLSID_Kronvale, kidrKronvaleScript),
-    KV_OBJECT_ENTRY_NOT_AVAILABLE(CLSID_Record, kidrRecordScript),
+    OBJECT_ENTRY(CLSID_Record, ::NSRecords::CRecord, kidrRecordScript),
 };
 constexpr size_t kcObjectMap = sizeof(g_aObjectMap) / sizeof(g_aObjectMap[0]);
 

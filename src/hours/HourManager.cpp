@@ -90,6 +90,9 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered) {
   hr = OpenFile();
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
   m_bWritable = bCreate;
+  // The copy was taken before descriptor.ald was open; when it shows the last listed frame it shows
+  // every earlier one too (frames are stored one after the other), whenever they were appended.
+  m_ullRefreshedSize = LastEntryShown(m_ullDescriptorSize) ? m_ullDescriptorSize : 0;
   return S_OK;
 }
 
@@ -177,7 +180,7 @@ void CHourManager::CloseLocked() {
     m_hashMapping.Unmap();
     m_hashFile.Close();
   }
-  m_ullDataSize = m_ullDescriptorSize = 0;
+  m_ullDataSize = m_ullDescriptorSize = m_ullRefreshedSize = 0;
 }
 
 HRESULT CHourManager::Refresh() {
@@ -188,7 +191,41 @@ HRESULT CHourManager::Refresh() {
 }
 
 void CHourManager::RefreshLocked() {
-  if (m_hashMapping.IsMapped() && m_pHashCopy) std::memcpy(m_pHashCopy.get(), View(), sizeof(SHashFile));
+  if (!m_hashMapping.IsMapped() || !m_pHashCopy) return;
+  ULONGLONG ullSize = 0;
+  const bool bSized = m_descriptor.IsOpen() && SUCCEEDED(m_descriptor.GetSize(&ullSize));
+  std::memcpy(m_pHashCopy.get(), View(), sizeof(SHashFile));
+  // A reader's idea of data.al's size grows with the copy: the data of every frame the copy can show
+  // was written before its descriptor entry.
+  if (!m_bWritable && m_file.IsOpen()) {
+    ULONGLONG ullDataSize = 0;
+    if (SUCCEEDED(m_file.GetSize(&ullDataSize))) m_ullDataSize = ullDataSize;
+  }
+  m_ullRefreshedSize = bSized && LastEntryShown(ullSize) ? ullSize : 0;
+}
+
+// A writer stores a frame's slot after its descriptor entry. A copy taken between the two lacks the
+// last listed frame although the size says it is there; such a copy is not counted as up to date.
+bool CHourManager::LastEntryShown(ULONGLONG ullDescriptorSize) {
+  const ULONGLONG ullFrames = FrameCountFromDescriptorSize(ullDescriptorSize);
+  if (!ullFrames) return true;
+  SFrameInfo info;
+  SFrameHeader header;
+  SYSTEMTIME st;
+  if (FAILED(ReadFrameInfo(static_cast<DWORD>(ullFrames), &info)) ||
+      FAILED(ReadExact(m_file, info.ullOffset, &header, sizeof(header))) ||
+      !TimeToSystemTime(header.ftTime, &st) || !GetSlot(st))
+    return true;  // nothing better to wait for: the hour is torn or being cut
+  return GetSlot(st)->GetIndex() == (static_cast<DWORD>(ullFrames) & kdwSlotIndexMask);
+}
+
+HRESULT CHourManager::RefreshIfGrown() {
+  KV_HOUR_LOCK(E_FAIL);
+  if (!m_hashMapping.IsMapped() || !m_descriptor.IsOpen()) return S_FALSE;
+  ULONGLONG ullSize = 0;
+  if (FAILED(m_descriptor.GetSize(&ullSize)) || ullSize == m_ullRefreshedSize) return S_FALSE;
+  RefreshLocked();
+  return S_OK;
 }
 
 // ---- Write --------------------------------------------------------------------------------------
@@ -487,6 +524,62 @@ HRESULT CHourManager::GetStatistic(SHourStatistic* pStatistic) {
   return hr;
 }
 
+HRESULT CHourManager::GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo, DWORD cSlotsPerCell,
+                               const SHourFrameFilter* pFilter, std::vector<SHourCell>* pvCells) {
+  KV_CHECK_POINTER(pvCells);
+  KV_HOUR_LOCK(E_FAIL);
+  pvCells->clear();
+  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!GetSlot(stFrom) || !GetSlot(stTo)) return E_INVALIDARG;
+  const DWORD dwFrom = SlotIndex(stFrom);
+  const DWORD dwTo = SlotIndex(stTo);
+  if (!cSlotsPerCell) cSlotsPerCell = kcSlots;
+  const SHashFile& hash = *Copy();
+  const SFrameInfoHash* pSlots = &hash.vFrameInfoHash[0][0][0];
+  // With a filter the frames' own flags are needed: all entries at once, one read per call.
+  std::vector<SFrameInfo> vEntries;
+  bool bEntriesRead = false;
+  SHourCell cell = {};
+  DWORD dwCell = kdwNoIndex;
+  DWORD dwSecond = kdwNoIndex;
+  auto flush = [&] {
+    if (dwCell != kdwNoIndex && (!pFilter || Matches(*pFilter, cell.dwFlags))) pvCells->push_back(cell);
+  };
+  for (DWORD n = dwFrom; n <= dwTo; ++n) {
+    const DWORD dwIndex = pSlots[n].GetIndex();
+    if (!dwIndex) continue;
+    if (n / cSlotsPerCell != dwCell) {
+      flush();
+      dwCell = n / cSlotsPerCell;
+      cell = {n, n, 0, 0};
+      dwSecond = kdwNoIndex;
+    }
+    cell.dwLastSlot = n;
+    if (n / kcSlotsPerSecond != dwSecond) {
+      dwSecond = n / kcSlotsPerSecond;
+      cell.dwFlags |= FlagMask(hash.vSecondFlagCounters[dwSecond]);
+    }
+    if (!pFilter) {
+      ++cell.dwCount;
+      continue;
+    }
+    if (!bEntriesRead) {
+      bEntriesRead = true;
+      ULONGLONG ullSize = 0;
+      HRESULT hr = m_descriptor.GetSize(&ullSize);
+      if (SUCCEEDED(hr) && ullSize > 0xFFFFFFFFull) hr = E_OUTOFMEMORY;
+      if (SUCCEEDED(hr)) {
+        vEntries.resize(static_cast<size_t>(ullSize / sizeof(SFrameInfo)));
+        hr = ReadExact(m_descriptor, 0, vEntries.data(), static_cast<DWORD>(vEntries.size() * sizeof(SFrameInfo)));
+      }
+      if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+    }
+    if (dwIndex < vEntries.size() && Matches(*pFilter, vEntries[dwIndex].dwFlags)) ++cell.dwCount;
+  }
+  flush();
+  return S_OK;
+}
+
 DWORD CHourManager::GetFlagMask(DWORD dwLevel, const SYSTEMTIME& st) {
   if (dwLevel < eflSecond || dwLevel > eflHour) throw std::invalid_argument("flag level");
   KV_HOUR_LOCK(0);
@@ -651,6 +744,16 @@ HRESULT CHourManager::Repair(IProgress* pProgress) {
 bool CHourManager::RemoveHour() {
   KV_HOUR_LOCK(false);
   CloseLocked();
+  return RemoveHourLocked();
+}
+
+bool CHourManager::RemoveHour(const WString& strPath) {
+  KV_HOUR_LOCK(false);
+  CloseLocked();
+  if (m_strPath != strPath) {
+    m_strPath = strPath;
+    m_ftHourStart = {0, 0};
+  }
   return RemoveHourLocked();
 }
 

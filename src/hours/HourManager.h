@@ -15,6 +15,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "hours/HourFormat.h"
 #include "platform/os.h"
@@ -52,6 +53,16 @@ struct SHourStatistic {
   FILETIME ftEnd;
   ULONGLONG ullFrameCount;
   DWORD vFlagCounters[kcFlagBits];
+};
+
+// Frames of one cell of an hour (a second, a minute, or a whole range): the first and last occupied
+// slot (0 to 359,999 from the hour's start), the union of the flags there, and how many frames pass
+// the filter the cells were asked with (all of them without one).
+struct SHourCell {
+  DWORD dwFirstSlot;
+  DWORD dwLastSlot;
+  DWORD dwFlags;
+  DWORD dwCount;
 };
 
 // Levels of GetFlagMask.
@@ -103,8 +114,19 @@ class CHourManager {
   // Bytes the open hour takes on disk (data.al, descriptor.ald and the mapped hash file); 0 when the
   // files are not open.
   ULONGLONG GetFullSizeIfOpen();
+  // The occupied slots of the private copy from the slot of stFrom to the slot of stTo (both
+  // included), in cells of cSlotsPerCell slots counted from the hour's start (0: one cell for the
+  // whole range), in time order. A cell's flags are the union of its seconds' flag counters; with a
+  // filter, a cell whose union does not pass is left out and the others count only the frames that
+  // pass (which takes descriptor.ald's entries, read once per call).
+  HRESULT GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo, DWORD cSlotsPerCell,
+                   const SHourFrameFilter* pFilter, std::vector<SHourCell>* pvCells);
   // Copies the mapped hash file into the private copy.
   HRESULT Refresh();
+  // Refreshes the private copy when descriptor.ald holds frames the copy may not show yet (appended
+  // by this object or through another open of the hour since the last refresh). S_OK when it
+  // refreshed, S_FALSE when the copy was up to date.
+  HRESULT RefreshIfGrown();
   // Tick count (low 32 bits) of the last Read or GetSibling.
   DWORD GetLastAccess() const { return m_dwLastAccess.load(); }
 
@@ -116,6 +138,8 @@ class CHourManager {
   // Closes and deletes the hour directory (of the last Open), then up to four parent levels while
   // they are empty. True when the hour directory itself was deleted.
   bool RemoveHour();
+  // The same for the hour directory strPath, without opening it first.
+  bool RemoveHour(const WString& strPath);
 
   const WString& GetPath() const { return m_strPath; }
 
@@ -126,6 +150,7 @@ class CHourManager {
   HRESULT OpenFile();
   void CloseLocked();
   void RefreshLocked();
+  bool LastEntryShown(ULONGLONG ullDescriptorSize);
   bool IsCorruptedLocked();
   bool RemoveHourLocked();
   HRESULT AppendFrame(const SYSTEMTIME& st, DWORD dwFlags, const SHourFrameBuffer* pBuffers, DWORD dwCount,
@@ -154,6 +179,8 @@ class CHourManager {
   // Sizes of data.al and descriptor.ald as the writer left them, so that an append costs no query.
   ULONGLONG m_ullDataSize = 0;
   ULONGLONG m_ullDescriptorSize = 0;
+  // Size of descriptor.ald whose frames the private copy is known to show.
+  ULONGLONG m_ullRefreshedSize = 0;
   // Every member above is guarded by this lock, which the record owns.
   NSSystem::ILockPtr m_pLock;
 };

@@ -89,10 +89,10 @@ TEST_F(ModuleExportsTest, EachClassHasOneCachedClassObject) {
   EXPECT_EQ(3u, setIdentities.size());
 }
 
-// The classes behind the map are not in the library yet: their class objects exist and refuse to
-// make instances.
+// The classes behind the map that are not in the library yet: their class objects exist and refuse
+// to make instances.
 TEST_F(ModuleExportsTest, ClassObjectsOfClassesNotYetBuiltRefuseInstances) {
-  for (const CLSID* pclsid : {&CLSID_RecordExtract, &CLSID_Kronvale, &CLSID_Record}) {
+  for (const CLSID* pclsid : {&CLSID_RecordExtract, &CLSID_Kronvale}) {
     IClassFactory* pFactory = nullptr;
     ASSERT_EQ(S_OK, m_pfnGetClassObject(*pclsid, IID_IClassFactory, reinterpret_cast<void**>(&pFactory)));
     void* pv = reinterpret_cast<void*>(0x1);
@@ -100,6 +100,54 @@ TEST_F(ModuleExportsTest, ClassObjectsOfClassesNotYetBuiltRefuseInstances) {
     EXPECT_EQ(nullptr, pv);
     pFactory->Release();
   }
+}
+
+// An outer object that only counts its references, to aggregate a record.
+class COuter final : public IUnknown {
+ public:
+  STDMETHOD(QueryInterface)(REFIID riid, void** ppv) override {
+    if (!IsEqualIID(riid, IID_IUnknown)) return *ppv = nullptr, E_NOINTERFACE;
+    *ppv = this;
+    AddRef();
+    return S_OK;
+  }
+  STDMETHOD_(ULONG, AddRef)() override { return ++m_cRef; }
+  STDMETHOD_(ULONG, Release)() override { return --m_cRef; }
+  ULONG m_cRef = 1;
+};
+
+// A record made by the class object, plain or aggregated, has no archive behind it and was never
+// opened for writing: it answers its interfaces and refuses to write.
+TEST_F(ModuleExportsTest, RecordClassMakesPlainAndAggregatedRecords) {
+  IClassFactory* pFactory = nullptr;
+  ASSERT_EQ(S_OK, m_pfnGetClassObject(CLSID_Record, IID_IClassFactory, reinterpret_cast<void**>(&pFactory)));
+  IRecordEx* pRecord = nullptr;
+  ASSERT_EQ(S_OK, pFactory->CreateInstance(nullptr, IID_IRecordEx, reinterpret_cast<void**>(&pRecord)));
+  FILETIME ft = {0, 0x01D00000};
+  EXPECT_EQ(E_ACCESSDENIED, pRecord->Write(ft, 0, nullptr, 0));
+  EXPECT_EQ(E_NOTIMPL, pRecord->ReservedRange(ft, ft));
+  IRecordFastCopy* pCopy = nullptr;
+  ASSERT_EQ(S_OK, pRecord->QueryInterface(IID_IRecordFastCopy, reinterpret_cast<void**>(&pCopy)));
+  pCopy->Release();
+  EXPECT_EQ(0u, pRecord->Release());
+
+  COuter outer;
+  void* pv = reinterpret_cast<void*>(0x1);
+  EXPECT_EQ(CLASS_E_NOAGGREGATION, pFactory->CreateInstance(&outer, IID_IRecord, &pv));
+  EXPECT_EQ(nullptr, pv);
+  IUnknown* pInner = nullptr;
+  ASSERT_EQ(S_OK, pFactory->CreateInstance(&outer, IID_IUnknown, reinterpret_cast<void**>(&pInner)));
+  IRecord* pAggregated = nullptr;
+  ASSERT_EQ(S_OK, pInner->QueryInterface(IID_IRecord, reinterpret_cast<void**>(&pAggregated)));
+  EXPECT_EQ(2u, outer.m_cRef);  // the interface's reference went to the outer object
+  IUnknown* pIdentity = nullptr;
+  ASSERT_EQ(S_OK, pAggregated->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&pIdentity)));
+  EXPECT_EQ(static_cast<IUnknown*>(&outer), pIdentity);
+  pIdentity->Release();
+  pAggregated->Release();
+  EXPECT_EQ(1u, outer.m_cRef);
+  EXPECT_EQ(0u, pInner->Release());
+  pFactory->Release();
 }
 
 TEST_F(ModuleExportsTest, CanUnloadNowFollowsClientsAndServerLocks) {

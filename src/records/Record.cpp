@@ -1,0 +1,701 @@
+// The record: creation, description, the open hour, writing and reading, navigation and statistics.
+#include "records/Record.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "hours/KronvaleUtils.h"
+#include "records/RecordErrors.h"
+#include "support/Report.h"
+
+namespace NSRecords {
+
+using NSHours::CHourManager;
+using NSHours::SHourCell;
+using NSHours::SHourFrameBuffer;
+using NSHours::SHourFrameFilter;
+using NSPlatform::FileTimeToU64;
+using NSPlatform::U64ToFileTime;
+
+static_assert(sizeof(SHourFrameBuffer) == sizeof(SFrameBuffer) &&
+                  offsetof(SHourFrameBuffer, dwDataSize) == offsetof(SFrameBuffer, dwDataSize),
+              "the record hands its callers' buffers to the hour unchanged");
+static_assert(sizeof(SHourFrameFilter) == sizeof(SFrameFilter) &&
+                  offsetof(SHourFrameFilter, eMode) == offsetof(SFrameFilter, eMode),
+              "the record hands its callers' filters to the hour unchanged");
+static_assert(sizeof(SRecordStatistic) == 24, "statistic records are 24 bytes");
+
+namespace {
+
+constexpr WCHAR kszDescriptionFile[] = KV_W("record.ald");
+constexpr ULONGLONG kullHour = NSKronvaleUtils::kullTicksPerHour;
+constexpr ULONGLONG kullSlot = 100000;  // the 10 ms grid of an hour's index
+
+const SHourFrameFilter* HourFilter(const SFrameFilter* pFilter) {
+  return reinterpret_cast<const SHourFrameFilter*>(pFilter);
+}
+
+bool Passes(const SFrameFilter* pFilter, DWORD dwFlags) {
+  return !pFilter || NSKronvaleUtils::IsFrameMatchesFilter(*pFilter, dwFlags);
+}
+
+// The run-join test of the statistics: 0 any common bit, 1 all of the run's bits, 2 equal flags,
+// 3 no common bit; any other mode never joins.
+bool Joins(DWORD dwMode, DWORD dwRunFlags, DWORD dwFlags) {
+  switch (dwMode) {
+    case 0: return (dwFlags & dwRunFlags) != 0;
+    case 1: return (dwFlags & dwRunFlags) == dwRunFlags;
+    case 2: return dwFlags == dwRunFlags;
+    case 3: return (dwFlags & dwRunFlags) == 0;
+    default: return false;
+  }
+}
+
+LONGLONG Ticks(const FILETIME& ft) { return static_cast<LONGLONG>(FileTimeToU64(ft)); }
+
+}  // namespace
+
+CRecord::CRecord() : m_pLock(std::make_shared<NSSystem::SLock>()) {}
+
+CRecord::~CRecord() = default;
+
+void CRecord::FinalRelease() {
+  NSSystem::CLockGuard guard(*m_pLock);
+  CloseCurrentHour(false);
+  m_pParent.Release();
+}
+
+// ---- Creation and state ---------------------------------------------------------------------------
+
+STDMETHODIMP CRecord::Create(IKronvale* pParent, const WCHAR* pszPath, DWORD dwHourOpenOptions, DWORD dwAccessMode) {
+  KV_FUNC("CRecord::Create");
+  KV_CHECK_POINTER(pParent);
+  KV_CHECK_POINTER(pszPath);
+  NSSystem::CLockGuard guard(*m_pLock);
+  if (pParent != m_pParent.p) {
+    m_pParent = pParent;
+    NSCom::CComPtr<IRecordParent> pArchive;
+    m_bParentIsArchive = SUCCEEDED(pParent->QueryInterface(__uuidof(IRecordParent), reinterpret_cast<void**>(&pArchive)));
+  }
+  if (!NSPlatform::IsDirectory(pszPath)) {
+    const HRESULT hr = NSPlatform::CreateDirTree(pszPath);
+    if (!KV_SUCCEEDED(hr)) return hr;
+  }
+  WString strPath = NSPlatform::CanonicalizePath(pszPath);
+  while (strPath.size() > 1 && NSPlatform::IsPathSeparator(strPath.back())) strPath.pop_back();
+  CloseCurrentHour(false);
+  m_strPath = strPath;
+  m_dwHourOpenOptions = dwHourOpenOptions;
+  m_dwAccessMode = dwAccessMode;
+  return S_OK;
+}
+
+STDMETHODIMP_(void) CRecord::SetQuotaExceeded(bool bExceeded) {
+  if (bExceeded)
+    m_dwAccessMode.fetch_or(kdwAccessQuotaExceeded);
+  else
+    m_dwAccessMode.fetch_and(~kdwAccessQuotaExceeded);
+}
+
+void CRecord::OnChange(LONG /*lFirst*/, LONG /*lSecond*/, LONG lState) {
+  // A freed record lets go of its hour files at once; only its release remains useful.
+  if (lState & klStateLocked) {
+    NSSystem::CLockGuard guard(*m_pLock);
+    CloseCurrentHour(false);
+  }
+}
+
+HRESULT CRecord::RefuseReader() {
+  KV_LOG_ERROR(KV_W("Data modification for record '%s' reader object forbidden!\n"), m_strPath.c_str());
+  return E_ACCESSDENIED;
+}
+
+WString CRecord::HourDirectory(const WString& strHourPath) const {
+  return NSPlatform::CombinePath(m_strPath, strHourPath);
+}
+
+// ---- Description ------------------------------------------------------------------------------------
+
+STDMETHODIMP CRecord::SetDescription(BSTR szDescription) {
+  KV_CHECK_POINTER(szDescription);
+  NSSystem::CLockGuard guard(*m_pLock);
+  if (m_dwAccessMode & kdwAccessQuotaExceeded) return khrNotEnoughQuota;
+  if (!IsWriter()) return RefuseReader();
+  const WString strFile = NSPlatform::CombinePath(m_strPath, kszDescriptionFile);
+  NSPlatform::CFile file;
+  HRESULT hr = file.Open(strFile.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                         CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
+  const DWORD cb = SysStringLen(szDescription) * sizeof(WCHAR);
+  DWORD cbWritten = 0;
+  if (SUCCEEDED(hr) && cb) hr = file.Write(szDescription, cb, &cbWritten);
+  if (SUCCEEDED(hr) && cbWritten != cb) hr = KvHResultFromWin32(ERROR_DISK_FULL);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  return S_OK;
+}
+
+STDMETHODIMP CRecord::GetDescription(BSTR* pszDescription) {
+  KV_CHECK_POINTER(pszDescription);
+  *pszDescription = nullptr;
+  NSSystem::CLockGuard guard(*m_pLock);
+  const WString strFile = NSPlatform::CombinePath(m_strPath, kszDescriptionFile);
+  NSPlatform::CFile file;
+  HRESULT hr = file.Open(strFile.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, OPEN_EXISTING,
+                         FILE_ATTRIBUTE_NORMAL);
+  ULONGLONG ullSize = 0;
+  if (SUCCEEDED(hr)) hr = file.GetSize(&ullSize);
+  if (FAILED(hr)) return hr;
+  if (ullSize > 0x7FFFFFFEull) return E_OUTOFMEMORY;
+  const UINT cch = static_cast<UINT>(ullSize / sizeof(WCHAR));
+  if (!cch) return S_OK;
+  BSTR bstr = SysAllocStringLen(nullptr, cch);
+  if (!bstr) return E_OUTOFMEMORY;
+  DWORD cbRead = 0;
+  hr = file.ReadAt(0, bstr, cch * sizeof(WCHAR), &cbRead);
+  if (SUCCEEDED(hr) && cbRead != cch * sizeof(WCHAR)) hr = KvHResultFromWin32(ERROR_HANDLE_EOF);
+  if (FAILED(hr)) {
+    SysFreeString(bstr);
+    return hr;
+  }
+  *pszDescription = bstr;
+  return S_OK;
+}
+
+STDMETHODIMP CRecord::GetPath(BSTR* pszPath) {
+  KV_CHECK_POINTER(pszPath);
+  NSSystem::CLockGuard guard(*m_pLock);
+  *pszPath = SysAllocStringLen(m_strPath.data(), static_cast<UINT>(m_strPath.size()));
+  return *pszPath ? S_OK : E_OUTOFMEMORY;
+}
+
+STDMETHODIMP CRecord::GetName(BSTR* pszName) {
+  KV_CHECK_POINTER(pszName);
+  *pszName = nullptr;
+  NSSystem::CLockGuard guard(*m_pLock);
+  if (HasState(klStateLocked)) return khrLocked;
+  WString strPath = m_strPath;
+  while (!strPath.empty() && NSPlatform::IsPathSeparator(strPath.back())) strPath.pop_back();
+  size_t nPos = strPath.size();
+  while (nPos > 0 && !NSPlatform::IsPathSeparator(strPath[nPos - 1])) --nPos;
+  if (!KV_ASSERT_TEXT(nPos > 0, "-1!=pos\n")) return E_UNEXPECTED;
+  *pszName = SysAllocStringLen(strPath.data() + nPos, static_cast<UINT>(strPath.size() - nPos));
+  return *pszName ? S_OK : E_OUTOFMEMORY;
+}
+
+// ---- The open hour ------------------------------------------------------------------------------------
+
+void CRecord::CloseCurrentHour(bool bReport) {
+  if (m_pCurrentHour) {
+    if (bReport) KV_LOG_MESSAGE(KV_W("Closing previous hour %s\n"), m_strCurrentHourPath.c_str());
+    m_pCurrentHour->Close();
+  }
+  m_pCurrentHour.reset();
+  m_strCurrentHourPath.clear();
+  m_bCurrentHourCreated = false;
+}
+
+HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourPtr* ppHour) {
+  KV_FUNC("CRecord::GetHourManager");
+  NSSystem::CLockGuard guard(*m_pLock);
+  if (m_pCurrentHour && strHourPath == m_strCurrentHourPath) {
+    *ppHour = m_pCurrentHour;
+    return S_OK;
+  }
+  // A failure below leaves the record without an open hour.
+  CloseCurrentHour(true);
+  auto pHour = std::make_shared<CHourManager>(m_pLock);
+  const WString strDirectory = HourDirectory(strHourPath);
+  bool bRepaired = false;
+  for (;;) {
+    const bool bExisted = NSPlatform::IsDirectory(strDirectory.c_str());
+    if (!bExisted && !bCreate) return khrFileNotFound;
+    HRESULT hr = pHour->Open(strDirectory, bCreate, m_dwHourOpenOptions != 0);
+    // A writer does not append behind a frame torn by a crash: such an hour is repaired first.
+    if (SUCCEEDED(hr) && bExisted && IsWriter() && pHour->IsCorrupted()) hr = khrFileCorrupt;
+    if (FAILED(hr)) KV_LOG_WARNING(KV_W("Failed to open next hour %s\n"), strHourPath.c_str());
+    if (!bExisted) {
+      if (!KV_SUCCEEDED(hr)) {
+        pHour->Close();
+        return hr;
+      }
+      break;
+    }
+    if (SUCCEEDED(hr)) break;
+    pHour->Close();
+    if (HasState(klStateNoRepair)) return khrFileCorrupt;
+    // One repair per call: an hour that a repair cannot heal fails instead of looping.
+    if (bRepaired) {
+      KV_SUCCEEDED(hr);
+      return hr;
+    }
+    hr = RepairHour(strHourPath.c_str());
+    if (!KV_SUCCEEDED(hr)) return hr;
+    bRepaired = true;
+  }
+  if (!KV_ASSERT_TEXT(pHour && !strHourPath.empty(), "hdNextHour\n")) return E_UNEXPECTED;
+  m_strCurrentHourPath = strHourPath;
+  m_pCurrentHour = pHour;
+  m_bCurrentHourCreated = bCreate;
+  *ppHour = std::move(pHour);
+  return S_OK;
+}
+
+STDMETHODIMP_(ULONGLONG) CRecord::GetCurrentHourSize() {
+  NSSystem::CLockGuard guard(*m_pLock);
+  return m_pCurrentHour ? m_pCurrentHour->GetFullSizeIfOpen() : 0;
+}
+
+STDMETHODIMP CRecord::GetCurrentHourPath(WString* pstrHourPath) {
+  KV_CHECK_POINTER(pstrHourPath);
+  NSSystem::CLockGuard guard(*m_pLock);
+  *pstrHourPath = m_strCurrentHourPath;
+  return S_OK;
+}
+
+// ---- Writing and reading --------------------------------------------------------------------------
+
+STDMETHODIMP CRecord::Write(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount) {
+  NSSystem::CLockGuard guard(*m_pLock);
+  if (m_dwAccessMode & kdwAccessQuotaExceeded) return khrNotEnoughQuota;
+  if (HasState(klStateLocked)) return khrLocked;
+  if (!IsWriter()) return RefuseReader();
+  if (!m_bParentIsArchive) {
+    KV_LOG_ERROR(KV_W("parent absence on record '%s'!\n"), m_strPath.c_str());
+    return khrInvalidState;
+  }
+  if (dwCount) KV_CHECK_POINTER(pBuff);
+  NSKronvaleUtils::ConformantFileTime(ftFrame);
+  SYSTEMTIME st;
+  if (!KV_ASSERT_TEXT(NSPlatform::FileTimeToSysTime(&ftFrame, &st), "bRes\n"))
+    return NSPlatform::HResultFromLastError();
+  if (m_lBusy.load() >= 1) return khrPending;
+  CHourPtr pHour;
+  HRESULT hr = GetHourManager(NSKronvaleUtils::FormatHourPath(st), true, &pHour);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  hr = pHour->Write(st, dwFlags, reinterpret_cast<const SHourFrameBuffer*>(pBuff), dwCount);
+  KV_SUCCEEDED(hr);
+  return hr;
+}
+
+STDMETHODIMP CRecord::Read(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuff, DWORD dwCount) {
+  NSSystem::CLockGuard guard(*m_pLock);
+  if (HasState(klStateLocked)) return khrLocked;
+  if (dwCount) KV_CHECK_POINTER(pBuff);
+  NSKronvaleUtils::ConformantFileTime(ftFrame);
+  SYSTEMTIME st;
+  if (!KV_ASSERT_TEXT(NSPlatform::FileTimeToSysTime(&ftFrame, &st), "bRes\n"))
+    return NSPlatform::HResultFromLastError();
+  const WString strHourPath = NSKronvaleUtils::FormatHourPath(st);
+  // An hour that does not exist is answered without closing the open one.
+  if (strHourPath != m_strCurrentHourPath && !NSPlatform::IsDirectory(HourDirectory(strHourPath).c_str()))
+    return khrFileNotFound;
+  bool bRefreshed = false;
+  bool bRepaired = false;
+  for (;;) {
+    if (m_lBusy.load() >= 1) return khrPending;
+    CHourPtr pHour;
+    HRESULT hr = GetHourManager(strHourPath, false, &pHour);
+    if (!KV_SUCCEEDED(hr)) return hr;
+    hr = pHour->Read(st, pdwFlags, reinterpret_cast<SHourFrameBuffer*>(pBuff), dwCount);
+    if (SUCCEEDED(hr)) return hr;
+    // Frames appended since this object last looked (by itself or by the record's writer) become
+    // visible with a refresh of the hour's index copy.
+    if (!bRefreshed) {
+      bRefreshed = true;
+      if (pHour->RefreshIfGrown() == S_OK) continue;
+    }
+    if (m_bCurrentHourCreated) return hr;
+    if (hr != khrFileCorrupt && !pHour->IsCorrupted()) return hr;
+    if (HasState(klStateNoRepair) || bRepaired) return hr;
+    CloseCurrentHour(false);
+    hr = RepairHour(strHourPath.c_str());
+    if (!KV_SUCCEEDED(hr)) return hr;
+    bRepaired = true;
+  }
+}
+
+STDMETHODIMP CRecord::CheckFrame(FILETIME ftFrame, const SFrameFilter* pFilter) {
+  DWORD dwFlags = 0;
+  if (FAILED(Read(ftFrame, &dwFlags, nullptr, 0))) return S_FALSE;
+  return Passes(pFilter, dwFlags) ? S_OK : S_FALSE;
+}
+
+STDMETHODIMP CRecord::Extract(FILETIME, FILETIME, const SFrameFilter*, LONG, IRecord** ppExtract) {
+  if (ppExtract) *ppExtract = nullptr;
+  return E_NOTIMPL;
+}
+
+STDMETHODIMP CRecord::ReservedRange(FILETIME, FILETIME) { return E_NOTIMPL; }
+
+// ---- Navigation -----------------------------------------------------------------------------------
+
+STDMETHODIMP CRecord::GetNext(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftNextFrameTime) {
+  Change(0, klStateStop);
+  return Step(true, ft, pFilter, pftNextFrameTime);
+}
+
+STDMETHODIMP CRecord::GetPrev(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftPrevFrameTime) {
+  KV_CHECK_POINTER(pftPrevFrameTime);
+  Change(0, klStateStop);
+  return Step(false, ft, pFilter, pftPrevFrameTime);
+}
+
+STDMETHODIMP CRecord::GetSibling(LONG bForward, LONG dwSteps, FILETIME ft, const SFrameFilter* pFilter,
+                                 FILETIME* pftOutFrameTime) {
+  if (!KV_ASSERT_TEXT(pftOutFrameTime, "pftPrevFrameTime\n")) return E_POINTER;
+  if (dwSteps < 0) return E_INVALIDARG;
+  Change(0, klStateStop);
+  NSSystem::CLockGuard guard(*m_pLock);
+  FILETIME ftAt = ft;
+  for (LONG i = 0; i < dwSteps; ++i) {
+    const HRESULT hr = Step(bForward != 0, ftAt, pFilter, &ftAt);
+    if (FAILED(hr)) return hr;
+  }
+  *pftOutFrameTime = ftAt;
+  return S_OK;
+}
+
+// One step of the sibling search: the nearest frame strictly after (before) ft that passes the filter,
+// crossing empty and non-matching hours, days and months.
+HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftFound) {
+  KV_FUNC("CRecord::GetSibling");
+  if (!KV_ASSERT_TEXT(pftFound, "pftOutFrameTime\n")) return E_POINTER;
+  NSSystem::CLockGuard guard(*m_pLock);
+  if (HasState(klStateLocked)) return khrLocked;
+  NSKronvaleUtils::ConformantFileTime(ft);
+  ULONGLONG t = FileTimeToU64(ft);
+  FILETIME ftLatest = {0xFFFFFFFFu, 0xFFFFFFFFu};
+  NSKronvaleUtils::ConformantFileTime(ftLatest);
+  const ULONGLONG ullLatest = FileTimeToU64(ftLatest);
+  // The instant ft itself never answers; once the search has moved to another hour, that hour's
+  // boundary instant may.
+  bool bExact = true;
+  for (;;) {
+    FILETIME ftAt = U64ToFileTime(t);
+    SYSTEMTIME st;
+    if (!KV_ASSERT_TEXT(NSPlatform::FileTimeToSysTime(&ftAt, &st), "bRes\n")) return NSPlatform::HResultFromLastError();
+    WString strHourPath = NSKronvaleUtils::FormatHourPath(st);
+    if (!NSPlatform::IsDirectory(HourDirectory(strHourPath).c_str())) {
+      WString strFound;
+      FindClosestHourPath(strHourPath, bForward, &strFound);
+      if (strFound.empty()) return khrNotFound;
+      const FILETIME ftStart = NSKronvaleUtils::HourStartFromPath(strFound);
+      if (!FileTimeToU64(ftStart) || !NSPlatform::FileTimeToSysTime(&ftStart, &st)) return khrNotFound;
+      strHourPath = std::move(strFound);
+      t = FileTimeToU64(ftStart);
+      bExact = false;
+    }
+    if (m_lBusy.load() >= 1) {
+      KV_SUCCEEDED(khrPending);
+      return khrPending;
+    }
+    CHourPtr pHour;
+    HRESULT hr = GetHourManager(strHourPath, false, &pHour);
+    if (!KV_SUCCEEDED(hr)) return hr;
+    pHour->RefreshIfGrown();
+    if (!pFilter || Passes(pFilter, pHour->GetFlagMask(NSHours::eflHour, st))) {
+      SYSTEMTIME stFrom = st;
+      if (!bExact) {
+        if (bForward) {
+          stFrom.wMinute = stFrom.wSecond = stFrom.wMilliseconds = 0;
+        } else {
+          stFrom.wMinute = stFrom.wSecond = 59;
+          stFrom.wMilliseconds = 990;
+        }
+      }
+      FILETIME ftFound;
+      hr = pHour->GetSibling(stFrom, HourFilter(pFilter), &ftFound, !bExact, bForward);
+      if (SUCCEEDED(hr)) {
+        *pftFound = ftFound;
+        return S_OK;
+      }
+    }
+    // The neighbouring hour, searched from its boundary.
+    if (bForward) {
+      t = (t / kullHour + 1) * kullHour;
+      if (t > ullLatest) return khrNotFound;
+    } else {
+      if (t / kullHour == 0) return khrNotFound;
+      t = (t / kullHour) * kullHour - kullSlot;
+    }
+    bExact = false;
+  }
+}
+
+// ---- Closest hour ----------------------------------------------------------------------------------
+
+namespace {
+
+// Widths of the year, month, day and hour directory names.
+constexpr size_t kacchLevel[4] = {4, 2, 2, 2};
+
+bool IsLevelName(const WString& strName, int nLevel) {
+  if (strName.size() != kacchLevel[nLevel]) return false;
+  return std::all_of(strName.begin(), strName.end(), [](WCHAR ch) { return ch >= '0' && ch <= '9'; });
+}
+
+// The level names of a directory, in ascending order.
+std::vector<WString> ListLevel(const WString& strDirectory, int nLevel) {
+  std::vector<NSPlatform::SDirEntry> vEntries;
+  std::vector<WString> vNames;
+  if (FAILED(NSPlatform::ListDir(strDirectory.c_str(), &vEntries))) return vNames;
+  for (auto& entry : vEntries)
+    if (entry.IsDirectory() && IsLevelName(entry.strName, nLevel)) vNames.push_back(std::move(entry.strName));
+  return vNames;
+}
+
+WString Join(const WString& strLeft, const WString& strRight) {
+  return strLeft.empty() ? strRight : NSPlatform::CombinePath(strLeft, strRight);
+}
+
+}  // namespace
+
+// Erases an empty year, month, day or hour directory met by a search. Directories on the path of the
+// current UTC hour are left alone (a writer may be making them), and the removal never recurses, so
+// that a directory filled between the test and the removal survives.
+bool CRecord::EraseEmptyDirectory(const WString& strDirectory, const WString& strRelative) {
+  KV_FUNC("CRecord::FindClosestHourPath");
+  SYSTEMTIME stNow;
+  NSPlatform::GetUtcSystemTime(&stNow);
+  const WString strNow = NSKronvaleUtils::FormatHourPath(stNow);
+  if (strNow.compare(0, strRelative.size(), strRelative) == 0) return true;
+  KV_LOG_MESSAGE(KV_W("erasing of empty folder: %s\n"), strDirectory.c_str());
+  const HRESULT hr = NSPlatform::RemoveDir(strDirectory.c_str());
+  if (FAILED(hr)) {
+    KV_LOG_ERROR(KV_W("Failed to delete %s, hr=%0X\n"), strDirectory.c_str(), static_cast<unsigned>(hr));
+    return false;
+  }
+  return true;
+}
+
+// Descends from strDirectory (level nLevel: 1 a year directory, 2 a month, 3 a day, 4 an hour) to
+// its first (forward) or last hour. False when the directory holds none; *pbFailed when an empty directory
+// could not be erased.
+bool CRecord::SearchDown(const WString& strDirectory, const WString& strRelative, int nLevel, bool bForward,
+                         WString* pstrFound, bool* pbFailed) {
+  if (nLevel == 4) {
+    // An hour directory without files (left by a crash between its creation and its files) holds
+    // nothing: it goes like any other empty directory.
+    if (!NSPlatform::IsDirectoryEmpty(strDirectory.c_str())) {
+      *pstrFound = strRelative;
+      return true;
+    }
+    if (!EraseEmptyDirectory(strDirectory, strRelative)) *pbFailed = true;
+    return false;
+  }
+  std::vector<WString> vNames = ListLevel(strDirectory, nLevel);
+  if (!bForward) std::reverse(vNames.begin(), vNames.end());
+  for (const WString& strName : vNames) {
+    if (SearchDown(NSPlatform::CombinePath(strDirectory, strName), Join(strRelative, strName), nLevel + 1, bForward,
+                   pstrFound, pbFailed))
+      return true;
+    if (*pbFailed) return false;
+  }
+  // Nothing below: a directory left empty (perhaps by the erasures above) goes.
+  if (NSPlatform::IsDirectoryEmpty(strDirectory.c_str()) && !EraseEmptyDirectory(strDirectory, strRelative))
+    *pbFailed = true;
+  return false;
+}
+
+STDMETHODIMP CRecord::FindClosestHourPath(const WString& strHourPath, bool bForward, WString* pstrFound) {
+  KV_CHECK_POINTER(pstrFound);
+  pstrFound->clear();
+  NSSystem::CLockGuard guard(*m_pLock);
+  int anParts[4];
+  if (NSKronvaleUtils::ScanHourPath(strHourPath, &anParts[0], &anParts[1], &anParts[2], &anParts[3]) != 4)
+    return E_INVALIDARG;
+  WString astrParts[4];
+  for (int i = 0; i < 4; ++i) {
+    WString str;
+    const std::string strDigits = std::to_string(anParts[i]);
+    str.assign(kacchLevel[i] > strDigits.size() ? kacchLevel[i] - strDigits.size() : 0, '0');
+    for (char ch : strDigits) str.push_back(static_cast<WCHAR>(ch));
+    astrParts[i] = std::move(str);
+  }
+  // The deepest level of the path whose directory exists.
+  WString astrDirectories[5] = {m_strPath};
+  WString astrRelatives[5];
+  int nDepth = 0;
+  while (nDepth < 4) {
+    const WString strNext = NSPlatform::CombinePath(astrDirectories[nDepth], astrParts[nDepth]);
+    if (!NSPlatform::IsDirectory(strNext.c_str())) break;
+    astrDirectories[nDepth + 1] = strNext;
+    astrRelatives[nDepth + 1] = Join(astrRelatives[nDepth], astrParts[nDepth]);
+    ++nDepth;
+  }
+  // At each level from there up: the entries after (before) the path's own, nearest first.
+  for (int nLevel = std::min(nDepth, 3); nLevel >= 0; --nLevel) {
+    std::vector<WString> vNames = ListLevel(astrDirectories[nLevel], nLevel);
+    if (!bForward) std::reverse(vNames.begin(), vNames.end());
+    for (const WString& strName : vNames) {
+      if (bForward ? strName <= astrParts[nLevel] : strName >= astrParts[nLevel]) continue;
+      bool bFailed = false;
+      if (SearchDown(NSPlatform::CombinePath(astrDirectories[nLevel], strName), Join(astrRelatives[nLevel], strName),
+                     nLevel + 1, bForward, pstrFound, &bFailed))
+        return S_OK;
+      if (bFailed) return S_FALSE;
+    }
+  }
+  return S_FALSE;
+}
+
+// ---- Statistics -----------------------------------------------------------------------------------
+
+STDMETHODIMP CRecord::GetStatistic(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution, const SFrameFilter* pFilter,
+                                   LONG dwFlags, DWORD* pdwCount, SRecordStatistic** ppRecordStatistic) {
+  KV_CHECK_POINTERS(pdwCount && ppRecordStatistic);
+  *pdwCount = 0;
+  *ppRecordStatistic = nullptr;
+  Change(0, klStateStop);
+  NSSystem::CLockGuard guard(*m_pLock);
+  if (HasState(klStateLocked)) return khrLocked;
+  NSKronvaleUtils::ConformantFileTime(ftBegin);
+  NSKronvaleUtils::ConformantFileTime(ftEnd);
+  const ULONGLONG ullResolution = FileTimeToU64(ftResolution);
+  try {
+    NSKronvaleUtils::SpanToDatePart(ullResolution);
+  } catch (const std::exception&) {
+    return E_INVALIDARG;
+  }
+  // The ends move onto frames that pass the filter.
+  HRESULT hr;
+  if (CheckFrame(ftBegin, pFilter) != S_OK) {
+    hr = GetNext(ftBegin, pFilter, &ftBegin);
+    if (!KV_SUCCEEDED(hr)) return hr;
+  }
+  if (CheckFrame(ftEnd, pFilter) != S_OK) {
+    hr = GetPrev(ftEnd, pFilter, &ftEnd);
+    if (!KV_SUCCEEDED(hr)) return hr;
+  }
+  if (!KV_ASSERT_TEXT(FileTimeToU64(ftEnd) >= FileTimeToU64(ftBegin), "ftEnd>=ftBegin\n")) return E_INVALIDARG;
+
+  std::vector<SRecordStatistic> vCells;
+  hr = CollectStatistic(FileTimeToU64(ftBegin), FileTimeToU64(ftEnd), ullResolution, pFilter, &vCells);
+  if (FAILED(hr)) return hr;
+
+  // Runs: neighbouring cells with compatible flags join.
+  const LONGLONG llGap = (dwFlags & 4) ? 0 : static_cast<LONGLONG>(ullResolution);
+  const DWORD dwJoinMode = (dwFlags & 8) && pFilter ? static_cast<DWORD>(pFilter->eMode) : 2;
+  std::vector<SRecordStatistic> vRuns;
+  if (!vCells.empty()) {
+    SRecordStatistic run = vCells.front();
+    for (size_t i = 1; i < vCells.size(); ++i) {
+      const SRecordStatistic& cell = vCells[i];
+      bool bJoin = Joins(dwJoinMode, run.dwFlags, cell.dwFlags);
+      if (bJoin && llGap) {
+        const LONGLONG llRunBegin = Ticks(run.ftBegin), llRunEnd = Ticks(run.ftEnd);
+        const LONGLONG llBegin = Ticks(cell.ftBegin), llEnd = Ticks(cell.ftEnd);
+        const bool bCellOutsideRun = llRunBegin - llGap >= llBegin || llBegin >= llRunEnd + llGap;
+        const bool bRunOutsideCell = llBegin - llGap >= llRunBegin || llRunBegin >= llEnd + llGap;
+        bJoin = !(bCellOutsideRun && bRunOutsideCell);
+      }
+      if (bJoin) {
+        if (Ticks(cell.ftBegin) < Ticks(run.ftBegin)) run.ftBegin = cell.ftBegin;
+        if (Ticks(cell.ftEnd) > Ticks(run.ftEnd)) run.ftEnd = cell.ftEnd;
+        run.dwCount += cell.dwCount;
+        run.dwFlags |= cell.dwFlags;
+      } else {
+        if (Ticks(run.ftEnd) > Ticks(cell.ftBegin)) run.ftEnd = cell.ftBegin;
+        vRuns.push_back(run);
+        run = cell;
+      }
+    }
+    vRuns.push_back(run);
+  }
+  ExactEnds(vRuns, pFilter);
+
+  if (!vRuns.empty()) {
+    auto* pRuns = static_cast<SRecordStatistic*>(CoTaskMemAlloc(vRuns.size() * sizeof(SRecordStatistic)));
+    if (!pRuns) return E_OUTOFMEMORY;
+    std::copy(vRuns.begin(), vRuns.end(), pRuns);
+    *ppRecordStatistic = pRuns;
+    *pdwCount = static_cast<DWORD>(vRuns.size());
+    return S_OK;
+  }
+  return hr;
+}
+
+// The cells of every hour from ullBegin to ullEnd, in time order: seconds or minutes for resolutions
+// under an hour (10 ms slots under a second), one cell per hour otherwise.
+HRESULT CRecord::CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLONG ullResolution,
+                                  const SFrameFilter* pFilter, std::vector<SRecordStatistic>* pvCells) {
+  KV_FUNC("CRecord::GetStatistic");
+  DWORD cSlotsPerCell = 0;
+  switch (NSKronvaleUtils::SpanToDatePart(ullResolution)) {
+    case file_time::edMSec: cSlotsPerCell = 1; break;
+    case file_time::edSec: cSlotsPerCell = 100; break;
+    case file_time::edMin: cSlotsPerCell = 6000; break;
+    default: cSlotsPerCell = 0; break;
+  }
+  HRESULT hr = S_OK;
+  std::vector<SHourCell> vHourCells;
+  ULONGLONG t = ullBegin;
+  while (t <= ullEnd) {
+    const ULONGLONG ullHourStart = (t / kullHour) * kullHour;
+    const ULONGLONG ullNextHour = ullHourStart + kullHour;
+    const ULONGLONG ullPartEnd = std::min(ullNextHour - 1, ullEnd);
+    FILETIME ftFrom = U64ToFileTime(t), ftTo = U64ToFileTime(ullPartEnd);
+    SYSTEMTIME stFrom, stTo;
+    if (!KV_ASSERT_TEXT(NSPlatform::FileTimeToSysTime(&ftFrom, &stFrom) && NSPlatform::FileTimeToSysTime(&ftTo, &stTo),
+                        "bRes\n"))
+      return NSPlatform::HResultFromLastError();
+    if (!KV_ASSERT_TEXT(stFrom.wHour == stTo.wHour, "sysTimeBegin.wHour==sysTimeEnd.wHour\n")) return E_UNEXPECTED;
+    const WString strHourPath = NSKronvaleUtils::FormatHourPath(stFrom);
+    if (!NSPlatform::IsDirectory(HourDirectory(strHourPath).c_str())) {
+      // Missing hours contribute nothing: go straight to the next one that exists.
+      WString strFound;
+      FindClosestHourPath(strHourPath, true, &strFound);
+      if (strFound.empty()) break;
+      t = std::max(ullNextHour, FileTimeToU64(NSKronvaleUtils::HourStartFromPath(strFound)));
+      continue;
+    }
+    if (m_lBusy.load() >= 1) {
+      KV_SUCCEEDED(khrPending);
+      return khrPending;
+    }
+    CHourPtr pHour;
+    hr = GetHourManager(strHourPath, false, &pHour);
+    if (!KV_SUCCEEDED(hr)) return hr;
+    pHour->RefreshIfGrown();
+    if (!pFilter || Passes(pFilter, pHour->GetFlagMask(NSHours::eflHour, stFrom))) {
+      hr = pHour->GetCells(stFrom, stTo, cSlotsPerCell, HourFilter(pFilter), &vHourCells);
+      if (!KV_SUCCEEDED(hr)) return hr;
+      for (const SHourCell& cell : vHourCells) {
+        SRecordStatistic record;
+        if (cSlotsPerCell) {
+          const ULONGLONG ullCellStart = ullHourStart + ULONGLONG{cell.dwFirstSlot / cSlotsPerCell} * cSlotsPerCell * kullSlot;
+          record.ftBegin = U64ToFileTime(ullCellStart);
+          record.ftEnd = U64ToFileTime(ullCellStart + ullResolution);
+        } else {
+          record.ftBegin = U64ToFileTime(ullHourStart + ULONGLONG{cell.dwFirstSlot} * kullSlot);
+          record.ftEnd = U64ToFileTime(ullHourStart + ULONGLONG{cell.dwLastSlot} * kullSlot);
+        }
+        record.dwFlags = cell.dwFlags;
+        record.dwCount = cell.dwCount;
+        pvCells->push_back(record);
+      }
+    }
+    t = ullNextHour;
+  }
+  return hr;
+}
+
+// Moves each run's ends onto its first and last passing frames; a run of one frame lasts 10 ms.
+void CRecord::ExactEnds(std::vector<SRecordStatistic>& vRuns, const SFrameFilter* pFilter) {
+  KV_FUNC("ExactEnds");
+  for (SRecordStatistic& run : vRuns) {
+    if (!KV_ASSERT_TEXT(Ticks(run.ftEnd) >= Ticks(run.ftBegin), "oRecordStatistic.ftEnd>=oRecordStatistic.ftBegin\n"))
+      return;
+    const SRecordStatistic kept = run;
+    HRESULT hr = S_OK;
+    if (CheckFrame(run.ftEnd, pFilter) != S_OK) hr = GetPrev(run.ftEnd, pFilter, &run.ftEnd);
+    if (!KV_SUCCEEDED(hr)) return;
+    if (CheckFrame(run.ftBegin, pFilter) != S_OK) hr = GetNext(run.ftBegin, pFilter, &run.ftBegin);
+    if (!KV_SUCCEEDED(hr)) return;
+    if (Ticks(run.ftEnd) == Ticks(run.ftBegin))
+      run.ftEnd = U64ToFileTime(FileTimeToU64(run.ftEnd) + kullSlot);
+    else if (Ticks(run.ftEnd) < Ticks(run.ftBegin))
+      run = kept;
+  }
+}
+
+}  // namespace NSRecords

@@ -1,0 +1,138 @@
+// A record: one named stream of frames, kept on disk as a directory holding "record.ald" (its
+// description) and a tree of hour directories year/month/day/hour, each one CHourManager.
+//
+// The archive makes a record as a writer (access 3) or as a reader object; both may use the same
+// directories at once, each with its own open hour. A record keeps exactly one hour open: reading
+// or writing another hour closes the open one first. Every public operation holds the record lock
+// for its whole duration; the lock is recursive, so operations built from others (statistics,
+// merge, fast copy) call the public ones.
+#pragma once
+
+#include <kronvale/kronvale.h>
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include "com/ComKit.h"
+#include "hours/HourManager.h"
+#include "records/RecordInternal.h"
+#include "records/StateControl.h"
+#include "support/Lock.h"
+
+namespace NSRecords {
+
+// Access mode bits.
+constexpr DWORD kdwAccessMask = 0x3;
+constexpr DWORD kdwAccessReadWrite = 0x3;
+constexpr DWORD kdwAccessQuotaExceeded = 0x4;
+
+class CRecord : public NSCom::CComObjectRootEx,
+                public NSCom::CComCoClass<CRecord>,
+                public IRecordEx,
+                public IRecordFastCopy,
+                public CStateControl,
+                public IRecordInternal,
+                public NSHours::IProgress {
+ public:
+  CRecord();
+  ~CRecord();
+
+  BEGIN_COM_MAP(CRecord)
+    COM_INTERFACE_ENTRY2(IDescription, IRecordEx)
+    COM_INTERFACE_ENTRY2(IRecord, IRecordEx)
+    COM_INTERFACE_ENTRY(IStateControl)
+    COM_INTERFACE_ENTRY(IRecordEx)
+    COM_INTERFACE_ENTRY(IRecordFastCopy)
+    COM_INTERFACE_ENTRY(IRecordInternal)
+  END_COM_MAP()
+
+  void FinalRelease();
+
+  // IDescription
+  STDMETHOD(SetDescription)(BSTR szDescription) override;
+  STDMETHOD(GetDescription)(BSTR* pszDescription) override;
+  STDMETHOD(GetPath)(BSTR* pszPath) override;
+
+  // IRecord
+  STDMETHOD(Write)(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount) override;
+  STDMETHOD(Read)(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuff, DWORD dwCount) override;
+  STDMETHOD(GetNext)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftNextFrameTime) override;
+  STDMETHOD(GetPrev)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftPrevFrameTime) override;
+  STDMETHOD(GetStatistic)(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution, const SFrameFilter* pFilter,
+                          LONG dwFlags, DWORD* pdwCount, SRecordStatistic** ppRecordStatistic) override;
+  STDMETHOD(RemoveHour)(FILETIME ftHour) override;
+  STDMETHOD(GetName)(BSTR* pszName) override;
+  STDMETHOD(Extract)(FILETIME ftBegin, FILETIME ftEnd, const SFrameFilter* pFilter, LONG lCount,
+                     IRecord** ppExtract) override;
+  STDMETHOD(Merge)(IRecord* pSource, const SFrameFilter* pFilter, LONG lFlags) override;
+  STDMETHOD(CheckFrame)(FILETIME ftFrame, const SFrameFilter* pFilter) override;
+
+  // IRecordEx
+  STDMETHOD(ReservedRange)(FILETIME ftBegin, FILETIME ftEnd) override;
+  STDMETHOD(GetStatus)(BSTR* pszStatus) override;
+  STDMETHOD(GetSibling)(LONG bForward, LONG dwSteps, FILETIME ft, const SFrameFilter* pFilter,
+                        FILETIME* pftOutFrameTime) override;
+
+  // IRecordFastCopy
+  STDMETHOD(CopyHoursTo)(BSTR bstrTargetPath, FILETIME ftBegin, FILETIME ftEnd) override;
+
+  // IRecordInternal
+  STDMETHOD(Create)(IKronvale* pParent, const WCHAR* pszPath, DWORD dwHourOpenOptions, DWORD dwAccessMode) override;
+  STDMETHOD_(DWORD, GetAccessMode)() override { return m_dwAccessMode.load(); }
+  STDMETHOD_(void, SetQuotaExceeded)(bool bExceeded) override;
+  STDMETHOD_(ULONGLONG, GetCurrentHourSize)() override;
+  STDMETHOD(GetCurrentHourPath)(WString* pstrHourPath) override;
+  STDMETHOD(FindClosestHourPath)(const WString& strHourPath, bool bForward, WString* pstrFound) override;
+  STDMETHOD(RepairHour)(const WCHAR* pszHourPath) override;
+  STDMETHOD_(LONG, EnterBusy)() override { return ++m_lBusy; }
+  STDMETHOD_(LONG, LeaveBusy)() override { return --m_lBusy; }
+
+  // IProgress (of a repair)
+  void SetPercent(BYTE byPercent) override;
+  bool IsStopped() override;
+
+  // Makes strHourPath the open hour (closing the previous one) and hands out its manager. Runs
+  // under the caller's record lock.
+  HRESULT GetHourManager(const WString& strHourPath, bool bCreate, std::shared_ptr<NSHours::CHourManager>* ppHour);
+
+ protected:
+  void OnChange(LONG lFirst, LONG lSecond, LONG lState) override;
+
+ private:
+  using CHourPtr = std::shared_ptr<NSHours::CHourManager>;
+
+  bool IsWriter() const { return (m_dwAccessMode.load() & kdwAccessMask) == kdwAccessReadWrite; }
+  HRESULT RefuseReader();
+  HRESULT OpenHour(const WString& strHourPath, bool bCreate, CHourPtr* ppHour);
+  void CloseCurrentHour(bool bReport);
+  WString HourDirectory(const WString& strHourPath) const;
+  HRESULT Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftFound);
+  HRESULT CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLONG ullResolution, const SFrameFilter* pFilter,
+                           std::vector<SRecordStatistic>* pvRuns);
+  void ExactEnds(std::vector<SRecordStatistic>& vRuns, const SFrameFilter* pFilter);
+  bool SearchDown(const WString& strDirectory, const WString& strRelative, int nLevel, bool bForward,
+                  WString* pstrFound, bool* pbFailed);
+  bool EraseEmptyDirectory(const WString& strDirectory, const WString& strRelative);
+  void SetStatus(const WString& strStatus);
+
+  // Guards everything below it that is not atomic; shared with the hour managers this record makes.
+  std::shared_ptr<NSSystem::SLock> m_pLock;
+  WString m_strPath;             // the record directory, canonical, without a trailing separator
+  WString m_strCurrentHourPath;  // relative hour path of the open hour; empty when none
+  CHourPtr m_pCurrentHour;
+  bool m_bCurrentHourCreated = false;  // the open hour was opened by a write
+  DWORD m_dwHourOpenOptions = 0;
+  NSCom::CComPtr<IKronvale> m_pParent;
+  bool m_bParentIsArchive = false;
+  std::atomic<LONG> m_lBusy{0};
+  std::atomic<DWORD> m_dwAccessMode{0};
+
+  // The maintenance running now and its progress, under their own section so that GetStatus
+  // answers while a repair holds the record lock.
+  NSSystem::CCriticalSection<0, 4000> m_statusSection;
+  WString m_strStatus;
+  std::atomic<BYTE> m_byPercent{0};
+};
+
+}  // namespace NSRecords
