@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
 # Builds and runs every test on every preset: native, native with AddressSanitizer and
-# UndefinedBehaviorSanitizer, and Windows x64 under Wine. Installs what is missing first.
+# UndefinedBehaviorSanitizer, native with ThreadSanitizer, and Windows x64 under Wine. Installs
+# what is missing first.
 #
-#   scripts/test-all.sh [PRESET...]     (default: linux linux-asan windows)
+#   scripts/test-all.sh [PRESET...]     (default: linux linux-asan linux-tsan windows)
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/install-deps.sh || exit 1
 
 presets=("$@")
-[ ${#presets[@]} -gt 0 ] || presets=(linux linux-asan windows)
+[ ${#presets[@]} -gt 0 ] || presets=(linux linux-asan linux-tsan windows)
 
 failed=()
 passed=()

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 #include <vector>
 
@@ -261,7 +262,11 @@ HRESULT CHourManager::AppendFrame(const SYSTEMTIME& st, DWORD dwFlags, const SHo
 
   // Header, then each buffer's size and data: one gathered write at the end of data.al.
   std::vector<SIoBuffer> vPieces;
-  vPieces.reserve(1 + 2 * size_t{dwCount});
+  try {
+    vPieces.reserve(1 + 2 * size_t{dwCount});
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;  // an absurd buffer count
+  }
   vPieces.push_back({&header, sizeof(header)});
   for (DWORD i = 0; i < dwCount; ++i) {
     vPieces.push_back({&pBuffers[i].dwDataSize, sizeof(DWORD)});
@@ -269,7 +274,7 @@ HRESULT CHourManager::AppendFrame(const SYSTEMTIME& st, DWORD dwFlags, const SHo
   }
   const ULONGLONG ullOffset = m_ullDataSize;
   DWORD cbWritten = 0;
-  HRESULT hr = m_file.WriteGather(vPieces.data(), vPieces.size(), &cbWritten);
+  HRESULT hr = m_file.WriteGatherAt(ullOffset, vPieces.data(), vPieces.size(), &cbWritten);
   if (SUCCEEDED(hr) && cbWritten != FrameSize(header.dwFullSize)) hr = khrWriteFault;
   if (FAILED(hr)) {
     // How much reached the file is not known after an error: learn the end again.

@@ -91,6 +91,9 @@ class CFile {
   // Writes the buffers one after the other at the current position with as few system calls as the
   // platform allows (one on Linux). *pcbWritten is the total written.
   HRESULT WriteGather(const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pcbWritten);
+  // The same at an offset, like WriteAt: the current position is not used (and on Linux not changed;
+  // Windows leaves it after the data written, as any positional write does there).
+  HRESULT WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pcbWritten);
   // At an offset; the current position is not used (and on Linux not changed).
   HRESULT ReadAt(ULONGLONG ullOffset, void* pv, DWORD cb, DWORD* pcbRead);
   HRESULT WriteAt(ULONGLONG ullOffset, const void* pv, DWORD cb, DWORD* pcbWritten);

@@ -209,8 +209,10 @@ HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourP
     const bool bExisted = NSPlatform::IsDirectory(strDirectory.c_str());
     if (!bExisted && !bCreate) return khrFileNotFound;
     HRESULT hr = pHour->Open(strDirectory, bCreate, m_dwHourOpenOptions != 0);
-    // A writer does not append behind a frame torn by a crash: such an hour is repaired first.
-    if (SUCCEEDED(hr) && bExisted && IsWriter() && pHour->IsCorrupted()) hr = khrFileCorrupt;
+    // A writer does not append behind a frame torn by a crash: such an hour is repaired first. A
+    // frame short of no more than its header's size survives a repair, so an hour still torn after
+    // one is taken as it is rather than repaired on every call.
+    if (SUCCEEDED(hr) && bExisted && IsWriter() && !bRepaired && pHour->IsCorrupted()) hr = khrFileCorrupt;
     if (FAILED(hr)) KV_LOG_WARNING(KV_W("Failed to open next hour %s\n"), strHourPath.c_str());
     if (!bExisted) {
       if (!KV_SUCCEEDED(hr)) {

@@ -157,7 +157,7 @@ STDMETHODIMP CRecord::CopyHoursTo(BSTR bstrTargetPath, FILETIME ftBegin, FILETIM
     const WString strTo = NSPlatform::CombinePath(strTarget, strHourPath);
     WString strParent = strTo;
     while (!strParent.empty() && !NSPlatform::IsPathSeparator(strParent.back())) strParent.pop_back();
-    HRESULT hr = NSPlatform::CreateDirTree(strParent.c_str());
+    HRESULT hr = NSPlatform::IsDirectory(strParent.c_str()) ? S_OK : NSPlatform::CreateDirTree(strParent.c_str());
     // An hour already in the target is not merged into: copying onto it would nest the copy.
     if (SUCCEEDED(hr) && NSPlatform::PathExists(strTo.c_str())) hr = KvHResultFromWin32(ERROR_ALREADY_EXISTS);
     if (SUCCEEDED(hr)) hr = NSPlatform::CopyTree(strFrom.c_str(), strTo.c_str());

@@ -197,6 +197,27 @@ TEST_F(HourTest, AFrameOfTwoBuffersLandsByteExact) {
   EXPECT_TRUE(strHash == strExpected);
 }
 
+// Reads and checks between appends leave the appends where they belong (a positional read moves
+// the file position on Windows), in the same open and after reopening the hour.
+TEST_F(HourTest, ReadsBetweenAppendsDoNotMoveThem) {
+  CHourManager hour(m_pLock);
+  ASSERT_EQ(hour.Open(HourPath(), true, false), S_OK);
+  ASSERT_EQ(Write(hour, At(0, 0, 0), 1, {"first frame"}), S_OK);
+  hour.Refresh();
+  EXPECT_EQ(ReadOne(hour, At(0, 0, 0)), "first frame");
+  ASSERT_EQ(Write(hour, At(0, 0, 10), 2, {"second"}), S_OK);
+  hour.Close();
+  ASSERT_EQ(hour.Open(HourPath(), true, false), S_OK);
+  EXPECT_FALSE(hour.IsCorrupted());
+  ASSERT_EQ(Write(hour, At(0, 0, 20), 4, {"third"}), S_OK);
+  hour.Refresh();
+  EXPECT_FALSE(hour.IsCorrupted());
+  EXPECT_EQ(ReadOne(hour, At(0, 0, 0)), "first frame");
+  EXPECT_EQ(ReadOne(hour, At(0, 0, 10)), "second");
+  EXPECT_EQ(ReadOne(hour, At(0, 0, 20)), "third");
+  EXPECT_EQ(FileBytes(kszDataFileName).size(), 3 * 32u + 11 + 6 + 5);
+}
+
 TEST_F(HourTest, SlotsAreTenMillisecondsAndTheLaterFrameWins) {
   WriteHour({{At(0, 0, 1), 0x1, {"first"}}, {At(0, 0, 9), 0x2, {"second"}}, {At(59, 59, 995), 0x4, {"last"}}});
   EXPECT_EQ(FileBytes(kszDescriptorFileName).size(), 64u);  // every frame has its entry

@@ -135,6 +135,17 @@ TEST(File, WriteGatherWritesTheBuffersInOrder) {
   ASSERT_EQ(file.Flush(), S_OK);
   file.Close();
   EXPECT_EQ(Contents(strFile), "heABC!" + strBig.substr(2) + "tail");
+
+  // At an offset: beyond the end, and inside the big buffer.
+  ASSERT_EQ(file.Open(strFile.c_str(), dwReadWrite, 0, OPEN_EXISTING, 0), S_OK);
+  ASSERT_EQ(file.WriteGatherAt(70010, aOver, 2, &cb), S_OK);
+  EXPECT_EQ(cb, 3u);
+  const SIoBuffer aInside[] = {{"12", 2}, {strBig.data(), 3}, {"3", 1}};
+  ASSERT_EQ(file.WriteGatherAt(100, aInside, 3, &cb), S_OK);
+  EXPECT_EQ(cb, 6u);
+  file.Close();
+  EXPECT_EQ(Contents(strFile), "heABC!" + strBig.substr(2, 94) + "12zzz3" + strBig.substr(102) + "tail" +
+                                   std::string("\0\0", 2) + "ABC");
 }
 
 TEST(File, DeleteOnCloseAndTemporaryFiles) {

@@ -28,6 +28,12 @@
 
 namespace NSPlatform {
 
+namespace {
+// The offset of a gathered write at the current position.
+constexpr ULONGLONG kullAtPosition = ~0ull;
+}  // namespace
+
+
 using namespace NPosix;
 
 namespace {
@@ -298,6 +304,10 @@ HRESULT CFile::Write(const void* pv, DWORD cb, DWORD* pcbWritten) {
 }
 
 HRESULT CFile::WriteGather(const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pcbWritten) {
+  return WriteGatherAt(kullAtPosition, pBuffers, cBuffers, pcbWritten);
+}
+
+HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pcbWritten) {
   if (pcbWritten) *pcbWritten = 0;
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
   if (cBuffers != 0 && !pBuffers) return Fail(ERROR_INVALID_PARAMETER);
@@ -324,7 +334,11 @@ HRESULT CFile::WriteGather(const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pc
   size_t iFirst = 0;
   while (iFirst < vIov.size()) {
     const int cIov = static_cast<int>(std::min<size_t>(vIov.size() - iFirst, IOV_MAX));
-    const ssize_t n = RetryEintr([&] { return ::writev(static_cast<int>(m_hNative), &vIov[iFirst], cIov); });
+    const ssize_t n = RetryEintr([&] {
+      return ullOffset == kullAtPosition
+                 ? ::writev(static_cast<int>(m_hNative), &vIov[iFirst], cIov)
+                 : ::pwritev(static_cast<int>(m_hNative), &vIov[iFirst], cIov, static_cast<off_t>(ullOffset + cbDone));
+    });
     if (n < 0) return FailErrno(errno);
     cbDone += static_cast<DWORD>(n);
     size_t cbAdvance = static_cast<size_t>(n);

@@ -23,6 +23,9 @@ const intptr_t hInvalid = reinterpret_cast<intptr_t>(INVALID_HANDLE_VALUE);
 
 HANDLE AsHandle(intptr_t h) { return reinterpret_cast<HANDLE>(h); }
 
+// The offset of a gathered write at the current position.
+constexpr ULONGLONG kullAtPosition = ~0ull;
+
 OVERLAPPED OverlappedAt(ULONGLONG ullOffset) {
   OVERLAPPED ov = {};
   ov.Offset = static_cast<DWORD>(ullOffset);
@@ -173,6 +176,10 @@ HRESULT CFile::Write(const void* pv, DWORD cb, DWORD* pcbWritten) {
 }
 
 HRESULT CFile::WriteGather(const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pcbWritten) {
+  return WriteGatherAt(kullAtPosition, pBuffers, cBuffers, pcbWritten);
+}
+
+HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pcbWritten) {
   if (pcbWritten != nullptr) {
     *pcbWritten = 0;
   }
@@ -195,7 +202,9 @@ HRESULT CFile::WriteGather(const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pc
   if (cBuffers == 0 || cbTotal <= pBuffers[0].cb) {
     const void* pv = cBuffers == 0 ? nullptr : pBuffers[0].pv;
     DWORD cbWritten = 0;
-    if (cbTotal != 0 && !::WriteFile(AsHandle(m_hNative), pv, cbTotal, &cbWritten, nullptr)) {
+    OVERLAPPED ov = OverlappedAt(ullOffset);
+    if (cbTotal != 0 &&
+        !::WriteFile(AsHandle(m_hNative), pv, cbTotal, &cbWritten, ullOffset == kullAtPosition ? nullptr : &ov)) {
       return FailLast();
     }
     if (pcbWritten != nullptr) {
@@ -219,7 +228,9 @@ HRESULT CFile::WriteGather(const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pc
     cbCopied += cbPart;
   }
   DWORD cbWritten = 0;
-  BOOL bWritten = ::WriteFile(AsHandle(m_hNative), vGather.data(), cbTotal, &cbWritten, nullptr);
+  OVERLAPPED ov = OverlappedAt(ullOffset);
+  BOOL bWritten = ::WriteFile(AsHandle(m_hNative), vGather.data(), cbTotal, &cbWritten,
+                              ullOffset == kullAtPosition ? nullptr : &ov);
   DWORD dwWriteError = ::GetLastError();
   if (vGather.capacity() > cbKeepGatherBuffer) {
     std::vector<BYTE>().swap(vGather);

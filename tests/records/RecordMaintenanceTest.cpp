@@ -1,0 +1,193 @@
+// Work on whole hours: repair of an hour torn by a crash (writers repair once, readers never, state
+// bit 2 forbids it), the status during a repair, removal, merge and fast copy.
+#include "records/RecordTestSupport.h"
+
+using namespace NKvRecordTest;
+
+namespace {
+
+class RecordMaintenanceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    m_pWriter = m_archive.Writer("cam");
+    ASSERT_TRUE(m_pWriter);
+  }
+  WString Dir(const char* pszRelative) const {
+    return NSPlatform::CombinePath(m_dir.Sub(KV_W("arc")), Native(pszRelative));
+  }
+  // Three frames in 10h (43, 43 and 45 bytes in data.al), then the writer moves on to 11h so that
+  // 10h is closed, and the last frame of 10h loses its last 30 bytes as in a crash.
+  void WriteTornHour() {
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(S_OK, WriteFrame(m_pWriter, m_aft[i], 1u << i, {m_astr[i], "tail"}));
+    ASSERT_EQ(S_OK, WriteFrame(m_pWriter, Ft(2021, 3, 7, 11), 8, {"eleven"}));
+    std::string strData;
+    ASSERT_EQ(S_OK, NKvTest::ReadFileBytes(Dir("cam/2021/03/07/10/data.al"), &strData));
+    ASSERT_EQ(131u, strData.size());
+    strData.resize(strData.size() - 30);
+    ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(Dir("cam/2021/03/07/10/data.al"), strData));
+    m_strTorn = Snapshot();
+  }
+  std::string Snapshot() const {
+    std::string strAll;
+    for (const char* psz : {"data.al", "descriptor.ald", "descriptor.alh"}) {
+      std::string str;
+      NKvTest::ReadFileBytes(NSPlatform::CombinePath(Dir("cam/2021/03/07/10"), W(psz)), &str);
+      strAll += str + "|";
+    }
+    return strAll;
+  }
+
+  NKvTest::CTempDir m_dir;
+  CTestArchive m_archive{m_dir.Sub(KV_W("arc"))};
+  NSCom::CComPtr<IRecordEx> m_pWriter;
+  const FILETIME m_aft[3] = {Ft(2021, 3, 7, 10, 1), Ft(2021, 3, 7, 10, 2), Ft(2021, 3, 7, 10, 3)};
+  const std::string m_astr[3] = {"one", "two", "three"};
+  std::string m_strTorn;
+};
+
+TEST_F(RecordMaintenanceTest, ReadersNeverRepairAndBit2ForbidsIt) {
+  WriteTornHour();
+  auto pReader = m_archive.Reader("cam");
+  NSTest::CLogCapture capture;
+  // A reader reads the sound frames and fails on the torn one, touching nothing.
+  EXPECT_EQ((std::vector<std::string>{"one", "tail"}), ReadFrame(pReader, m_aft[0], 2));
+  EXPECT_EQ(std::vector<std::string>{"hr=80070005"}, ReadFrame(pReader, m_aft[2], 2));
+  EXPECT_TRUE(Logged(capture, "error", W("Data modification for record '") + Dir("cam") + W("' reader object forbidden!\n")));
+  EXPECT_EQ(m_strTorn, Snapshot());
+  EXPECT_EQ(1u, Texts(capture, "Repairing").size());
+  // A writer with the no-repair bit fails to open the hour at all.
+  NSTest::CLogCapture second;
+  auto pState = Query<IStateControl>(m_pWriter, IID_IStateControl);
+  ASSERT_EQ(S_OK, pState->Change(2, 0));
+  EXPECT_EQ(std::vector<std::string>{"hr=80070570"}, ReadFrame(m_pWriter, m_aft[0], 2));
+  EXPECT_EQ(khrCorrupt, WriteFrame(m_pWriter, Ft(2021, 3, 7, 10, 30), 1, {"x"}));
+  EXPECT_TRUE(Logged(second, "warning", W("Failed to open next hour ") + Native("2021/03/07/10") + W("\n")));
+  EXPECT_EQ(m_strTorn, Snapshot());
+  EXPECT_TRUE(Texts(second, "Repairing").empty());
+}
+
+// Sees the status text at each progress report of a repair.
+class CProbeRecord : public NSRecords::CRecord {
+ public:
+  void SetPercent(BYTE byPercent) override {
+    NSCom::CComBSTR bstr;
+    GetStatus(&bstr);
+    m_vStatus.push_back(bstr.m_str ? WString(bstr.m_str) : WString());
+    CRecord::SetPercent(byPercent);
+  }
+  std::vector<WString> m_vStatus;
+};
+
+TEST_F(RecordMaintenanceTest, AWriterRepairsOnceAndRetries) {
+  WriteTornHour();
+  // The record's own writer object, made like the archive makes it.
+  NSCom::CComObject<CProbeRecord>* pProbe = nullptr;
+  ASSERT_EQ(S_OK, NSCom::CComObject<CProbeRecord>::CreateInstance(&pProbe));
+  NSCom::CComPtr<IRecord> pRecord(pProbe);
+  ASSERT_EQ(S_OK, pProbe->Create(m_archive.Get(), Dir("cam").c_str(), 0, 3));
+
+  NSTest::CLogCapture capture;
+  EXPECT_EQ((std::vector<std::string>{"two", "tail"}), ReadFrame(pRecord, m_aft[1], 2));
+  EXPECT_EQ(std::vector<WString>{W("Repairing hour ") + Native("2021/03/07/10") + W(" of ") + Dir("cam") + W("\n")},
+            Texts(capture, "Repairing"));
+  // The status names the hour while the repair runs, with its progress once there is some (the
+  // repair had passed the first frame, 43 of 101 bytes, when it last reported).
+  const WString strTitle = W("Restoring the hour: ") + Native("2021/03/07/10");
+  EXPECT_EQ((std::vector<WString>{strTitle, strTitle, strTitle + W(" (42%)")}), pProbe->m_vStatus);
+  NSCom::CComBSTR bstr;
+  ASSERT_EQ(S_OK, pProbe->GetStatus(&bstr));
+  EXPECT_EQ(0u, SysStringLen(bstr.m_str));
+  // The torn frame is gone, the others and the next hour are intact, and a write appends again.
+  EXPECT_EQ((std::vector<std::string>{"one", "tail"}), ReadFrame(pRecord, m_aft[0], 2));
+  EXPECT_EQ(std::vector<std::string>{"hr=80070490"}, ReadFrame(pRecord, m_aft[2], 2));
+  EXPECT_EQ(S_OK, WriteFrame(pRecord, m_aft[2], 4, {"three again", "t"}));
+  EXPECT_EQ((std::vector<std::string>{"three again", "t"}), ReadFrame(pRecord, m_aft[2], 2));
+  EXPECT_EQ(std::vector<std::string>{"eleven"}, ReadFrame(pRecord, Ft(2021, 3, 7, 11), 1));
+  EXPECT_EQ(1u, Texts(capture, "Repairing").size());
+}
+
+TEST_F(RecordMaintenanceTest, AWriteIntoATornHourRepairsItFirst) {
+  WriteTornHour();
+  ASSERT_EQ(S_OK, WriteFrame(m_pWriter, Ft(2021, 3, 7, 10, 4), 16, {"four", "tail"}));
+  auto pReader = m_archive.Reader("cam");
+  EXPECT_EQ((std::vector<ULONGLONG>{U(m_aft[0]), U(m_aft[1]), U(Ft(2021, 3, 7, 10, 4)), U(Ft(2021, 3, 7, 11))}),
+            WalkForward(pReader));
+  EXPECT_EQ((std::vector<std::string>{"four", "tail"}), ReadFrame(pReader, Ft(2021, 3, 7, 10, 4), 2));
+}
+
+TEST_F(RecordMaintenanceTest, RemoveHourClosesTheOpenHourAndEmptyParents) {
+  ASSERT_EQ(S_OK, WriteFrame(m_pWriter, Ft(2021, 3, 7, 10), 1, {"a"}));
+  ASSERT_EQ(S_OK, WriteFrame(m_pWriter, Ft(2021, 3, 8, 10), 1, {"b"}));
+  NSTest::CLogCapture capture;
+  ASSERT_EQ(S_OK, m_pWriter->RemoveHour(Ft(2021, 3, 8, 10, 59)));
+  EXPECT_TRUE(Logged(capture, "message", W("Removing old hour: ") + Dir("cam/2021/03/08/10") + W("\n")));
+  EXPECT_FALSE(NSPlatform::PathExists(Dir("cam/2021/03/08").c_str()));
+  EXPECT_TRUE(NSPlatform::PathExists(Dir("cam/2021/03/07/10").c_str()));
+  WString strOpen = W("?");
+  ASSERT_EQ(S_OK, Internal(m_pWriter)->GetCurrentHourPath(&strOpen));
+  EXPECT_EQ(WString(), strOpen);
+  // Nothing there: nothing to do.
+  EXPECT_EQ(S_OK, m_pWriter->RemoveHour(Ft(2021, 3, 9, 10)));
+  // The next write makes the hour again.
+  ASSERT_EQ(S_OK, WriteFrame(m_pWriter, Ft(2021, 3, 8, 10, 1), 1, {"c"}));
+  EXPECT_EQ((std::vector<ULONGLONG>{U(Ft(2021, 3, 7, 10)), U(Ft(2021, 3, 8, 10, 1))}), WalkForward(m_pWriter));
+}
+
+TEST_F(RecordMaintenanceTest, MergeCopiesThePassingFramesOfAnotherRecord) {
+  auto pSource = m_archive.Writer("src");
+  for (WORD h = 0; h < 3; ++h)
+    for (WORD s = 0; s < 4; ++s)
+      ASSERT_EQ(S_OK, WriteFrame(pSource, Ft(2021, 5, 1, 22 + h > 23 ? h - 2 : 22 + h, 0, s), s + 1u,
+                                 {std::string(s * 100, char('a' + h)), std::to_string(h * 10 + s)}));
+  const SFrameFilter odd = {1, efmAny};  // flags 1 and 3
+  ASSERT_EQ(S_OK, m_pWriter->Merge(pSource, &odd, 2));
+  std::vector<ULONGLONG> vExpected;
+  for (ULONGLONG ull : WalkForward(pSource, &odd)) vExpected.push_back(ull);
+  ASSERT_EQ(6u, vExpected.size());
+  EXPECT_EQ(vExpected, WalkForward(m_pWriter));
+  for (ULONGLONG ull : vExpected) {
+    DWORD dwSource = 0, dwTarget = 0;
+    const FILETIME ft = NSPlatform::U64ToFileTime(ull);
+    EXPECT_EQ(ReadFrame(pSource, ft, 2, &dwSource), ReadFrame(m_pWriter, ft, 2, &dwTarget));
+    EXPECT_EQ(dwSource, dwTarget);
+  }
+  // Nothing passes: nothing is written. Bad counts are refused.
+  auto pEmpty = m_archive.Writer("empty");
+  const SFrameFilter none = {0xFF, efmNone};
+  EXPECT_EQ(S_OK, pEmpty->Merge(pSource, &none, 2));
+  EXPECT_TRUE(WalkForward(pEmpty).empty());
+  EXPECT_EQ(E_INVALIDARG, pEmpty->Merge(pSource, nullptr, -1));
+  EXPECT_EQ(E_INVALIDARG, pEmpty->Merge(pSource, nullptr, 0x7FFFFFFF));
+  EXPECT_EQ(E_POINTER, pEmpty->Merge(nullptr, nullptr, 1));
+  // More buffers than the frames have: the first read fails and the merge with it.
+  EXPECT_EQ(static_cast<HRESULT>(0x8007007A), pEmpty->Merge(pSource, nullptr, 3));
+}
+
+TEST_F(RecordMaintenanceTest, FastCopyKeepsTheHourLayoutAndOpensAsARecord) {
+  const FILETIME aft[] = {Ft(2021, 12, 31, 23, 10), Ft(2021, 12, 31, 23, 20), Ft(2022, 1, 1, 0, 5),
+                          Ft(2022, 1, 1, 2, 0)};
+  for (const FILETIME& ft : aft) ASSERT_EQ(S_OK, WriteFrame(m_pWriter, ft, 3, {Show(ft), "x"}));
+  auto pCopy = Query<IRecordFastCopy>(m_pWriter, IID_IRecordFastCopy);
+  const WString strTarget = NSPlatform::CombinePath(m_dir.Sub(KV_W("other")), W("cam"));
+  // From inside the first hour to before the last frame: three frames in two hours.
+  ASSERT_EQ(S_OK, pCopy->CopyHoursTo(NSCom::CComBSTR(strTarget.c_str()), Ft(2021, 12, 31, 23, 15), Ft(2022, 1, 1, 1)));
+  EXPECT_TRUE(NSPlatform::IsDirectory(NSPlatform::CombinePath(strTarget, Native("2021/12/31/23")).c_str()));
+  EXPECT_TRUE(NSPlatform::IsDirectory(NSPlatform::CombinePath(strTarget, Native("2022/01/01/00")).c_str()));
+  EXPECT_FALSE(NSPlatform::PathExists(NSPlatform::CombinePath(strTarget, Native("2022/01/01/02")).c_str()));
+  {
+    CTestArchive other(m_dir.Sub(KV_W("other")));
+    auto pReader = other.Reader("cam");
+    EXPECT_EQ((std::vector<ULONGLONG>{U(aft[0]), U(aft[1]), U(aft[2])}), WalkForward(pReader));
+    for (int i = 0; i < 3; ++i) EXPECT_EQ((std::vector<std::string>{Show(aft[i]), "x"}), ReadFrame(pReader, aft[i], 2));
+  }
+  // Hours already in the target are not copied over; each is reported and the others still go.
+  NSTest::CLogCapture capture;
+  EXPECT_TRUE(FAILED(pCopy->CopyHoursTo(NSCom::CComBSTR(strTarget.c_str()), Ft(2021, 1, 1, 0), Ft(2023, 1, 1, 0))));
+  EXPECT_EQ((std::vector<WString>{W("Directory copy failed, path = ") + Dir("cam/2021/12/31/23"),
+                                  W("Directory copy failed, path = ") + Dir("cam/2022/01/01/00")}),
+            Texts(capture, "Kronvale fast copy"));
+  EXPECT_TRUE(NSPlatform::IsDirectory(NSPlatform::CombinePath(strTarget, Native("2022/01/01/02")).c_str()));
+  EXPECT_EQ(E_INVALIDARG, pCopy->CopyHoursTo(nullptr, Ft(2021, 1, 1, 0), Ft(2023, 1, 1, 0)));
+}
+
+}  // namespace
