@@ -306,6 +306,9 @@ STDMETHODIMP CRecord::Read(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuf
       if (pHour->RefreshIfGrown() == S_OK) continue;
     }
     if (m_bCurrentHourCreated) return hr;
+    // A reader never repairs, and an empty slot is not damage it could report: in an hour being
+    // written, the corruption test would catch the writer between two steps of an append.
+    if (hr == khrNotFound && !IsWriter()) return hr;
     if (hr != khrFileCorrupt && !pHour->IsCorrupted()) return hr;
     if (HasState(klStateNoRepair) || bRepaired) return hr;
     CloseCurrentHour(false);

@@ -181,7 +181,10 @@ TEST_F(RecordTest, WriteChecksComeInOrder) {
   EXPECT_EQ(khrPending, pRecord->GetNext(Ft(2021, 1, 1, 0), nullptr, &ftFound));
   ASSERT_EQ(0, pInternal->LeaveBusy());
 
-  // Null buffers with a count, and zero buffers.
+  // More buffers than the frame has, null buffers with a count, and zero buffers.
+  std::vector<SFrameBuffer> vMany(100000, SFrameBuffer{nullptr, 0});
+  EXPECT_EQ(static_cast<HRESULT>(0x8007007A), pRecord->Read(ft, nullptr, vMany.data(), 100000));
+  EXPECT_TRUE(std::all_of(vMany.begin(), vMany.end(), [](const SFrameBuffer& b) { return !b.pData; }));
   EXPECT_EQ(E_POINTER, pRecord->Write(ft, 1, nullptr, 2));
   EXPECT_EQ(E_POINTER, pRecord->Read(ft, nullptr, nullptr, 2));
   ASSERT_EQ(S_OK, pRecord->Write(Plus(ft, 10 * kllMs), 9, nullptr, 0));
