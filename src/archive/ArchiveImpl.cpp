@@ -1,8 +1,9 @@
-// The archive object: its records and readers, and the hand-on of its freed state to the records.
+// The archive object: creation and opening, settings, description, records and readers, state.
 #include "archive/ArchiveImpl.h"
 
 #include <algorithm>
 
+#include "hours/KronvaleUtils.h"
 #include "records/Record.h"
 #include "records/RecordErrors.h"
 #include "support/Report.h"
@@ -17,38 +18,206 @@ using NSRecords::klStateLocked;
 namespace {
 
 constexpr WCHAR kszClientGeneric[] = KV_W("GenericReader");
+constexpr WCHAR kszClientArchive[] = KV_W("Kronvale");
+constexpr WCHAR kszDescriptionFile[] = KV_W("descriptor.ald");
 constexpr DWORD kdwModeKindMask = 0x7;
 constexpr DWORD kdwModeRead = 0x1;
 constexpr DWORD kdwModeReadWrite = 0x3;
+constexpr LONG klStateSaveSettings = 0x80000;
+constexpr LONG klStateSaveAtOpen = 0x100000;
+
+constexpr WCHAR kszReaderLimitKey[] = KV_W("software\\morvane\\vistrel");
+constexpr WCHAR kszReaderLimitValue[] = KV_W("archive_max_readers_count");
+constexpr DWORD kdwDefaultReaderLimit = 100;
 
 WString FromBstr(BSTR bstr) { return bstr ? WString(bstr, SysStringLen(bstr)) : WString(); }
 
+std::atomic<DWORD>& ReaderLimit() {
+  static std::atomic<DWORD> s_dwLimit{ReadReaderLimit()};
+  return s_dwLimit;
+}
+
 }  // namespace
+
+DWORD ReadReaderLimit() {
+  DWORD dwLimit = 0;
+  return SUCCEEDED(NSPlatform::ReadMachineDword(kszReaderLimitKey, kszReaderLimitValue, &dwLimit))
+             ? dwLimit
+             : kdwDefaultReaderLimit;
+}
+
+DWORD GetReaderLimit() { return ReaderLimit().load(); }
+void SetReaderLimit(DWORD dwLimit) { ReaderLimit() = dwLimit; }
 
 bool IsValidRecordName(const WString& strName) {
   if (strName.empty() || strName == KV_W(".") || strName == KV_W("..")) return false;
-  return std::none_of(strName.begin(), strName.end(),
-                      [](WCHAR ch) { return ch == '\\' || ch == '/' || ch == 0; });
+  return std::none_of(strName.begin(), strName.end(), [](WCHAR ch) { return ch == '\\' || ch == '/' || ch == 0; });
 }
+
+// ---- Life -----------------------------------------------------------------------------------------
 
 CArchiveImpl::CArchiveImpl() = default;
 CArchiveImpl::~CArchiveImpl() = default;
 
-HRESULT CArchiveImpl::Open(const WString& strPath, DWORD dwAccess) {
-  CGuard guard(m_section);
-  if (!NSPlatform::IsDirectory(strPath.c_str())) return khrPathNotFound;
-  m_strPath = NSPlatform::CanonicalizePath(strPath);
-  while (m_strPath.size() > 1 && NSPlatform::IsPathSeparator(m_strPath.back())) m_strPath.pop_back();
-  if (dwAccess) m_dwAccess = dwAccess;
+HRESULT CArchiveImpl::FinalConstruct() {
+  KV_LOG_MESSAGE(KV_W("begin.\n"));
+  m_pWorker = NSSystem::CThread::Create();
+  if (m_pWorker) {
+    const HRESULT hr = NSSystem::StartPeriodic(m_pWorker, {0, kdwQuotaPeriodMs}, [this] { SizeAndQuotaPass(); });
+    KV_SUCCEEDED(hr);
+  }
   return S_OK;
 }
 
-// ---- Description and settings ---------------------------------------------------------------------
+void CArchiveImpl::FinalRelease() {
+  KV_LOG_MESSAGE(KV_W("end.\n"));
+  StopFlusher();
+  if (m_pWorker) m_pWorker->StopAndJoin();
+  m_pWorker.reset();
+}
 
-STDMETHODIMP CArchiveImpl::SetDescription(BSTR) { return E_NOTIMPL; }
+HRESULT CArchiveImpl::Create(const WString& strPath) {
+  KV_FUNC("CArchiveImpl::Create");
+  HRESULT hr = NSPlatform::IsDirectory(strPath.c_str()) ? S_OK : NSPlatform::CreateDirTree(strPath.c_str());
+  if (!KV_SUCCEEDED(hr)) return hr;
+  {
+    CGuard guard(m_section);
+    m_strPath = NSPlatform::CanonicalizePath(strPath);
+    while (m_strPath.size() > 1 && NSPlatform::IsPathSeparator(m_strPath.back())) m_strPath.pop_back();
+    hr = SerializeSettings(true);
+    if (!KV_SUCCEEDED(hr)) return hr;
+  }
+  hr = SetDescription(NSCom::CComBSTR(KV_W("")));
+  if (!KV_SUCCEEDED(hr)) return hr;
+  StartFlusher(m_settings.dwFlushTimeout);
+  return S_OK;
+}
+
+HRESULT CArchiveImpl::Open(const WString& strPath, DWORD dwAccess) {
+  KV_FUNC("CArchiveImpl::Open");
+  DWORD dwSetState = 0;
+  {
+    CGuard guard(m_section);
+    m_strPath = NSPlatform::CanonicalizePath(strPath);
+    while (m_strPath.size() > 1 && NSPlatform::IsPathSeparator(m_strPath.back())) m_strPath.pop_back();
+    const HRESULT hr = SerializeSettings(false);
+    if (FAILED(hr)) return hr;
+    dwSetState = m_settings.dwSetState;
+  }
+  // A state stored for this open is applied once.
+  if (dwSetState) {
+    Set(static_cast<LONG>(dwSetState));
+    CGuard guard(m_section);
+    m_settings.dwSetState = 0;
+    KV_SUCCEEDED(SerializeSettings(true));
+  }
+  if (dwAccess) {
+    CGuard guard(m_section);
+    m_settings.dwAccess = dwAccess;
+    KV_SUCCEEDED(SerializeSettings(true));
+  }
+  // Every record is opened once, so that a damaged one shows now rather than at its first use.
+  BSTR* pNames = nullptr;
+  DWORD cNames = 0;
+  if (SUCCEEDED(GetRecords(&pNames, &cNames))) {
+    NSCom::CComBSTR bstrClient(kszClientArchive);
+    for (DWORD i = 0; i < cNames; ++i) {
+      NSCom::CComPtr<IRecord> pRecord;
+      if (FAILED(OpenRecordInternal(bstrClient, pNames[i], kdwModeRead, &pRecord, 1)))
+        KV_LOG_ERROR(KV_W("Failed to open record '%s' in archive '%s'\n"), pNames[i], m_strPath.c_str());
+      SysFreeString(pNames[i]);
+    }
+    CoTaskMemFree(pNames);
+  }
+  StartFlusher(m_settings.dwFlushTimeout);
+  return S_OK;
+}
+
+// ---- Settings -------------------------------------------------------------------------------------
+
+// Under the lock.
+HRESULT CArchiveImpl::SerializeSettings(bool bSave) {
+  const HRESULT hr =
+      NSArchive::SerializeSettings(NSPlatform::CombinePath(m_strPath, kszSettingsFileName), bSave, &m_settings);
+  if (FAILED(hr) && hr != khrPathNotFound) KV_SUCCEEDED(hr);
+  return hr;
+}
+
+STDMETHODIMP CArchiveImpl::SetFlushTimeout(ULONG ulFlushTimeout) {
+  {
+    CGuard guard(m_section);
+    if (HasState(klStateLocked)) return khrLocked;
+    m_settings.dwFlushTimeout = ulFlushTimeout;
+    // The value holds even when it could not be stored.
+    SerializeSettings(true);
+  }
+  StartFlusher(ulFlushTimeout);
+  return S_OK;
+}
+
+STDMETHODIMP CArchiveImpl::Set(LONG lState) {
+  if (lState & klStateSaveSettings) {
+    {
+      CGuard guard(m_section);
+      const HRESULT hr = SerializeSettings(true);
+      KV_SUCCEEDED(hr);
+    }
+    const LONG lValue = lState & ~klStateSaveSettings;
+    const LONG lPrevious = ExchangeState(lValue);
+    OnChange(lPrevious, ~0, lValue);
+    return S_OK;
+  }
+  if (lState & klStateSaveAtOpen) {
+    {
+      CGuard guard(m_section);
+      m_settings.dwSetState |= static_cast<DWORD>(klStateSaveSettings);
+    }
+    lState &= ~klStateSaveAtOpen;
+    if (!lState) return S_OK;
+  }
+  return CStateControl::Set(lState);
+}
+
+// ---- Description, path, information ---------------------------------------------------------------
+
+STDMETHODIMP CArchiveImpl::SetDescription(BSTR szDescription) {
+  CGuard guard(m_section);
+  KV_LOG_MESSAGE(KV_W("%s\n%s\n"), m_strPath.c_str(), szDescription ? szDescription : KV_W(""));
+  KV_CHECK_POINTER(szDescription);
+  NSPlatform::CFile file;
+  HRESULT hr = file.Open(NSPlatform::CombinePath(m_strPath, kszDescriptionFile).c_str(), GENERIC_WRITE,
+                         FILE_SHARE_READ | FILE_SHARE_DELETE, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
+  const DWORD cb = SysStringLen(szDescription) * sizeof(WCHAR);
+  DWORD cbWritten = 0;
+  if (SUCCEEDED(hr) && cb) hr = file.Write(szDescription, cb, &cbWritten);
+  if (SUCCEEDED(hr) && cbWritten != cb) hr = KvHResultFromWin32(ERROR_DISK_FULL);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  return S_OK;
+}
+
 STDMETHODIMP CArchiveImpl::GetDescription(BSTR* pszDescription) {
-  if (pszDescription) *pszDescription = nullptr;
-  return E_NOTIMPL;
+  KV_CHECK_POINTER(pszDescription);
+  *pszDescription = nullptr;
+  CGuard guard(m_section);
+  NSPlatform::CFile file;
+  HRESULT hr = file.Open(NSPlatform::CombinePath(m_strPath, kszDescriptionFile).c_str(), GENERIC_READ,
+                         FILE_SHARE_READ | FILE_SHARE_DELETE, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
+  ULONGLONG ullSize = 0;
+  if (SUCCEEDED(hr)) hr = file.GetSize(&ullSize);
+  if (SUCCEEDED(hr) && ullSize > 0x7FFFFFFEull) hr = E_OUTOFMEMORY;
+  const UINT cch = static_cast<UINT>(ullSize / sizeof(WCHAR));
+  if (SUCCEEDED(hr) && cch) {
+    BSTR bstr = SysAllocStringLen(nullptr, cch);
+    DWORD cbRead = 0;
+    hr = bstr ? file.ReadAt(0, bstr, cch * sizeof(WCHAR), &cbRead) : E_OUTOFMEMORY;
+    if (SUCCEEDED(hr) && cbRead != cch * sizeof(WCHAR)) hr = KvHResultFromWin32(ERROR_HANDLE_EOF);
+    if (SUCCEEDED(hr))
+      *pszDescription = bstr;
+    else
+      SysFreeString(bstr);
+  }
+  if (!KV_SUCCEEDED(hr)) return hr;
+  return S_OK;
 }
 
 STDMETHODIMP CArchiveImpl::GetPath(BSTR* pszPath) {
@@ -58,29 +227,37 @@ STDMETHODIMP CArchiveImpl::GetPath(BSTR* pszPath) {
   return *pszPath ? S_OK : E_OUTOFMEMORY;
 }
 
-STDMETHODIMP CArchiveImpl::SetQuota(ULONGLONG, ULONGLONG) { return E_NOTIMPL; }
-
-STDMETHODIMP CArchiveImpl::SetFlushTimeout(ULONG ulFlushTimeout) {
-  CGuard guard(m_section);
-  if (HasState(klStateLocked)) return khrLocked;
-  m_dwFlushTimeout = ulFlushTimeout;
+STDMETHODIMP CArchiveImpl::GetInfo(SArchiveInfo* pArhiveInfo) {
+  KV_CHECK_POINTER(pArhiveInfo);
+  WString strPath;
+  SArchiveInfo info = {};
+  {
+    CGuard guard(m_section);
+    strPath = m_strPath;
+    info.ullArchiveSize = m_settings.ullArchiveSize + m_ullOpenHoursSize;
+    info.ullMinimumFreeDiskSpace = m_settings.ullMinimumFreeDiskSpace;
+    info.ullMaximumArchiveSize = m_settings.ullMaximumArchiveSize;
+    info.dwFlushTimeout = m_settings.dwFlushTimeout;
+    info.dwAccess = m_settings.dwAccess;
+  }
+  const HRESULT hr = NSPlatform::GetFreeDiskSpace(strPath.c_str(), &info.ullFreeDiskSpace, nullptr, nullptr);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  *pArhiveInfo = info;
   return S_OK;
 }
-
-STDMETHODIMP CArchiveImpl::GetInfo(SArchiveInfo*) { return E_NOTIMPL; }
-STDMETHODIMP CArchiveImpl::SetArchiveQuota(const SArchiveQuota*) { return E_NOTIMPL; }
-STDMETHODIMP CArchiveImpl::GetArchiveQuota(SArchiveQuota*) { return E_NOTIMPL; }
-STDMETHODIMP CArchiveImpl::DeleteRecord(BSTR) { return E_NOTIMPL; }
 
 // ---- State ----------------------------------------------------------------------------------------
 
 STDMETHODIMP CArchiveImpl::Free() {
-  CGuard guard(m_section);
-  // The hook hands the freed bit on to every record in the table.
-  const HRESULT hr = Change(klStateLocked, 0);
-  if (!KV_SUCCEEDED(hr)) return hr;
-  m_records.clear();
-  m_readers.clear();
+  {
+    CGuard guard(m_section);
+    // The hook hands the freed bit on to every record in the table.
+    const HRESULT hr = Change(klStateLocked, 0);
+    if (!KV_SUCCEEDED(hr)) return hr;
+    m_records.clear();
+    m_readers.clear();
+  }
+  StopFlusher();
   return S_OK;
 }
 
@@ -89,18 +266,21 @@ void CArchiveImpl::OnChange(LONG, LONG, LONG) {
   const LONG lState = GetState();
   for (auto& entry : m_records) {
     NSCom::CComPtr<IStateControl> pState;
-    HRESULT hr = entry.second->QueryInterface(__uuidof(IStateControl), reinterpret_cast<void**>(&pState));
+    HRESULT hr = entry.second.pRecord->QueryInterface(__uuidof(IStateControl), reinterpret_cast<void**>(&pState));
     if (SUCCEEDED(hr)) hr = pState->Change(lState & klStateLocked, ~lState & klStateLocked);
     KV_SUCCEEDED(hr);
   }
   ClearStateBitsUnlocked(klStateHookRan);
 }
 
+void CArchiveImpl::SetOwner(IUnknown* pOwner) {
+  CGuard guard(m_section);
+  m_pOwner = pOwner;
+}
+
 // ---- Records --------------------------------------------------------------------------------------
 
-STDMETHODIMP CArchiveImpl::CreateRecord(BSTR name, IRecord** ppRecord) {
-  return CreateRecordInternal(name, ppRecord, 1);
-}
+STDMETHODIMP CArchiveImpl::CreateRecord(BSTR name, IRecord** ppRecord) { return CreateRecordInternal(name, ppRecord, 1); }
 
 STDMETHODIMP CArchiveImpl::OpenRecord(BSTR name, IRecord** ppRecord) {
   NSCom::CComBSTR bstrClient(kszClientGeneric);
@@ -122,7 +302,9 @@ STDMETHODIMP CArchiveImpl::CreateRecordInternal(BSTR name, IRecord** ppRecord, L
     KV_LOG_ERROR(KV_W("Invalid record name '%s' in archive '%s'\n"), strName.c_str(), m_strPath.c_str());
     return E_INVALIDARG;
   }
-  return MakeRecord(strName, kdwModeReadWrite, strName + KV_W("-rw"), ppRecord);
+  const HRESULT hr = MakeRecord(strName, WString(), kdwModeReadWrite, strName + KV_W("-rw"), ppRecord);
+  KV_SUCCEEDED(hr);
+  return hr;
 }
 
 STDMETHODIMP CArchiveImpl::OpenRecordInternal(BSTR client, BSTR name, ULONG mode, IRecord** ppRecord, LONG) {
@@ -140,27 +322,49 @@ STDMETHODIMP CArchiveImpl::OpenRecordInternal(BSTR client, BSTR name, ULONG mode
   }
   if (!NSPlatform::IsDirectory(NSPlatform::CombinePath(m_strPath, strName).c_str())) return khrPathNotFound;
   if ((mode & kdwModeKindMask) == kdwModeRead) {
+    TrimReaders(GetReaderLimit());
     FILETIME ftNow;
     NSPlatform::GetUtcFileTime(&ftNow);
     m_readers[strClient] = NSPlatform::FileTimeToU64(ftNow);
   }
-  const WString strHandle = (mode & kdwModeKindMask) == kdwModeReadWrite ? strName + KV_W("-rw")
-                                                                        : strName + KV_W("-") + strClient + KV_W("-r");
-  return MakeRecord(strName, mode, strHandle, ppRecord);
+  const bool bShared = (mode & kdwModeKindMask) == kdwModeReadWrite;
+  const WString strHandle = bShared ? strName + KV_W("-rw") : strName + KV_W("-") + strClient + KV_W("-r");
+  const HRESULT hr = MakeRecord(strName, bShared ? WString() : strClient, mode, strHandle, ppRecord);
+  KV_SUCCEEDED(hr);
+  return hr;
 }
 
-// The table's object for strHandle, or a new record object entered under it. Runs under the lock.
-HRESULT CArchiveImpl::MakeRecord(const WString& strName, DWORD dwMode, const WString& strHandle, IRecord** ppRecord) {
+// Drops the readers of the clients that opened longest ago until no more than dwLimit clients are
+// left; the shared read-write handles stay. Under the lock.
+void CArchiveImpl::TrimReaders(DWORD dwLimit) {
+  if (!dwLimit || m_readers.size() <= dwLimit) return;
+  std::vector<std::pair<ULONGLONG, WString>> vByAge;
+  for (const auto& reader : m_readers) vByAge.emplace_back(reader.second, reader.first);
+  std::sort(vByAge.begin(), vByAge.end());
+  for (size_t i = 0; i < vByAge.size() && m_readers.size() > dwLimit; ++i) {
+    const WString& strClient = vByAge[i].second;
+    m_readers.erase(strClient);
+    for (auto it = m_records.begin(); it != m_records.end();) {
+      const bool bReaderOfClient = (it->second.dwMode & kdwModeKindMask) != kdwModeReadWrite &&
+                                   it->second.strClient == strClient;
+      it = bReaderOfClient ? m_records.erase(it) : std::next(it);
+    }
+  }
+}
+
+// The table's object for strHandle, or a new record object entered under it. Under the lock.
+HRESULT CArchiveImpl::MakeRecord(const WString& strName, const WString& strClient, DWORD dwMode,
+                                 const WString& strHandle, IRecord** ppRecord) {
   const auto it = m_records.find(strHandle);
-  if (it != m_records.end()) return it->second.CopyTo(ppRecord);
+  if (it != m_records.end()) return it->second.pRecord.CopyTo(ppRecord);
   NSCom::CComObject<NSRecords::CRecord>* pObject = nullptr;
   HRESULT hr = NSCom::CComObject<NSRecords::CRecord>::CreateInstance(&pObject);
-  if (!KV_SUCCEEDED(hr)) return hr;
+  if (FAILED(hr)) return hr;
   NSCom::CComPtr<IRecord> pRecord(pObject);
   hr = pObject->Create(static_cast<IKronvale*>(this), NSPlatform::CombinePath(m_strPath, strName).c_str(),
-                       m_dwFlushTimeout, dwMode);
-  if (!KV_SUCCEEDED(hr)) return hr;
-  m_records[strHandle] = pRecord;
+                       m_settings.dwFlushTimeout, dwMode);
+  if (FAILED(hr)) return hr;
+  m_records[strHandle] = {pRecord, strClient, dwMode};
   return pRecord.CopyTo(ppRecord);
 }
 
@@ -172,7 +376,7 @@ STDMETHODIMP CArchiveImpl::GetRecords(BSTR** ppszRecordName, DWORD* pdwRecordNam
   {
     CGuard guard(m_section);
     if (HasState(klStateLocked)) return khrLocked;
-    if (FAILED(NSPlatform::ListDir(m_strPath.c_str(), &vEntries))) return E_FAIL;
+    if (FAILED(NSPlatform::ListDir(m_strPath.c_str(), &vEntries, KV_W("*.*")))) return E_FAIL;
   }
   std::vector<const NSPlatform::SDirEntry*> vRecords;
   for (const auto& entry : vEntries)
@@ -190,6 +394,41 @@ STDMETHODIMP CArchiveImpl::GetRecords(BSTR** ppszRecordName, DWORD* pdwRecordNam
   }
   *ppszRecordName = pNames;
   *pdwRecordNameCount = static_cast<DWORD>(vRecords.size());
+  return S_OK;
+}
+
+// Locks every object of the record (their clients then get 0x8007006C), drops them from the table
+// and deletes the record's directory.
+STDMETHODIMP CArchiveImpl::DeleteRecord(BSTR name) {
+  const WString strName = FromBstr(name);
+  WString strDirectory;
+  {
+    CGuard guard(m_section);
+    if (HasState(klStateLocked)) return khrLocked;
+    if (!IsValidRecordName(strName)) {
+      KV_LOG_ERROR(KV_W("Invalid record name '%s' in archive '%s'\n"), strName.c_str(), m_strPath.c_str());
+      return E_INVALIDARG;
+    }
+    strDirectory = NSPlatform::CombinePath(m_strPath, strName);
+    if (!NSPlatform::IsDirectory(strDirectory.c_str())) return khrPathNotFound;
+    const WString strPrefix = strName + KV_W("-");
+    for (auto it = m_records.begin(); it != m_records.end();) {
+      const WString& strHandle = it->first;
+      const bool bOfRecord = strHandle == strName + KV_W("-rw") ||
+                             (it->second.dwMode & kdwModeKindMask) != kdwModeReadWrite &&
+                                 strHandle == strPrefix + it->second.strClient + KV_W("-r");
+      if (!bOfRecord) {
+        ++it;
+        continue;
+      }
+      NSCom::CComPtr<IStateControl> spStateControl;
+      it->second.pRecord->QueryInterface(__uuidof(IStateControl), reinterpret_cast<void**>(&spStateControl));
+      if (KV_ASSERT(spStateControl)) spStateControl->Change(klStateLocked, 0);
+      it = m_records.erase(it);
+    }
+  }
+  const HRESULT hr = NSKronvaleUtils::DeleteFileSystemObject(strDirectory);
+  if (!KV_SUCCEEDED(hr)) return hr;
   return S_OK;
 }
 

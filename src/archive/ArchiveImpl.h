@@ -1,21 +1,53 @@
-// An archive: a directory holding one sub-directory per record. The archive hands out record objects
-// and keeps them in its record table: the read-write handle of a record ("name-rw") is shared by all
-// writers, every reading client gets a reader of its own ("name-client-r").
+// An archive: a directory holding its settings ("settings.als"), its description ("descriptor.ald")
+// and one sub-directory per record. The archive hands out record objects and keeps them in its
+// record table: the read-write handle of a record ("name-rw") is shared by all writers, every reading
+// client gets a reader of its own ("name-client-r").
+//
+// Two background threads work for an open archive:
+//   - the quota worker measures the archive every kdwQuotaPeriodMs and deletes the oldest hours of
+//     its records while a limit (free space, archive size, hours per record) is exceeded;
+//   - the flusher, only while FlushTimeout is nonzero (buffered hours), hands the open hour of every
+//     record to the disk every FlushTimeout milliseconds, which bounds what a power cut can take.
 //
 // Records hold a counted reference to their archive and the table holds the records, so an archive
-// lives until Free empties the table (the factory calls it when the last client lets go).
+// lives until Free empties the table; the factory keeps the archives it opened and revives a freed
+// one when its path is opened again.
 #pragma once
 
 #include <kronvale/kronvale.h>
 
+#include <atomic>
 #include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
 
+#include "archive/ArchiveSettings.h"
 #include "com/ComKit.h"
 #include "records/RecordInternal.h"
 #include "records/StateControl.h"
 #include "support/Lock.h"
+#include "support/Thread.h"
 
 namespace NSArchive {
+
+class CArchiveFactory;
+
+// Between two size-and-quota passes. A pass walks every file of the archive's records, so it is not
+// run often; 30 s of writing at a few tens of MB/s stays inside the 2 GiB margin that each pass
+// frees beyond the limit.
+constexpr DWORD kdwQuotaPeriodMs = 30000;
+
+// Access bit: the archive never deletes hours by itself.
+constexpr DWORD kdwAccessNoRetention = 0x4;
+
+// The most readers the archive caches (registry value "archive_max_readers_count" under
+// HKEY_LOCAL_MACHINE\software\morvane\vistrel, read once; 100 when absent, 0 for no limit).
+DWORD GetReaderLimit();
+// The value as the machine holds it now (uncached).
+DWORD ReadReaderLimit();
+// Replaces the cached limit (tests).
+void SetReaderLimit(DWORD dwLimit);
 
 class CArchiveImpl : public NSCom::CComObjectRootEx,
                      public NSCom::CComCoClass<CArchiveImpl>,
@@ -29,6 +61,8 @@ class CArchiveImpl : public NSCom::CComObjectRootEx,
   CArchiveImpl();
   ~CArchiveImpl();
 
+  DECLARE_CLASSFACTORY_EX(CArchiveFactory)
+
   BEGIN_COM_MAP(CArchiveImpl)
     COM_INTERFACE_ENTRY(IKronvale)
     COM_INTERFACE_ENTRY2(IDescription, IKronvale)
@@ -39,8 +73,15 @@ class CArchiveImpl : public NSCom::CComObjectRootEx,
     COM_INTERFACE_ENTRY(IRecordParent)
   END_COM_MAP()
 
-  // Opens the archive in the directory strPath (which must exist). A nonzero dwAccess replaces the
-  // stored access word.
+  HRESULT FinalConstruct();
+  void FinalRelease();
+
+  // Makes a new archive in the directory strPath (created when missing, which must be empty
+  // otherwise): its settings and an empty description. Leaves the archive open.
+  HRESULT Create(const WString& strPath);
+  // Opens the archive in the directory strPath: loads its settings (0x80070003 without them),
+  // replays a stored state, takes a nonzero dwAccess as the new access word, and opens every
+  // record once.
   HRESULT Open(const WString& strPath, DWORD dwAccess);
 
   // IDescription
@@ -69,6 +110,27 @@ class CArchiveImpl : public NSCom::CComObjectRootEx,
   STDMETHOD(CreateRecordInternal)(BSTR name, IRecord** ppRecord, LONG lPublic) override;
   STDMETHOD(OpenRecordInternal)(BSTR client, BSTR name, ULONG mode, IRecord** ppRecord, LONG lPublic) override;
 
+  // IStateControl: bit 0x80000 saves the settings now, bit 0x100000 defers that to the next open.
+  STDMETHOD(Set)(LONG lState) override;
+
+  // One measurement of the archive and, when a limit is exceeded, the deletion of the oldest hours.
+  // Does nothing when a pass is already running or the archive is freed.
+  virtual void SizeAndQuotaPass();
+  // The quota check of a pass (after the size scan): S_FALSE when every limit holds.
+  HRESULT CheckQuota();
+  // Deletes the oldest hours across the records until llBytesToFree bytes are freed, then the
+  // oldest hours of every record holding more than lHourLimit hours.
+  HRESULT RemoveOldests(LONGLONG llBytesToFree, LONG lHourLimit);
+  // Flushes the open hour of every record (the flusher's task).
+  void FlushRecords();
+
+  // What the last size scan found, and whether the last quota check found a limit exceeded.
+  ULONGLONG GetArchiveSize();
+  ULONGLONG GetOpenHoursSize();
+  bool IsQuotaExceeded() const { return m_lQuotaExceeded.load() != 0; }
+  // The multipart archive holding this archive as a partition (not counted); null when alone.
+  void SetOwner(IUnknown* pOwner);
+
  protected:
   void OnChange(LONG lFirst, LONG lSecond, LONG lState) override;
 
@@ -76,17 +138,36 @@ class CArchiveImpl : public NSCom::CComObjectRootEx,
   using CSection = NSSystem::CCriticalSection<0, 4000>;
   using CGuard = NSSystem::CSectionGuard<CSection>;
 
-  HRESULT MakeRecord(const WString& strName, DWORD dwMode, const WString& strHandle, IRecord** ppRecord);
+  struct SRecordEntry {
+    NSCom::CComPtr<IRecord> pRecord;
+    WString strClient;
+    DWORD dwMode;
+  };
+  using CRecordTable = std::map<WString, SRecordEntry>;
 
-  CSection m_section;  // guards everything below
-  std::map<WString, NSCom::CComPtr<IRecord>> m_records;  // by handle name
-  std::map<WString, ULONGLONG> m_readers;                // reading client -> time of its last open
+  HRESULT SerializeSettings(bool bSave);
+  HRESULT MakeRecord(const WString& strName, const WString& strClient, DWORD dwMode, const WString& strHandle,
+                     IRecord** ppRecord);
+  void TrimReaders(DWORD dwLimit);
+  std::vector<NSCom::CComPtr<IRecord>> OpenWriters();
+  void SizeScan();
+  void StartFlusher(DWORD dwFlushTimeout);
+  void StopFlusher();
+
+  CSection m_section;  // guards everything below that is not atomic
+  CRecordTable m_records;                // by handle name
+  std::map<WString, ULONGLONG> m_readers;  // reading client -> time of its last open
   WString m_strPath;
-  ULONGLONG m_ullMinimumFreeDiskSpace = 0;
-  ULONGLONG m_ullMaximumArchiveSize = 0;
-  LONG m_lMaximumArchiveHours = 0;
-  DWORD m_dwAccess = 0;
-  DWORD m_dwFlushTimeout = 0;
+  SArchiveSettings m_settings;
+  ULONGLONG m_ullOpenHoursSize = 0;
+  std::atomic<LONG> m_lQuotaExceeded{0};
+  std::atomic<LONG> m_lBusy{0};
+  IUnknown* m_pOwner = nullptr;
+  std::shared_ptr<NSSystem::CThread> m_pWorker;
+  // The flusher is started and stopped outside the archive lock (its task takes that lock).
+  std::mutex m_flusherMutex;
+  std::shared_ptr<NSSystem::CThread> m_pFlusher;
+  DWORD m_dwFlusherPeriod = 0;
 };
 
 // A record name is one directory name inside the archive: not empty, not "." or "..", without a

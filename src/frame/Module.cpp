@@ -5,6 +5,8 @@
 
 #include "com/ClassFactory.h"
 #include "frame/Resources.h"
+#include "archive/ArchiveFactory.h"
+#include "archive/ArchiveImpl.h"
 #include "platform/os.h"
 #include "records/Record.h"
 #include "support/Report.h"
@@ -27,7 +29,7 @@ namespace {
 // Guarded by the module's critical section once installed (CComModule::Init).
 NSCom::SObjectMapEntry g_aObjectMap[] = {
     KV_OBJECT_ENTRY_NOT_AVAILABLE(CLSID_RecordExtract, kidrRecordExtractScript),
-    KV_OBJECT_ENTRY_NOT_AVAILABLE(CLSID_Kronvale, kidrKronvaleScript),
+    OBJECT_ENTRY(CLSID_Kronvale, ::NSArchive::CArchiveImpl, kidrKronvaleScript),
     OBJECT_ENTRY(CLSID_Record, ::NSRecords::CRecord, kidrRecordScript),
 };
 constexpr size_t kcObjectMap = sizeof(g_aObjectMap) / sizeof(g_aObjectMap[0]);

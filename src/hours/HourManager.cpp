@@ -182,6 +182,7 @@ void CHourManager::CloseLocked() {
     m_hashFile.Close();
   }
   m_ullDataSize = m_ullDescriptorSize = m_ullRefreshedSize = 0;
+  m_bUnflushed = false;
 }
 
 HRESULT CHourManager::Refresh() {
@@ -247,6 +248,19 @@ HRESULT CHourManager::Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFram
   if (!KV_ASSERT_TEXT(kdwNoIndex != dwIndex, "-1!=uFrameInfoUnion.dwIndex\n")) return E_UNEXPECTED;
   // 6.-7.
   StoreSlot(st, dwIndex, dwFlags);
+  m_bUnflushed = m_bBuffered;
+  return S_OK;
+}
+
+HRESULT CHourManager::Flush() {
+  KV_HOUR_LOCK(E_FAIL);
+  if (!m_bUnflushed || !m_file.IsOpen() || !m_descriptor.IsOpen() || !m_hashMapping.IsMapped()) return S_FALSE;
+  // The order of an append: data first, so that whatever the index shows on disk has its bytes.
+  HRESULT hr = m_file.Flush();
+  if (SUCCEEDED(hr)) hr = m_descriptor.Flush();
+  if (SUCCEEDED(hr)) hr = m_hashMapping.Flush();
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  m_bUnflushed = false;
   return S_OK;
 }
 

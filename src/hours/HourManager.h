@@ -121,6 +121,9 @@ class CHourManager {
   // pass (which takes descriptor.ald's entries, read once per call).
   HRESULT GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo, DWORD cSlotsPerCell,
                    const SHourFrameFilter* pFilter, std::vector<SHourCell>* pvCells);
+  // Hands the frames appended since the last flush to the disk: data.al, descriptor.ald and the
+  // mapped hash file. S_FALSE when nothing was appended since (hours written through never need it).
+  HRESULT Flush();
   // Copies the mapped hash file into the private copy.
   HRESULT Refresh();
   // Refreshes the private copy when descriptor.ald holds frames the copy may not show yet (appended
@@ -172,6 +175,7 @@ class CHourManager {
   NSPlatform::CFile m_descriptor;          // descriptor.ald
   NSPlatform::CFile m_file;                // data.al; its position stays at the end while open
   bool m_bBuffered = false;
+  bool m_bUnflushed = false;  // a buffered hour has appends not flushed yet
   bool m_bWritable = false;
   std::atomic<DWORD> m_dwLastAccess{0};
   // The readers' copy of the hash file; allocated at the first open and kept.

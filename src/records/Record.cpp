@@ -90,13 +90,6 @@ STDMETHODIMP CRecord::Create(IKronvale* pParent, const WCHAR* pszPath, DWORD dwH
   return S_OK;
 }
 
-STDMETHODIMP_(void) CRecord::SetQuotaExceeded(bool bExceeded) {
-  if (bExceeded)
-    m_dwAccessMode.fetch_or(kdwAccessQuotaExceeded);
-  else
-    m_dwAccessMode.fetch_and(~kdwAccessQuotaExceeded);
-}
-
 void CRecord::OnChange(LONG /*lFirst*/, LONG /*lSecond*/, LONG lState) {
   // A freed record lets go of its hour files at once; only its release remains useful.
   if (lState & klStateLocked) {
@@ -191,6 +184,18 @@ void CRecord::CloseCurrentHour(bool bReport) {
   m_pCurrentHour.reset();
   m_strCurrentHourPath.clear();
   m_bCurrentHourCreated = false;
+  m_ullCurrentHourIndex = 0;
+}
+
+// Whether ullTime lies in the open hour; if so, *pst is its breakdown.
+bool CRecord::InCurrentHour(ULONGLONG ullTime, SYSTEMTIME* pst) const {
+  if (!m_pCurrentHour || !m_ullCurrentHourIndex || ullTime / kullHour != m_ullCurrentHourIndex) return false;
+  ULONGLONG ullMs = (ullTime % kullHour) / NSKronvaleUtils::kullTicksPerMillisecond;
+  *pst = m_stCurrentHour;
+  pst->wMilliseconds = static_cast<WORD>(ullMs % 1000);
+  pst->wSecond = static_cast<WORD>(ullMs / 1000 % 60);
+  pst->wMinute = static_cast<WORD>(ullMs / 60000);
+  return true;
 }
 
 HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourPtr* ppHour) {
@@ -237,6 +242,9 @@ HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourP
   m_strCurrentHourPath = strHourPath;
   m_pCurrentHour = pHour;
   m_bCurrentHourCreated = bCreate;
+  const FILETIME ftStart = NSKronvaleUtils::HourStartFromPath(strHourPath);
+  m_ullCurrentHourIndex = FileTimeToU64(ftStart) / kullHour;
+  if (!FileTimeToU64(ftStart) || !NSPlatform::FileTimeToSysTime(&ftStart, &m_stCurrentHour)) m_ullCurrentHourIndex = 0;
   *ppHour = std::move(pHour);
   return S_OK;
 }
@@ -244,6 +252,11 @@ HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourP
 STDMETHODIMP_(ULONGLONG) CRecord::GetCurrentHourSize() {
   NSSystem::CLockGuard guard(*m_pLock);
   return m_pCurrentHour ? m_pCurrentHour->GetFullSizeIfOpen() : 0;
+}
+
+STDMETHODIMP CRecord::FlushCurrentHour() {
+  NSSystem::CLockGuard guard(*m_pLock);
+  return m_pCurrentHour ? m_pCurrentHour->Flush() : S_FALSE;
 }
 
 STDMETHODIMP CRecord::GetCurrentHourPath(WString* pstrHourPath) {
@@ -267,11 +280,19 @@ STDMETHODIMP CRecord::Write(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer*
   if (dwCount) KV_CHECK_POINTER(pBuff);
   NSKronvaleUtils::ConformantFileTime(ftFrame);
   SYSTEMTIME st;
+  HRESULT hr;
+  // Frames of the open hour go straight to it.
+  if (InCurrentHour(FileTimeToU64(ftFrame), &st)) {
+    if (m_lBusy.load() >= 1) return khrPending;
+    hr = m_pCurrentHour->Write(st, dwFlags, reinterpret_cast<const SHourFrameBuffer*>(pBuff), dwCount);
+    KV_SUCCEEDED(hr);
+    return hr;
+  }
   if (!KV_ASSERT_TEXT(NSPlatform::FileTimeToSysTime(&ftFrame, &st), "bRes\n"))
     return NSPlatform::HResultFromLastError();
   if (m_lBusy.load() >= 1) return khrPending;
   CHourPtr pHour;
-  HRESULT hr = GetHourManager(NSKronvaleUtils::FormatHourPath(st), true, &pHour);
+  hr = GetHourManager(NSKronvaleUtils::FormatHourPath(st), true, &pHour);
   if (!KV_SUCCEEDED(hr)) return hr;
   hr = pHour->Write(st, dwFlags, reinterpret_cast<const SHourFrameBuffer*>(pBuff), dwCount);
   KV_SUCCEEDED(hr);
@@ -375,11 +396,14 @@ HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, F
   // boundary instant may.
   bool bExact = true;
   for (;;) {
-    FILETIME ftAt = U64ToFileTime(t);
     SYSTEMTIME st;
-    if (!KV_ASSERT_TEXT(NSPlatform::FileTimeToSysTime(&ftAt, &st), "bRes\n")) return NSPlatform::HResultFromLastError();
-    WString strHourPath = NSKronvaleUtils::FormatHourPath(st);
-    if (!NSPlatform::IsDirectory(HourDirectory(strHourPath).c_str())) {
+    // The open hour needs no path and no look at the disk.
+    const bool bOpen = InCurrentHour(t, &st);
+    FILETIME ftAt = U64ToFileTime(t);
+    if (!bOpen && !KV_ASSERT_TEXT(NSPlatform::FileTimeToSysTime(&ftAt, &st), "bRes\n"))
+      return NSPlatform::HResultFromLastError();
+    WString strHourPath = bOpen ? m_strCurrentHourPath : NSKronvaleUtils::FormatHourPath(st);
+    if (!bOpen && !NSPlatform::IsDirectory(HourDirectory(strHourPath).c_str())) {
       WString strFound;
       FindClosestHourPath(strHourPath, bForward, &strFound);
       if (strFound.empty()) return khrNotFound;
@@ -505,10 +529,15 @@ STDMETHODIMP CRecord::FindClosestHourPath(const WString& strHourPath, bool bForw
   KV_CHECK_POINTER(pstrFound);
   pstrFound->clear();
   NSSystem::CLockGuard guard(*m_pLock);
+  WString astrParts[4];
+  if (strHourPath.empty()) {
+    // From before the first year (after the last one).
+    astrParts[0] = bForward ? WString() : WString(KV_W("~"));
+    return FindFromLevel(astrParts, 0, bForward, pstrFound);
+  }
   int anParts[4];
   if (NSKronvaleUtils::ScanHourPath(strHourPath, &anParts[0], &anParts[1], &anParts[2], &anParts[3]) != 4)
     return E_INVALIDARG;
-  WString astrParts[4];
   for (int i = 0; i < 4; ++i) {
     WString str;
     const std::string strDigits = std::to_string(anParts[i]);
@@ -516,19 +545,24 @@ STDMETHODIMP CRecord::FindClosestHourPath(const WString& strHourPath, bool bForw
     for (char ch : strDigits) str.push_back(static_cast<WCHAR>(ch));
     astrParts[i] = std::move(str);
   }
-  // The deepest level of the path whose directory exists.
-  WString astrDirectories[5] = {m_strPath};
-  WString astrRelatives[5];
   int nDepth = 0;
-  while (nDepth < 4) {
-    const WString strNext = NSPlatform::CombinePath(astrDirectories[nDepth], astrParts[nDepth]);
-    if (!NSPlatform::IsDirectory(strNext.c_str())) break;
-    astrDirectories[nDepth + 1] = strNext;
-    astrRelatives[nDepth + 1] = Join(astrRelatives[nDepth], astrParts[nDepth]);
-    ++nDepth;
+  for (WString strDirectory = m_strPath; nDepth < 4; ++nDepth) {
+    strDirectory = NSPlatform::CombinePath(strDirectory, astrParts[nDepth]);
+    if (!NSPlatform::IsDirectory(strDirectory.c_str())) break;
   }
-  // At each level from there up: the entries after (before) the path's own, nearest first.
-  for (int nLevel = std::min(nDepth, 3); nLevel >= 0; --nLevel) {
+  return FindFromLevel(astrParts, std::min(nDepth, 3), bForward, pstrFound);
+}
+
+// Searches from level nStart of the path astrParts upwards: at each level, the entries after
+// (before) the path's own, nearest first, each searched down to its first (last) hour.
+HRESULT CRecord::FindFromLevel(const WString* astrParts, int nStart, bool bForward, WString* pstrFound) {
+  WString astrDirectories[4] = {m_strPath};
+  WString astrRelatives[4];
+  for (int i = 1; i <= nStart; ++i) {
+    astrDirectories[i] = NSPlatform::CombinePath(astrDirectories[i - 1], astrParts[i - 1]);
+    astrRelatives[i] = Join(astrRelatives[i - 1], astrParts[i - 1]);
+  }
+  for (int nLevel = nStart; nLevel >= 0; --nLevel) {
     std::vector<WString> vNames = ListLevel(astrDirectories[nLevel], nLevel);
     if (!bForward) std::reverse(vNames.begin(), vNames.end());
     for (const WString& strName : vNames) {
@@ -541,6 +575,20 @@ STDMETHODIMP CRecord::FindClosestHourPath(const WString& strHourPath, bool bForw
     }
   }
   return S_FALSE;
+}
+
+STDMETHODIMP_(DWORD) CRecord::GetHourCount() {
+  NSSystem::CLockGuard guard(*m_pLock);
+  DWORD cHours = 0;
+  for (const WString& strYear : ListLevel(m_strPath, 0)) {
+    const WString strYearPath = NSPlatform::CombinePath(m_strPath, strYear);
+    for (const WString& strMonth : ListLevel(strYearPath, 1)) {
+      const WString strMonthPath = NSPlatform::CombinePath(strYearPath, strMonth);
+      for (const WString& strDay : ListLevel(strMonthPath, 2))
+        cHours += static_cast<DWORD>(ListLevel(NSPlatform::CombinePath(strMonthPath, strDay), 3).size());
+    }
+  }
+  return cHours;
 }
 
 // ---- Statistics -----------------------------------------------------------------------------------
@@ -573,45 +621,48 @@ STDMETHODIMP CRecord::GetStatistic(FILETIME ftBegin, FILETIME ftEnd, FILETIME ft
   }
   if (!KV_ASSERT_TEXT(FileTimeToU64(ftEnd) >= FileTimeToU64(ftBegin), "ftEnd>=ftBegin\n")) return E_INVALIDARG;
 
-  std::vector<SRecordStatistic> vCells;
+  std::vector<SStatisticCell> vCells;
   hr = CollectStatistic(FileTimeToU64(ftBegin), FileTimeToU64(ftEnd), ullResolution, pFilter, &vCells);
   if (FAILED(hr)) return hr;
 
   // Runs: neighbouring cells with compatible flags join.
   const LONGLONG llGap = (dwFlags & 4) ? 0 : static_cast<LONGLONG>(ullResolution);
   const DWORD dwJoinMode = (dwFlags & 8) && pFilter ? static_cast<DWORD>(pFilter->eMode) : 2;
-  std::vector<SRecordStatistic> vRuns;
+  std::vector<SStatisticCell> vRuns;
   if (!vCells.empty()) {
-    SRecordStatistic run = vCells.front();
+    SStatisticCell run = vCells.front();
     for (size_t i = 1; i < vCells.size(); ++i) {
-      const SRecordStatistic& cell = vCells[i];
-      bool bJoin = Joins(dwJoinMode, run.dwFlags, cell.dwFlags);
+      const SRecordStatistic& cell = vCells[i].record;
+      SRecordStatistic& r = run.record;
+      bool bJoin = Joins(dwJoinMode, r.dwFlags, cell.dwFlags);
       if (bJoin && llGap) {
-        const LONGLONG llRunBegin = Ticks(run.ftBegin), llRunEnd = Ticks(run.ftEnd);
+        const LONGLONG llRunBegin = Ticks(r.ftBegin), llRunEnd = Ticks(r.ftEnd);
         const LONGLONG llBegin = Ticks(cell.ftBegin), llEnd = Ticks(cell.ftEnd);
         const bool bCellOutsideRun = llRunBegin - llGap >= llBegin || llBegin >= llRunEnd + llGap;
         const bool bRunOutsideCell = llBegin - llGap >= llRunBegin || llRunBegin >= llEnd + llGap;
         bJoin = !(bCellOutsideRun && bRunOutsideCell);
       }
       if (bJoin) {
-        if (Ticks(cell.ftBegin) < Ticks(run.ftBegin)) run.ftBegin = cell.ftBegin;
-        if (Ticks(cell.ftEnd) > Ticks(run.ftEnd)) run.ftEnd = cell.ftEnd;
-        run.dwCount += cell.dwCount;
-        run.dwFlags |= cell.dwFlags;
+        if (Ticks(cell.ftBegin) < Ticks(r.ftBegin)) r.ftBegin = cell.ftBegin;
+        if (Ticks(cell.ftEnd) > Ticks(r.ftEnd)) r.ftEnd = cell.ftEnd;
+        r.dwCount += cell.dwCount;
+        r.dwFlags |= cell.dwFlags;
+        run.ullFirstFrame = std::min(run.ullFirstFrame, vCells[i].ullFirstFrame);
+        run.ullLastFrame = std::max(run.ullLastFrame, vCells[i].ullLastFrame);
       } else {
-        if (Ticks(run.ftEnd) > Ticks(cell.ftBegin)) run.ftEnd = cell.ftBegin;
+        if (Ticks(r.ftEnd) > Ticks(cell.ftBegin)) r.ftEnd = cell.ftBegin;
         vRuns.push_back(run);
-        run = cell;
+        run = vCells[i];
       }
     }
     vRuns.push_back(run);
   }
-  ExactEnds(vRuns, pFilter);
+  ExactEnds(vRuns, pFilter, ullResolution < kullHour);
 
   if (!vRuns.empty()) {
     auto* pRuns = static_cast<SRecordStatistic*>(CoTaskMemAlloc(vRuns.size() * sizeof(SRecordStatistic)));
     if (!pRuns) return E_OUTOFMEMORY;
-    std::copy(vRuns.begin(), vRuns.end(), pRuns);
+    for (size_t i = 0; i < vRuns.size(); ++i) pRuns[i] = vRuns[i].record;
     *ppRecordStatistic = pRuns;
     *pdwCount = static_cast<DWORD>(vRuns.size());
     return S_OK;
@@ -622,7 +673,7 @@ STDMETHODIMP CRecord::GetStatistic(FILETIME ftBegin, FILETIME ftEnd, FILETIME ft
 // The cells of every hour from ullBegin to ullEnd, in time order: seconds or minutes for resolutions
 // under an hour (10 ms slots under a second), one cell per hour otherwise.
 HRESULT CRecord::CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLONG ullResolution,
-                                  const SFrameFilter* pFilter, std::vector<SRecordStatistic>* pvCells) {
+                                  const SFrameFilter* pFilter, std::vector<SStatisticCell>* pvCells) {
   KV_FUNC("CRecord::GetStatistic");
   DWORD cSlotsPerCell = 0;
   switch (NSKronvaleUtils::SpanToDatePart(ullResolution)) {
@@ -676,7 +727,8 @@ HRESULT CRecord::CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLON
         }
         record.dwFlags = cell.dwFlags;
         record.dwCount = cell.dwCount;
-        pvCells->push_back(record);
+        pvCells->push_back({record, ullHourStart + ULONGLONG{cell.dwFirstSlot} * kullSlot,
+                            ullHourStart + ULONGLONG{cell.dwLastSlot} * kullSlot});
       }
     }
     t = ullNextHour;
@@ -685,17 +737,28 @@ HRESULT CRecord::CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLON
 }
 
 // Moves each run's ends onto its first and last passing frames; a run of one frame lasts 10 ms.
-void CRecord::ExactEnds(std::vector<SRecordStatistic>& vRuns, const SFrameFilter* pFilter) {
+// With bEndsAfterRuns (cells of seconds or minutes) a run ends at the start of the cell after its
+// last one: a frame at that instant belongs to the next run or lies outside the period asked, so the
+// end always moves back onto the run's own last frame.
+void CRecord::ExactEnds(std::vector<SStatisticCell>& vRuns, const SFrameFilter* pFilter, bool bEndsAfterRuns) {
   KV_FUNC("ExactEnds");
-  for (SRecordStatistic& run : vRuns) {
+  for (SStatisticCell& cell : vRuns) {
+    SRecordStatistic& run = cell.record;
     if (!KV_ASSERT_TEXT(Ticks(run.ftEnd) >= Ticks(run.ftBegin), "oRecordStatistic.ftEnd>=oRecordStatistic.ftBegin\n"))
       return;
     const SRecordStatistic kept = run;
-    HRESULT hr = S_OK;
-    if (CheckFrame(run.ftEnd, pFilter) != S_OK) hr = GetPrev(run.ftEnd, pFilter, &run.ftEnd);
-    if (!KV_SUCCEEDED(hr)) return;
-    if (CheckFrame(run.ftBegin, pFilter) != S_OK) hr = GetNext(run.ftBegin, pFilter, &run.ftBegin);
-    if (!KV_SUCCEEDED(hr)) return;
+    if (!pFilter) {
+      // Every frame passes: the run's first and last occupied slots are its ends, which is what the
+      // searches below would find, without opening its hours again.
+      run.ftBegin = U64ToFileTime(cell.ullFirstFrame);
+      run.ftEnd = U64ToFileTime(cell.ullLastFrame);
+    } else {
+      HRESULT hr = S_OK;
+      if (bEndsAfterRuns || CheckFrame(run.ftEnd, pFilter) != S_OK) hr = GetPrev(run.ftEnd, pFilter, &run.ftEnd);
+      if (!KV_SUCCEEDED(hr)) return;
+      if (CheckFrame(run.ftBegin, pFilter) != S_OK) hr = GetNext(run.ftBegin, pFilter, &run.ftBegin);
+      if (!KV_SUCCEEDED(hr)) return;
+    }
     if (Ticks(run.ftEnd) == Ticks(run.ftBegin))
       run.ftEnd = U64ToFileTime(FileTimeToU64(run.ftEnd) + kullSlot);
     else if (Ticks(run.ftEnd) < Ticks(run.ftBegin))

@@ -80,8 +80,9 @@ class CRecord : public NSCom::CComObjectRootEx,
   // IRecordInternal
   STDMETHOD(Create)(IKronvale* pParent, const WCHAR* pszPath, DWORD dwHourOpenOptions, DWORD dwAccessMode) override;
   STDMETHOD_(DWORD, GetAccessMode)() override { return m_dwAccessMode.load(); }
-  STDMETHOD_(void, SetQuotaExceeded)(bool bExceeded) override;
   STDMETHOD_(ULONGLONG, GetCurrentHourSize)() override;
+  STDMETHOD(FlushCurrentHour)() override;
+  STDMETHOD_(DWORD, GetHourCount)() override;
   STDMETHOD(GetCurrentHourPath)(WString* pstrHourPath) override;
   STDMETHOD(FindClosestHourPath)(const WString& strHourPath, bool bForward, WString* pstrFound) override;
   STDMETHOD(RepairHour)(const WCHAR* pszHourPath) override;
@@ -108,9 +109,17 @@ class CRecord : public NSCom::CComObjectRootEx,
   void CloseCurrentHour(bool bReport);
   WString HourDirectory(const WString& strHourPath) const;
   HRESULT Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftFound);
+  // A statistic record while runs are built, with the times of its first and last occupied slots.
+  struct SStatisticCell {
+    SRecordStatistic record;
+    ULONGLONG ullFirstFrame;
+    ULONGLONG ullLastFrame;
+  };
   HRESULT CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLONG ullResolution, const SFrameFilter* pFilter,
-                           std::vector<SRecordStatistic>* pvRuns);
-  void ExactEnds(std::vector<SRecordStatistic>& vRuns, const SFrameFilter* pFilter);
+                           std::vector<SStatisticCell>* pvCells);
+  void ExactEnds(std::vector<SStatisticCell>& vRuns, const SFrameFilter* pFilter, bool bEndsAfterRuns);
+  bool InCurrentHour(ULONGLONG ullTime, SYSTEMTIME* pst) const;
+  HRESULT FindFromLevel(const WString* astrParts, int nStart, bool bForward, WString* pstrFound);
   bool SearchDown(const WString& strDirectory, const WString& strRelative, int nLevel, bool bForward,
                   WString* pstrFound, bool* pbFailed);
   bool EraseEmptyDirectory(const WString& strDirectory, const WString& strRelative);
@@ -122,6 +131,10 @@ class CRecord : public NSCom::CComObjectRootEx,
   WString m_strCurrentHourPath;  // relative hour path of the open hour; empty when none
   CHourPtr m_pCurrentHour;
   bool m_bCurrentHourCreated = false;  // the open hour was opened by a write
+  // The open hour as a number of hours since 1601 and as a UTC breakdown (minutes and below 0), so
+  // that frames of the open hour need no path to be formatted.
+  ULONGLONG m_ullCurrentHourIndex = 0;
+  SYSTEMTIME m_stCurrentHour = {};
   DWORD m_dwHourOpenOptions = 0;
   NSCom::CComPtr<IKronvale> m_pParent;
   bool m_bParentIsArchive = false;

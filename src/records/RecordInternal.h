@@ -21,14 +21,17 @@ IRecordInternal : public IUnknown {
   // mode (low two bits 3: a writer; bit 4: the archive takes no more data).
   STDMETHOD(Create)(IKronvale * pParent, const WCHAR* pszPath, DWORD dwHourOpenOptions, DWORD dwAccessMode) = 0;
   STDMETHOD_(DWORD, GetAccessMode)() = 0;
-  // Sets (or clears) access-mode bit 4: the archive's quota refuses further data.
-  STDMETHOD_(void, SetQuotaExceeded)(bool bExceeded) = 0;
   // Bytes the record's open hour takes on disk; 0 when none is open.
   STDMETHOD_(ULONGLONG, GetCurrentHourSize)() = 0;
+  // Hands what the open hour holds in the system's buffers to the disk (buffered hours only):
+  // S_OK when something was flushed, S_FALSE when there was nothing to flush.
+  STDMETHOD(FlushCurrentHour)() = 0;
+  // How many hour directories the record holds.
+  STDMETHOD_(DWORD, GetHourCount)() = 0;
   // The relative path of the open hour ("" when none), and whether it was opened by a write.
   STDMETHOD(GetCurrentHourPath)(WString * pstrHourPath) = 0;
   // The existing hour directory nearest after (bForward) or before strHourPath, relative to the
-  // record directory; "" when there is none.
+  // record directory; "" when there is none. An empty strHourPath asks for the first (or last) hour.
   STDMETHOD(FindClosestHourPath)(const WString& strHourPath, bool bForward, WString* pstrFound) = 0;
   // Repairs one hour of this record in place (writers only).
   STDMETHOD(RepairHour)(const WCHAR* pszHourPath) = 0;

@@ -258,6 +258,22 @@ TEST_F(RegistrationTest, Regsvr32RegistersAndUnregistersTheLibrary) {
   ASSERT_EQ(0u, RunRegsvr32(L"/s \"" + m_strPath + L"\""));
   ExpectModuleRegistered();
   ExpectProxiesRegistered();
+  // Registered, the library serves COM's own calls: one cached factory, and no bare archives.
+  ASSERT_TRUE(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED)));
+  IArchiveFactory* pFirst = nullptr;
+  IArchiveFactory* pSecond = nullptr;
+  EXPECT_EQ(S_OK, CoGetClassObject(CLSID_Kronvale, CLSCTX_INPROC_SERVER, nullptr, IID_IArchiveFactory,
+                                   reinterpret_cast<void**>(&pFirst)));
+  EXPECT_EQ(S_OK, CoGetClassObject(CLSID_Kronvale, CLSCTX_INPROC_SERVER, nullptr, IID_IArchiveFactory,
+                                   reinterpret_cast<void**>(&pSecond)));
+  EXPECT_TRUE(pFirst && pFirst == pSecond);
+  if (pFirst) pFirst->Release();
+  if (pSecond) pSecond->Release();
+  IKronvale* pArchive = nullptr;
+  EXPECT_EQ(E_NOTIMPL,
+            CoCreateInstance(CLSID_Kronvale, nullptr, CLSCTX_INPROC_SERVER, IID_IKronvale, reinterpret_cast<void**>(&pArchive)));
+  EXPECT_EQ(nullptr, pArchive);
+  CoUninitialize();
   ASSERT_EQ(0u, RunRegsvr32(L"/u /s \"" + m_strPath + L"\""));
   ExpectNothingRegistered();
 }

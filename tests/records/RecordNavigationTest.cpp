@@ -221,6 +221,18 @@ TEST_F(RecordStatisticTest, RunsJoinBySecondAndTheirEndsAreExact) {
             Describe(Stats(Ft(2021, 3, 7, 11), ftEnd, kllSecond, nullptr, 0)));
 }
 
+// Runs in neighbouring cells: each ends on its own last frame, not on the next run's first.
+TEST_F(RecordStatisticTest, AdjacentRunsEndOnTheirOwnFrames) {
+  for (WORD s = 0; s < 6; ++s) Put(Ft(2021, 3, 7, 10, 0, s), s < 3 ? 1 : 3);
+  Put(Ft(2021, 3, 7, 10, 1, 0), 1);
+  EXPECT_EQ("2021-03-07 10:00:00.000..2021-03-07 10:00:02.000 f1 n3; "
+            "2021-03-07 10:00:03.000..2021-03-07 10:00:05.000 f3 n3; ",
+            Describe(Stats(Ft(2021, 3, 7, 10), Ft(2021, 3, 7, 10, 0, 30), kllSecond, nullptr, 0)));
+  // The period ends inside a cell whose next neighbour holds a frame outside the period.
+  EXPECT_EQ("2021-03-07 10:00:00.000..2021-03-07 10:00:02.000 f1 n3; ",
+            Describe(Stats(Ft(2021, 3, 7, 10), Ft(2021, 3, 7, 10, 0, 2, 500), kllSecond, nullptr, 0)));
+}
+
 TEST_F(RecordStatisticTest, BadPeriodsAndResolutions) {
   Put(Ft(2021, 3, 7, 10, 0, 1));
   Put(Ft(2021, 3, 7, 10, 0, 5));

@@ -149,12 +149,18 @@ TEST_F(RecordTest, WriteChecksComeInOrder) {
   auto pState = Query<IStateControl>(pRecord, IID_IStateControl);
   const FILETIME ft = Ft(2021, 3, 7, 10);
 
-  // Quota bit first, then the locked state.
-  pInternal->SetQuotaExceeded(true);
+  // A writer opened with mode bit 4 (its archive takes no more data) refuses data first of all,
+  // even when locked.
+  NSCom::CComPtr<IRecord> pFull;
+  ASSERT_EQ(S_OK, Query<IKronvaleEx>(m_archive.Get(), IID_IKronvaleEx)
+                      ->OpenRecordEx(NSCom::CComBSTR(KV_W("full")), NSCom::CComBSTR(KV_W("cam")), 7, &pFull));
+  EXPECT_EQ(7u, Internal(pFull)->GetAccessMode());
+  ASSERT_EQ(S_OK, Query<IStateControl>(pFull, IID_IStateControl)->Change(0x10000, 0));
+  EXPECT_EQ(khrNoQuota, WriteFrame(pFull, ft, 1, {"a"}));
+  EXPECT_EQ(khrNoQuota, pFull->SetDescription(NSCom::CComBSTR(KV_W("x"))));
+  EXPECT_EQ(khrNoQuota, pFull->RemoveHour(ft));
+  // Then the locked state.
   ASSERT_EQ(S_OK, pState->Change(0x10000, 0));
-  EXPECT_EQ(khrNoQuota, WriteFrame(pRecord, ft, 1, {"a"}));
-  EXPECT_EQ(khrNoQuota, pRecord->SetDescription(NSCom::CComBSTR(KV_W("x"))));
-  pInternal->SetQuotaExceeded(false);
   EXPECT_EQ(khrLocked, WriteFrame(pRecord, ft, 1, {"a"}));
   EXPECT_EQ(khrLocked, pRecord->Read(ft, nullptr, nullptr, 0));
   EXPECT_EQ(khrLocked, pRecord->Merge(pRecord, nullptr, 1));

@@ -104,7 +104,8 @@ inline bool Logged(const NSTest::CLogCapture& capture, const char* pszCategory, 
   return std::find(v.begin(), v.end(), strText) != v.end();
 }
 
-// An archive object on a scratch directory. Free runs at the end, which lets the archive and its
+// An archive object on a scratch directory (made there, or opened when it is an archive already;
+// a directory of records without settings gets them). Free runs at the end, which lets the archive and its
 // records go (they hold each other until then).
 class CTestArchive {
  public:
@@ -113,7 +114,11 @@ class CTestArchive {
     NSCom::CComObject<NSArchive::CArchiveImpl>* p = nullptr;
     EXPECT_EQ(S_OK, NSCom::CComObject<NSArchive::CArchiveImpl>::CreateInstance(&p));
     m_pArchive = p;
-    EXPECT_EQ(S_OK, p->Open(strPath, 0));
+    // A directory with settings is an archive already; otherwise one is made there.
+    if (NSPlatform::PathExists(NSPlatform::CombinePath(strPath, KV_W("settings.als")).c_str()))
+      EXPECT_EQ(S_OK, p->Open(strPath, 0));
+    else
+      EXPECT_EQ(S_OK, p->Create(strPath));
     EXPECT_EQ(S_OK, p->SetFlushTimeout(dwFlushTimeout));
   }
   ~CTestArchive() {

@@ -1,0 +1,161 @@
+// The archive factory.
+#include "archive/ArchiveFactory.h"
+
+#include "archive/ArchiveImpl.h"
+#include "hours/KronvaleUtils.h"
+#include "records/RecordErrors.h"
+#include "support/Report.h"
+
+namespace NSArchive {
+
+using NSRecords::khrPathNotFound;
+using NSRecords::klStateHookRan;
+using NSRecords::klStateLocked;
+
+namespace {
+
+constexpr HRESULT khrDirectoryNotEmpty = KvHResultFromWin32(ERROR_DIR_NOT_EMPTY);  // 0x80070091
+
+WString FromBstr(BSTR bstr) { return bstr ? WString(bstr, SysStringLen(bstr)) : WString(); }
+
+HRESULT HandOut(IUnknown* pArchive, IKronvale** ppKronvale) {
+  return pArchive->QueryInterface(IID_IKronvale, reinterpret_cast<void**>(ppKronvale));
+}
+
+}  // namespace
+
+WString CArchiveFactory::CacheKey(const WString& strPath) {
+  WString strKey;
+  if (strPath.empty() || FAILED(NSPlatform::GetFullPath(strPath.c_str(), &strKey)))
+    strKey = NSPlatform::CanonicalizePath(strPath);
+  while (strKey.size() > 1 && NSPlatform::IsPathSeparator(strKey.back()) &&
+         !(strKey.size() == 3 && strKey[1] == ':'))
+    strKey.pop_back();
+  return NSPlatform::FoldPathCase(strKey);
+}
+
+STDMETHODIMP CArchiveFactory::CreateInstance(IUnknown*, REFIID, void** ppvObject) {
+  if (ppvObject) *ppvObject = nullptr;
+  return E_NOTIMPL;
+}
+
+STDMETHODIMP CArchiveFactory::LockServer(BOOL fLock) {
+  if (fLock)
+    NSCom::CComModule::Lock();
+  else
+    NSCom::CComModule::Unlock();
+  return S_OK;
+}
+
+STDMETHODIMP CArchiveFactory::CreateArchive(BSTR path, IKronvale** ppKronvale) {
+  KV_CHECK_POINTER(ppKronvale);
+  *ppKronvale = nullptr;
+  const WString strPath = FromBstr(path);
+  if (strPath.empty()) return E_INVALIDARG;
+  CGuard guard(m_section);
+  const WString strKey = CacheKey(strPath);
+  const auto it = m_cache.find(strKey);
+  if (it != m_cache.end()) {
+    KV_LOG_MESSAGE(KV_W("successfull archive creation: %s\n"), strPath.c_str());
+    return HandOut(it->second, ppKronvale);
+  }
+  if (NSPlatform::PathExists(strPath.c_str()) && !NSPlatform::IsDirectoryEmpty(strPath.c_str()))
+    return khrDirectoryNotEmpty;
+  NSCom::CComObject<CArchiveImpl>* pArchive = nullptr;
+  HRESULT hr = NSCom::CComObject<CArchiveImpl>::CreateInstance(&pArchive);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  NSCom::CComPtr<IUnknown> pHold(pArchive->GetUnknown());
+  hr = pArchive->Create(strPath);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  m_cache[strKey] = pHold;
+  KV_LOG_MESSAGE(KV_W("successfull archive creation: %s\n"), strPath.c_str());
+  return HandOut(pHold, ppKronvale);
+}
+
+STDMETHODIMP CArchiveFactory::OpenArchive(BSTR path, IKronvale** ppKronvale) { return OpenArchiveEx(path, 0, ppKronvale); }
+
+STDMETHODIMP CArchiveFactory::OpenArchiveEx(BSTR path, ULONG access, IKronvale** ppKronvale) {
+  KV_CHECK_POINTER(ppKronvale);
+  *ppKronvale = nullptr;
+  const WString strPath = FromBstr(path);
+  if (strPath.empty()) return E_INVALIDARG;
+  CGuard guard(m_section);
+  const WString strKey = CacheKey(strPath);
+  const auto it = m_cache.find(strKey);
+  if (it != m_cache.end() && it->second) {
+    // A cached archive comes back to life if a client had freed it.
+    NSCom::CComPtr<IStateControl> pState;
+    if (SUCCEEDED(it->second->QueryInterface(IID_IStateControl, reinterpret_cast<void**>(&pState))) &&
+        SUCCEEDED(pState->Change(0, klStateLocked))) {
+      KV_LOG_MESSAGE(KV_W("Archive opened from cache: %s\n"), strPath.c_str());
+      return HandOut(it->second, ppKronvale);
+    }
+  }
+  if (!NSPlatform::PathExists(strPath.c_str())) return khrPathNotFound;
+  // An archive in a file is a multipart archive, which this library does not open yet.
+  if (!NSPlatform::IsDirectory(strPath.c_str())) return E_NOTIMPL;
+  NSCom::CComObject<CArchiveImpl>* pArchive = nullptr;
+  HRESULT hr = NSCom::CComObject<CArchiveImpl>::CreateInstance(&pArchive);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  NSCom::CComPtr<IUnknown> pHold(pArchive->GetUnknown());
+  hr = pArchive->Open(strPath, access);
+  if (!KV_SUCCEEDED(hr)) {
+    pArchive->Free();
+    return hr;
+  }
+  m_cache[strKey] = pHold;
+  KV_LOG_MESSAGE(KV_W("Archive opened from disk: %s\n"), strPath.c_str());
+  return HandOut(pHold, ppKronvale);
+}
+
+// A directory is deleted only when it is an archive (it holds "settings.als"): a wrong path must
+// never take a tree that is not ours. A cached archive is freed and forgotten first, which closes
+// the files its records hold.
+STDMETHODIMP CArchiveFactory::DeleteArchive(BSTR path) {
+  const WString strPath = FromBstr(path);
+  if (strPath.empty()) return E_INVALIDARG;
+  CGuard guard(m_section);
+  HRESULT hr;
+  if (NSPlatform::IsDirectory(strPath.c_str())) {
+    if (!NSPlatform::PathExists(NSPlatform::CombinePath(strPath, KV_W("settings.als")).c_str())) {
+      KV_LOG_ERROR(KV_W("Not an archive: %s\n"), strPath.c_str());
+      return E_INVALIDARG;
+    }
+    const auto it = m_cache.find(CacheKey(strPath));
+    if (it != m_cache.end()) {
+      NSCom::CComPtr<IKronvale> pArchive;
+      if (SUCCEEDED(HandOut(it->second, &pArchive))) pArchive->Free();
+      m_cache.erase(it);
+    }
+    hr = NSKronvaleUtils::DeleteFileSystemObject(strPath);
+  } else if (NSPlatform::PathExists(strPath.c_str())) {
+    m_cache.erase(CacheKey(strPath));
+    hr = NSPlatform::RemoveFile(strPath.c_str());
+  } else {
+    hr = khrPathNotFound;
+  }
+  if (!KV_SUCCEEDED(hr)) return hr;
+  return S_OK;
+}
+
+STDMETHODIMP CArchiveFactory::CreateMultipartArchive(BSTR, IMultipartArchive** ppMultipartArchive) {
+  KV_CHECK_POINTER(ppMultipartArchive);
+  *ppMultipartArchive = nullptr;
+  return E_NOTIMPL;
+}
+
+STDMETHODIMP CArchiveFactory::Set(LONG lState) {
+  if (!(lState & klStateHookRan)) return E_INVALIDARG;
+  CGuard guard(m_section);
+  for (auto& entry : m_cache) {
+    NSCom::CComPtr<IStateControl> pState;
+    if (entry.second && SUCCEEDED(entry.second->QueryInterface(IID_IStateControl, reinterpret_cast<void**>(&pState))))
+      pState->Set(lState);
+  }
+  return S_OK;
+}
+
+STDMETHODIMP CArchiveFactory::Get(LONG*) { return E_NOTIMPL; }
+STDMETHODIMP CArchiveFactory::Change(LONG, LONG) { return E_NOTIMPL; }
+
+}  // namespace NSArchive

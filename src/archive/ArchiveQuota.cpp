@@ -1,0 +1,338 @@
+// The archive's limits: quotas, the size-and-quota pass of its worker, the deletion of the oldest
+// hours, and the flusher of buffered hours.
+#include <algorithm>
+
+#include "archive/ArchiveImpl.h"
+#include "hours/KronvaleUtils.h"
+#include "records/RecordErrors.h"
+#include "support/Report.h"
+
+namespace NSArchive {
+
+using NSRecords::khrInvalidState;
+using NSRecords::khrLocked;
+using NSRecords::khrNotEnoughQuota;
+using NSRecords::klStateLocked;
+
+namespace {
+
+constexpr HRESULT khrNothingDeleted = static_cast<HRESULT>(0x800720CEu);
+constexpr ULONGLONG kullLargeArchive = 214748364900ull;  // from here on the margin is 1% of the size
+constexpr LONGLONG kllSmallMargin = 2147483648ll;        // 2 GiB
+constexpr LONGLONG kllMiB = 1048576;
+
+NSCom::CComPtr<IRecordInternal> Internal(IRecord* pRecord) {
+  NSCom::CComPtr<IRecordInternal> p;
+  pRecord->QueryInterface(__uuidof(IRecordInternal), reinterpret_cast<void**>(&p));
+  return p;
+}
+
+WString RecordPath(IRecord* pRecord) {
+  NSCom::CComBSTR bstr;
+  pRecord->GetPath(&bstr);
+  return bstr.m_str ? WString(bstr.m_str) : WString();
+}
+
+// Bytes of the files under strDirectory; 0 when pStop says so before an entry.
+template <class TStop>
+ULONGLONG TreeSize(const WString& strDirectory, TStop& stop, bool* pbStopped) {
+  std::vector<NSPlatform::SDirEntry> vEntries;
+  if (FAILED(NSPlatform::ListDir(strDirectory.c_str(), &vEntries))) return 0;
+  ULONGLONG ullSize = 0;
+  for (const NSPlatform::SDirEntry& entry : vEntries) {
+    if (*pbStopped || (*pbStopped = stop())) return 0;
+    ullSize += entry.IsDirectory() ? TreeSize(NSPlatform::CombinePath(strDirectory, entry.strName), stop, pbStopped)
+                                   : entry.ullSize;
+  }
+  return *pbStopped ? 0 : ullSize;
+}
+
+ULONGLONG HourSize(const WString& strDirectory) {
+  bool bStopped = false;
+  auto never = [] { return false; };
+  return TreeSize(strDirectory, never, &bStopped);
+}
+
+// The oldest hour of a record after strAfter ("" for its first), leaving out the hour it has open
+// and the current hour of the clock: hours being written are never deleted.
+WString NextDeletableHour(IRecordInternal* pRecord, const WString& strAfter) {
+  WString strHour;
+  if (FAILED(pRecord->FindClosestHourPath(strAfter, true, &strHour)) || strHour.empty()) return WString();
+  WString strOpen;
+  pRecord->GetCurrentHourPath(&strOpen);
+  if (strHour == strOpen || NSKronvaleUtils::IsCurrentHour(strHour)) return WString();
+  return strHour;
+}
+
+}  // namespace
+
+// ---- Quotas ---------------------------------------------------------------------------------------
+
+STDMETHODIMP CArchiveImpl::SetQuota(ULONGLONG ullMinimumFreeDiskSpace, ULONGLONG ullMaximumArchiveSize) {
+  HRESULT hr;
+  {
+    CGuard guard(m_section);
+    if (HasState(klStateLocked)) return khrLocked;
+    if (ullMinimumFreeDiskSpace == m_settings.ullMinimumFreeDiskSpace &&
+        ullMaximumArchiveSize == m_settings.ullMaximumArchiveSize)
+      return S_FALSE;
+    m_settings.ullMinimumFreeDiskSpace = ullMinimumFreeDiskSpace;
+    m_settings.ullMaximumArchiveSize = ullMaximumArchiveSize;
+    hr = SerializeSettings(true);
+  }
+  KV_SUCCEEDED(hr);
+  return hr;
+}
+
+STDMETHODIMP CArchiveImpl::SetArchiveQuota(const SArchiveQuota* pQuota) {
+  KV_CHECK_POINTER(pQuota);
+  HRESULT hr;
+  {
+    CGuard guard(m_section);
+    if (HasState(klStateLocked)) return khrLocked;
+    if (pQuota->ullMinimumFreeDiskSpace == m_settings.ullMinimumFreeDiskSpace &&
+        pQuota->ullMaximumArchiveSize == m_settings.ullMaximumArchiveSize &&
+        pQuota->lMaximumArchiveHours == m_settings.lMaximumArchiveHours && pQuota->dwAccess == m_settings.dwAccess)
+      return S_FALSE;
+    m_settings.ullMinimumFreeDiskSpace = pQuota->ullMinimumFreeDiskSpace;
+    m_settings.ullMaximumArchiveSize = pQuota->ullMaximumArchiveSize;
+    m_settings.lMaximumArchiveHours = pQuota->lMaximumArchiveHours;
+    if (pQuota->dwAccess != m_settings.dwAccess) {
+      m_settings.dwAccess = pQuota->dwAccess;
+      m_records.clear();
+    }
+    hr = SerializeSettings(true);
+  }
+  KV_SUCCEEDED(hr);
+  return hr;
+}
+
+STDMETHODIMP CArchiveImpl::GetArchiveQuota(SArchiveQuota* pQuota) {
+  KV_CHECK_POINTER(pQuota);
+  CGuard guard(m_section);
+  pQuota->ullMinimumFreeDiskSpace = m_settings.ullMinimumFreeDiskSpace;
+  pQuota->ullMaximumArchiveSize = m_settings.ullMaximumArchiveSize;
+  pQuota->lMaximumArchiveHours = m_settings.lMaximumArchiveHours;
+  pQuota->dwAccess = m_settings.dwAccess;
+  return S_OK;
+}
+
+ULONGLONG CArchiveImpl::GetArchiveSize() {
+  CGuard guard(m_section);
+  return m_settings.ullArchiveSize;
+}
+
+ULONGLONG CArchiveImpl::GetOpenHoursSize() {
+  CGuard guard(m_section);
+  return m_ullOpenHoursSize;
+}
+
+// The shared read-write objects in the table (the records written to).
+std::vector<NSCom::CComPtr<IRecord>> CArchiveImpl::OpenWriters() {
+  std::vector<NSCom::CComPtr<IRecord>> v;
+  CGuard guard(m_section);
+  for (const auto& entry : m_records)
+    if ((entry.second.dwMode & 0x3) == 0x3) v.push_back(entry.second.pRecord);
+  return v;
+}
+
+// ---- The pass -------------------------------------------------------------------------------------
+
+void CArchiveImpl::SizeAndQuotaPass() {
+  // A pass already running (the worker's, or one asked for meanwhile) makes this one a no-op.
+  if (m_lBusy.exchange(1)) return;
+  bool bFreed;
+  {
+    CGuard guard(m_section);
+    bFreed = HasState(klStateLocked);
+  }
+  if (!bFreed) {
+    SizeScan();
+    CheckQuota();
+  }
+  m_lBusy.exchange(0);
+}
+
+void CArchiveImpl::SizeScan() {
+  WString strPath;
+  {
+    CGuard guard(m_section);
+    strPath = m_strPath;
+  }
+  if (strPath.empty()) return;
+  const std::vector<NSCom::CComPtr<IRecord>> vWriters = OpenWriters();
+  auto stop = [this] { return m_pWorker && m_pWorker->IsStopRequested(); };
+  ULONGLONG ullOpenHours = 0;
+  for (IRecord* pRecord : vWriters) {
+    if (stop()) break;
+    if (auto pInternal = Internal(pRecord)) ullOpenHours += pInternal->GetCurrentHourSize();
+  }
+  ULONGLONG ullArchive = 0;
+  for (IRecord* pRecord : vWriters) {
+    bool bStopped = false;
+    ullArchive += TreeSize(RecordPath(pRecord), stop, &bStopped);
+  }
+  CGuard guard(m_section);
+  m_ullOpenHoursSize = ullOpenHours;
+  m_settings.ullArchiveSize = ullArchive;
+}
+
+HRESULT CArchiveImpl::CheckQuota() {
+  WString strPath;
+  SArchiveSettings settings;
+  {
+    CGuard guard(m_section);
+    strPath = m_strPath;
+    settings = m_settings;
+  }
+  if (strPath.empty()) return khrInvalidState;
+  if (settings.dwAccess & kdwAccessNoRetention) return khrNotEnoughQuota;
+  // Each pass frees somewhat more than the bare excess, so that the next write does not trip the
+  // limit again at once.
+  const LONGLONG llMargin = settings.ullArchiveSize >= kullLargeArchive
+                                ? static_cast<LONGLONG>(settings.ullArchiveSize / 100)
+                                : kllSmallMargin;
+  LONG lExceeded = 0;
+  LONGLONG llNeedFree = 0;
+  LONGLONG llNeedSize = 0;
+  ULONGLONG ullFree = 0;
+  if (settings.ullMinimumFreeDiskSpace &&
+      SUCCEEDED(NSPlatform::GetFreeDiskSpace(strPath.c_str(), &ullFree, nullptr, nullptr))) {
+    llNeedFree = static_cast<LONGLONG>(settings.ullMinimumFreeDiskSpace) - static_cast<LONGLONG>(ullFree) + llMargin;
+    if (llNeedFree > 0) lExceeded = 1;
+  }
+  if (settings.ullMaximumArchiveSize) {
+    llNeedSize =
+        llMargin - static_cast<LONGLONG>(settings.ullMaximumArchiveSize) + static_cast<LONGLONG>(settings.ullArchiveSize);
+    if (llNeedSize > 0) lExceeded = 1;
+  }
+  LONG lHourLimit = 0;
+  if (settings.lMaximumArchiveHours) {
+    for (IRecord* pRecord : OpenWriters()) {
+      auto pInternal = Internal(pRecord);
+      if (pInternal && static_cast<LONGLONG>(pInternal->GetHourCount()) > settings.lMaximumArchiveHours) lExceeded = 1;
+    }
+    if (lExceeded) lHourLimit = settings.lMaximumArchiveHours;
+  }
+  m_lQuotaExceeded.exchange(lExceeded);
+  if (!lExceeded) return S_FALSE;
+  return RemoveOldests(std::max(llNeedFree, llNeedSize), lHourLimit);
+}
+
+HRESULT CArchiveImpl::RemoveOldests(LONGLONG llBytesToFree, LONG lHourLimit) {
+  WString strPath;
+  {
+    CGuard guard(m_section);
+    // A partition's space is its multipart archive's business.
+    if ((llBytesToFree <= 0 && lHourLimit <= 0) || m_pOwner) return S_FALSE;
+    strPath = m_strPath;
+  }
+  if (strPath.empty()) return S_FALSE;
+  const std::vector<NSCom::CComPtr<IRecord>> vWriters = OpenWriters();
+
+  LONGLONG llFreed = 0;
+  unsigned cDeleted = 0;
+  // Deletes one hour of a record, adding its size to llFreed.
+  auto deleteHour = [&](IRecord* pRecord, const WString& strHour) {
+    if (strHour.empty()) return;
+    FILETIME ft = {0, 0};
+    int nYear = 0, nMonth = 0, nDay = 0, nHour = 0;
+    if (NSKronvaleUtils::ScanHourPath(strHour, &nYear, &nMonth, &nDay, &nHour) == 4) {
+      const SYSTEMTIME st = {static_cast<WORD>(nYear), static_cast<WORD>(nMonth), 0, static_cast<WORD>(nDay),
+                             static_cast<WORD>(nHour), 0, 0, 0};
+      NSPlatform::SysTimeToFileTime(&st, &ft);
+    }
+    const WString strDirectory = NSPlatform::CombinePath(RecordPath(pRecord), strHour);
+    const ULONGLONG ullSize = HourSize(strDirectory);
+    const HRESULT hr = pRecord->RemoveHour(ft);
+    if (FAILED(hr)) {
+      KV_LOG_WARNING(KV_W("Failed to delete hour '%s' (0x%X)\n"), strDirectory.c_str(), static_cast<unsigned>(hr));
+      return;
+    }
+    ++cDeleted;
+    llFreed += static_cast<LONGLONG>(ullSize);
+  };
+
+  struct SPending {
+    NSCom::CComPtr<IRecord> pRecord;
+    NSCom::CComPtr<IRecordInternal> pInternal;
+    WString strHour;
+  };
+  std::vector<SPending> vPendingHours;
+  for (IRecord* pRecord : vWriters)
+    if (auto pInternal = Internal(pRecord))
+      vPendingHours.push_back({pRecord, pInternal, NextDeletableHour(pInternal, WString())});
+
+  if (!KV_ASSERT(vPendingHours.size())) {
+  } else {
+    // Byte phase: the oldest hour of the whole archive first, whichever record holds it.
+    if (llBytesToFree > 0) {
+      while (!vPendingHours.empty()) {
+        std::stable_sort(vPendingHours.begin(), vPendingHours.end(),
+                         [](const SPending& a, const SPending& b) { return a.strHour < b.strHour; });
+        while (!vPendingHours.empty() && vPendingHours.front().strHour.empty()) vPendingHours.erase(vPendingHours.begin());
+        if (vPendingHours.empty()) break;
+        SPending& front = vPendingHours.front();
+        deleteHour(front.pRecord, front.strHour);
+        front.strHour = NextDeletableHour(front.pInternal, front.strHour);
+        if (llFreed >= llBytesToFree) break;
+      }
+      if (llFreed > 0 && llFreed < llBytesToFree)
+        KV_LOG_WARNING(KV_W("%d MB out of requested %d MB were freed for archive '%s'\n"),
+                       static_cast<int>(llFreed / kllMiB), static_cast<int>(llBytesToFree / kllMiB), strPath.c_str());
+    }
+    // Hour-count phase: each record down to the limit, oldest hours first.
+    if (lHourLimit) {
+      for (IRecord* pRecord : vWriters) {
+        auto pInternal = Internal(pRecord);
+        if (!pInternal) continue;
+        WString strHour = NextDeletableHour(pInternal, WString());
+        while (!strHour.empty() && static_cast<LONGLONG>(pInternal->GetHourCount()) > lHourLimit) {
+          deleteHour(pRecord, strHour);
+          strHour = NextDeletableHour(pInternal, strHour);
+        }
+        const DWORD cHours = pInternal->GetHourCount();
+        if (static_cast<LONGLONG>(cHours) > lHourLimit)
+          KV_LOG_WARNING(KV_W("Per record hour count limit of %d hours was exceeded for record '%s' currently containig %d hours\n"),
+                         static_cast<int>(lHourLimit), RecordPath(pRecord).c_str(), static_cast<int>(cHours));
+      }
+    }
+  }
+  HRESULT hr = S_OK;
+  if (!cDeleted) {
+    hr = khrNothingDeleted;
+  } else if (llFreed) {
+    m_lQuotaExceeded.exchange(llFreed < llBytesToFree ? 1 : 0);
+  }
+  KV_SUCCEEDED(hr);
+  return hr;
+}
+
+// ---- Flushing -------------------------------------------------------------------------------------
+
+void CArchiveImpl::FlushRecords() {
+  for (IRecord* pRecord : OpenWriters())
+    if (auto pInternal = Internal(pRecord)) pInternal->FlushCurrentHour();
+}
+
+void CArchiveImpl::StartFlusher(DWORD dwFlushTimeout) {
+  std::lock_guard<std::mutex> lock(m_flusherMutex);
+  if (m_pFlusher && m_dwFlusherPeriod == dwFlushTimeout) return;
+  if (m_pFlusher) m_pFlusher->StopAndJoin();
+  m_pFlusher.reset();
+  m_dwFlusherPeriod = dwFlushTimeout;
+  if (!dwFlushTimeout) return;
+  m_pFlusher = NSSystem::CThread::Create();
+  if (!m_pFlusher) return;
+  const HRESULT hr = NSSystem::StartPeriodic(m_pFlusher, {0, dwFlushTimeout}, [this] { FlushRecords(); });
+  KV_SUCCEEDED(hr);
+}
+
+void CArchiveImpl::StopFlusher() {
+  std::lock_guard<std::mutex> lock(m_flusherMutex);
+  if (m_pFlusher) m_pFlusher->StopAndJoin();
+  m_pFlusher.reset();
+  m_dwFlusherPeriod = 0;
+}
+
+}  // namespace NSArchive

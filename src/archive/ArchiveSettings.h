@@ -1,0 +1,51 @@
+// The archive's settings file ("settings.als" in the archive directory): quotas, flush timeout, the
+// archive's size as last counted and its state word, kept as a small XML document.
+//
+//   <?xml version="1.0" encoding="UTF-8"?>
+//   <config xmlns:xpt="urn:kronvale:settings">
+//     <Quotas>
+//       <MinimumFreeDiskSpace type="UINT64" signed="false" real="false">1048576</MinimumFreeDiskSpace>
+//       <MaximumArchiveSize type="UINT64" signed="false" real="false">0</MaximumArchiveSize>
+//       <MaximumArchiveHours type="long" signed="true" real="false">-5</MaximumArchiveHours>
+//       <Access type="ULONG" signed="false" real="false">3</Access>
+//     </Quotas>
+//     <FlushTimeout type="ULONG" signed="false" real="false">1000</FlushTimeout>
+//     <ArchiveSize type="UINT64" signed="false" real="false">0</ArchiveSize>
+//     <SetState type="ULONG" signed="false" real="false">0</SetState>
+//   </config>
+//
+// Every value is one element holding the number in decimal; its "type" attribute names the type it
+// was written with and must match on reading.
+#pragma once
+
+#include "platform/wintypes.h"
+
+namespace NSArchive {
+
+struct SArchiveSettings {
+  ULONGLONG ullMinimumFreeDiskSpace = 0;  // Quotas/MinimumFreeDiskSpace, UINT64
+  ULONGLONG ullMaximumArchiveSize = 0;    // Quotas/MaximumArchiveSize, UINT64
+  LONG lMaximumArchiveHours = 0;          // Quotas/MaximumArchiveHours, long
+  DWORD dwAccess = 0;                     // Quotas/Access, ULONG
+  DWORD dwFlushTimeout = 0;               // FlushTimeout, ULONG
+  ULONGLONG ullArchiveSize = 0;           // ArchiveSize, UINT64
+  DWORD dwSetState = 0;                   // SetState, ULONG
+};
+
+// The name of the settings file inside the archive directory.
+inline constexpr WCHAR kszSettingsFileName[] = KV_W("settings.als");
+
+// Saves (bSave) or loads the settings file strFile.
+//
+// Saving writes the whole file anew (replacing an existing one); a failed open or write is reported
+// and returned.
+//
+// Loading: a missing file answers 0x80070003 (ERROR_PATH_NOT_FOUND) without a report. A file that
+// is not a settings document (malformed, empty, another root element) answers 0x8007000D
+// (ERROR_INVALID_DATA). A value whose element is missing keeps its current member; a value written
+// with another type, or whose text is not a number of its type (empty, out of range, negative for
+// an unsigned type), answers E_INVALIDARG. Failures other than the missing file are reported. On any
+// failure *pSettings is left as it was.
+HRESULT SerializeSettings(const WString& strFile, bool bSave, SArchiveSettings* pSettings);
+
+}  // namespace NSArchive

@@ -1,0 +1,151 @@
+// A client with nothing but the public header and the library: the factory from DllGetClassObject,
+// an archive made in an empty directory, records written and read back, the factory's cache.
+#include <gtest/gtest.h>
+
+#include <kronvale/kronvale.h>
+
+#include <string>
+
+#include "common/LogCapture.h"
+#include "common/TempDir.h"
+#include "module/Library.h"
+
+namespace {
+
+// Owns one interface pointer.
+template <class I>
+class CPtr {
+ public:
+  CPtr() = default;
+  ~CPtr() {
+    if (p) p->Release();
+  }
+  CPtr(const CPtr&) = delete;
+  CPtr& operator=(const CPtr&) = delete;
+  I** operator&() { return &p; }
+  I* operator->() const { return p; }
+  I* p = nullptr;
+};
+
+// A BSTR for a call.
+class CBstr {
+ public:
+  explicit CBstr(const WString& str) : m_bstr(SysAllocStringLen(str.data(), static_cast<UINT>(str.size()))) {}
+  ~CBstr() { SysFreeString(m_bstr); }
+  CBstr(const CBstr&) = delete;
+  CBstr& operator=(const CBstr&) = delete;
+  operator BSTR() const { return m_bstr; }
+
+ private:
+  BSTR m_bstr;
+};
+
+class ArchiveClientTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(m_library.IsLoaded());
+    ASSERT_EQ(S_OK, m_library.GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&m_pFactory)));
+  }
+
+  NSModuleTest::CLibrary m_library;
+  CPtr<IArchiveFactory> m_pFactory;
+  NKvTest::CTempDir m_dir;
+};
+
+TEST_F(ArchiveClientTest, FramesReachTheDiskThroughThePublicInterfaces) {
+  const WString strPath = m_dir.Sub(KV_W("archive"));
+  CPtr<IKronvale> pArchive;
+  NSTest::CLogCapture capture;
+  ASSERT_EQ(S_OK, m_pFactory->CreateArchive(CBstr(strPath), &pArchive));
+  CPtr<IRecord> pWriter;
+  ASSERT_EQ(S_OK, pArchive->CreateRecord(CBstr(KV_W("gate")), &pWriter));
+  BYTE abFrame[] = {1, 2, 3, 4, 5};
+  SFrameBuffer buffer = {abFrame, sizeof(abFrame)};
+  const FILETIME ft = {0x4F1A0000u, 0x01D71300u};
+  ASSERT_EQ(S_OK, pWriter->Write(ft, 0x11, &buffer, 1));
+
+  CPtr<IRecord> pReader;
+  ASSERT_EQ(S_OK, pArchive->OpenRecord(CBstr(KV_W("gate")), &pReader));
+  EXPECT_NE(pWriter.p, pReader.p);
+  CPtr<IRecord> pSameReader;
+  ASSERT_EQ(S_OK, pArchive->OpenRecord(CBstr(KV_W("gate")), &pSameReader));
+  EXPECT_EQ(pReader.p, pSameReader.p);
+  SFrameBuffer out = {nullptr, 0};
+  DWORD dwFlags = 0;
+  ASSERT_EQ(S_OK, pReader->Read(ft, &dwFlags, &out, 1));
+  EXPECT_EQ(0x11u, dwFlags);
+  ASSERT_EQ(5u, out.dwDataSize);
+  EXPECT_EQ(0, memcmp(abFrame, out.pData, 5));
+  CoTaskMemFree(out.pData);
+
+  // The same archive for other spellings of its path; a non-empty directory cannot be made into one.
+  CPtr<IKronvale> pSame;
+  const WString strOther = m_dir.Sub(KV_W("archive")) + NSPlatform::chPathSeparator + KV_W("gate") +
+                           NSPlatform::chPathSeparator + KV_W("..") + NSPlatform::chPathSeparator + KV_W(".");
+  ASSERT_EQ(S_OK, m_pFactory->OpenArchive(CBstr(strOther), &pSame));
+  EXPECT_EQ(pArchive.p, pSame.p);
+#ifdef _WIN32
+  CPtr<IKronvale> pUpper;
+  WString strUpper = strPath;
+  for (WCHAR& ch : strUpper) ch = static_cast<WCHAR>(towupper(ch));
+  ASSERT_EQ(S_OK, m_pFactory->OpenArchive(CBstr(strUpper), &pUpper));
+  EXPECT_EQ(pArchive.p, pUpper.p);
+#endif
+  CPtr<IKronvale> pRefused;
+  EXPECT_EQ(static_cast<HRESULT>(0x80070091), m_pFactory->CreateArchive(CBstr(m_dir.Sub(KV_W("archive"))
+                                                                                  + NSPlatform::chPathSeparator + KV_W("gate")),
+                                                                         &pRefused));
+  EXPECT_EQ(static_cast<HRESULT>(0x80070003), m_pFactory->OpenArchive(CBstr(m_dir.Sub(KV_W("none"))), &pRefused));
+  EXPECT_EQ(nullptr, pRefused.p);
+
+  bool bFromCache = false;
+  for (const NSTest::SLoggedReport& r : capture.Reports(KV_W("message")))
+    bFromCache = bFromCache || r.strText == WString(KV_W("Archive opened from cache: ")) + strOther + KV_W("\n");
+  EXPECT_TRUE(bFromCache);
+
+  // A freed archive refuses records until the factory opens it again.
+  ASSERT_EQ(S_OK, pArchive->Free());
+  CPtr<IRecord> pNone;
+  EXPECT_EQ(static_cast<HRESULT>(0x8007006C), pArchive->OpenRecord(CBstr(KV_W("gate")), &pNone));
+  EXPECT_EQ(static_cast<HRESULT>(0x8007006C), pWriter->Write(ft, 0x11, &buffer, 1));
+  CPtr<IKronvale> pRevived;
+  ASSERT_EQ(S_OK, m_pFactory->OpenArchive(CBstr(strPath), &pRevived));
+  EXPECT_EQ(pArchive.p, pRevived.p);
+  CPtr<IRecord> pAgain;
+  ASSERT_EQ(S_OK, pRevived->OpenRecord(CBstr(KV_W("gate")), &pAgain));
+  EXPECT_EQ(S_FALSE, pAgain->Read(ft, &dwFlags, nullptr, 0));
+  // Deleting the archive lets the factory forget it: once the client lets go, nothing of it is left
+  // holding the library.
+  ASSERT_EQ(S_OK, m_pFactory->DeleteArchive(CBstr(strPath)));
+  EXPECT_EQ(static_cast<HRESULT>(0x8007006C), pAgain->Read(ft, &dwFlags, nullptr, 0));
+}
+
+TEST_F(ArchiveClientTest, FactoryStateAndDeletion) {
+  CPtr<IStateControl> pState;
+  ASSERT_EQ(S_OK, m_pFactory->QueryInterface(IID_IStateControl, reinterpret_cast<void**>(&pState)));
+  EXPECT_EQ(E_INVALIDARG, pState->Set(0x1));
+  EXPECT_EQ(S_OK, pState->Set(0x40000));
+  LONG l = 0;
+  EXPECT_EQ(E_NOTIMPL, pState->Get(&l));
+  EXPECT_EQ(E_NOTIMPL, pState->Change(1, 0));
+
+  const WString strPath = m_dir.Sub(KV_W("doomed"));
+  {
+    CPtr<IKronvale> pArchive;
+    ASSERT_EQ(S_OK, m_pFactory->CreateArchive(CBstr(strPath), &pArchive));
+    CPtr<IRecord> pWriter;
+    ASSERT_EQ(S_OK, pArchive->CreateRecord(CBstr(KV_W("r")), &pWriter));
+    SFrameBuffer buffer = {nullptr, 0};
+    ASSERT_EQ(S_OK, pWriter->Write(FILETIME{0, 0x01D71300u}, 1, &buffer, 0));
+  }
+  // A directory that is no archive is never deleted.
+  ASSERT_EQ(S_OK, NSPlatform::CreateDirTree(m_dir.Sub(KV_W("plain")).c_str()));
+  EXPECT_EQ(E_INVALIDARG, m_pFactory->DeleteArchive(CBstr(m_dir.Sub(KV_W("plain")))));
+  EXPECT_TRUE(NSPlatform::IsDirectory(m_dir.Sub(KV_W("plain")).c_str()));
+  // The archive goes with its open records' files.
+  ASSERT_EQ(S_OK, m_pFactory->DeleteArchive(CBstr(strPath)));
+  EXPECT_FALSE(NSPlatform::PathExists(strPath.c_str()));
+  EXPECT_EQ(static_cast<HRESULT>(0x80070003), m_pFactory->DeleteArchive(CBstr(strPath)));
+}
+
+}  // namespace
