@@ -415,8 +415,8 @@ STDMETHODIMP CArchiveImpl::DeleteRecord(BSTR name) {
     for (auto it = m_records.begin(); it != m_records.end();) {
       const WString& strHandle = it->first;
       const bool bOfRecord = strHandle == strName + KV_W("-rw") ||
-                             (it->second.dwMode & kdwModeKindMask) != kdwModeReadWrite &&
-                                 strHandle == strPrefix + it->second.strClient + KV_W("-r");
+                             ((it->second.dwMode & kdwModeKindMask) != kdwModeReadWrite &&
+                              strHandle == strPrefix + it->second.strClient + KV_W("-r"));
       if (!bOfRecord) {
         ++it;
         continue;

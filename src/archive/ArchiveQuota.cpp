@@ -53,15 +53,18 @@ ULONGLONG HourSize(const WString& strDirectory) {
   return TreeSize(strDirectory, never, &bStopped);
 }
 
-// The oldest hour of a record after strAfter ("" for its first), leaving out the hour it has open
+// The oldest hour of a record after strAfter ("" for its first), passing over the hour it has open
 // and the current hour of the clock: hours being written are never deleted.
 WString NextDeletableHour(IRecordInternal* pRecord, const WString& strAfter) {
-  WString strHour;
-  if (FAILED(pRecord->FindClosestHourPath(strAfter, true, &strHour)) || strHour.empty()) return WString();
   WString strOpen;
   pRecord->GetCurrentHourPath(&strOpen);
-  if (strHour == strOpen || NSKronvaleUtils::IsCurrentHour(strHour)) return WString();
-  return strHour;
+  WString strHour = strAfter;
+  for (;;) {
+    WString strNext;
+    if (FAILED(pRecord->FindClosestHourPath(strHour, true, &strNext)) || strNext.empty()) return WString();
+    strHour = std::move(strNext);
+    if (strHour != strOpen && !NSKronvaleUtils::IsCurrentHour(strHour)) return strHour;
+  }
 }
 
 }  // namespace

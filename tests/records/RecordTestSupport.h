@@ -149,7 +149,9 @@ class CTestArchive {
  private:
   static NSCom::CComPtr<IRecordEx> Ex(IRecord* p) {
     NSCom::CComPtr<IRecordEx> pEx;
-    if (p) EXPECT_EQ(S_OK, p->QueryInterface(IID_IRecordEx, reinterpret_cast<void**>(&pEx)));
+    if (p) {
+      EXPECT_EQ(S_OK, p->QueryInterface(IID_IRecordEx, reinterpret_cast<void**>(&pEx)));
+    }
     return pEx;
   }
 
