@@ -7,6 +7,7 @@
 // "2021/03/07/05" on Linux; the files inside are the same bytes on both.
 #pragma once
 
+#include <cstring>
 #include <stdexcept>
 
 #include "platform/os.h"
@@ -61,10 +62,21 @@ file_time::date_part SpanToDatePart(ULONGLONG ullSpan);
 // The frame filter {mask, mode} applied to a frame's flags: mode 0 any bit of the mask, 1 all of
 // them, 2 flags equal to the mask, 3 none of them; any other mode matches nothing.
 bool IsFrameMatchesFilter(DWORD dwMask, DWORD dwMode, DWORD dwFlags);
+// The mode word of a filter record as its caller stored it. Callers may store any 32-bit value in
+// the enumeration (a C client, or a value from the wire), so it is read as the word it is, never
+// as the enumeration.
+template <class TFilter>
+DWORD FilterMode(const TFilter& filter) {
+  static_assert(sizeof(filter.eMode) == sizeof(DWORD), "a filter's mode is a 32-bit word");
+  DWORD dwMode;
+  std::memcpy(&dwMode, &filter.eMode, sizeof(dwMode));
+  return dwMode;
+}
+
 // The same for any filter record with dwMask and eMode (the interfaces' SFrameFilter).
 template <class TFilter>
 bool IsFrameMatchesFilter(const TFilter& filter, DWORD dwFlags) {
-  return IsFrameMatchesFilter(filter.dwMask, static_cast<DWORD>(filter.eMode), dwFlags);
+  return IsFrameMatchesFilter(filter.dwMask, FilterMode(filter), dwFlags);
 }
 
 // n repetitions of "..\" (platform separator): from an hour directory back up n levels.

@@ -627,7 +627,7 @@ STDMETHODIMP CRecord::GetStatistic(FILETIME ftBegin, FILETIME ftEnd, FILETIME ft
 
   // Runs: neighbouring cells with compatible flags join.
   const LONGLONG llGap = (dwFlags & 4) ? 0 : static_cast<LONGLONG>(ullResolution);
-  const DWORD dwJoinMode = (dwFlags & 8) && pFilter ? static_cast<DWORD>(pFilter->eMode) : 2;
+  const DWORD dwJoinMode = (dwFlags & 8) && pFilter ? NSKronvaleUtils::FilterMode(*pFilter) : 2;
   std::vector<SStatisticCell> vRuns;
   if (!vCells.empty()) {
     SStatisticCell run = vCells.front();

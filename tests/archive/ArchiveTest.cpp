@@ -120,7 +120,8 @@ TEST_F(ArchiveTest, RecordTableAndNamesThatLeaveTheArchive) {
   EXPECT_EQ(pWriter.p, pWriter2.p);
   ASSERT_EQ(S_OK, archive->OpenRecord(NSCom::CComBSTR(KV_W("cam")), &pReader));
   EXPECT_NE(pWriter.p, pReader.p);
-  ASSERT_EQ(S_OK, archive->CreateRecord(NSCom::CComBSTR(KV_W("door")), &pWriter2));
+  NSCom::CComPtr<IRecord> pDoor;
+  ASSERT_EQ(S_OK, archive->CreateRecord(NSCom::CComBSTR(KV_W("door")), &pDoor));
   BSTR* pNames = nullptr;
   DWORD cNames = 0;
   ASSERT_EQ(S_OK, archive->GetRecords(&pNames, &cNames));

@@ -176,6 +176,25 @@ TEST_F(RetentionTest, EachLimitOnItsOwn) {
   EXPECT_EQ(static_cast<HRESULT>(0x80070718), m_pObject->CheckQuota());
 }
 
+// Size and hours per record together: the bytes go oldest first across records, then each record
+// comes down to its hour limit.
+TEST_F(RetentionTest, LimitsTogether) {
+  auto pA = Writer("a");
+  FillHours(pA, {0, 1, 2, 3, 4, 5});
+  auto pB = Writer("b");
+  FillHours(pB, {0, 1, 2});
+  m_pObject->SizeAndQuotaPass();
+  const ULONGLONG ullHour = HourBytes("a", 0);
+  SetQuota(0, m_pObject->GetArchiveSize() + kllTwoGiB - 2 * ullHour + 10, 3);
+  EXPECT_EQ(S_OK, m_pObject->CheckQuota());
+  for (WORD h : {0, 1, 2}) EXPECT_FALSE(Has("a", h)) << h;
+  for (WORD h : {3, 4, 5}) EXPECT_TRUE(Has("a", h)) << h;
+  EXPECT_FALSE(Has("b", 0));
+  EXPECT_TRUE(Has("b", 1));
+  EXPECT_TRUE(Has("b", 2));
+  EXPECT_FALSE(m_pObject->IsQuotaExceeded());
+}
+
 // The margin is 2 GiB up to an archive of 214748364899 bytes and 1% of the size from 214748364900.
 TEST_F(RetentionTest, TheMarginGrowsWithLargeArchives) {
   const struct {

@@ -90,7 +90,7 @@ TEST_F(RecordTest, CheckFrameAppliesEachFilterMode) {
   } aCases[] = {{0x2, 0, S_OK},   {0x9, 0, S_FALSE}, {0x6, 1, S_OK},     {0x7, 1, S_FALSE}, {0x6, 2, S_OK},
                 {0x2, 2, S_FALSE}, {0x8, 3, S_OK},   {0x4, 3, S_FALSE}, {0x6, 4, S_FALSE}, {0, 0x7FFF, S_FALSE}};
   for (const auto& c : aCases) {
-    const SFrameFilter filter = {c.dwMask, static_cast<EFrameFilterMode>(c.dwMode)};
+    const SFrameFilter filter = Filter(c.dwMask, c.dwMode);
     EXPECT_EQ(c.hr, pRecord->CheckFrame(ft, &filter)) << c.dwMask << "/" << c.dwMode;
   }
   EXPECT_EQ(S_OK, pRecord->CheckFrame(ft, nullptr));

@@ -7,6 +7,7 @@
 #include <kronvale/kronvale.h>
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -53,10 +54,17 @@ constexpr LONGLONG kllMs = 10000;
 inline std::string Show(const FILETIME& ft) {
   SYSTEMTIME st = {};
   if (!NSPlatform::FileTimeToSysTime(&ft, &st)) return "(bad time)";
-  char sz[40];
+  char sz[64];
   std::snprintf(sz, sizeof(sz), "%04d-%02d-%02d %02d:%02d:%02d.%03d", st.wYear, st.wMonth, st.wDay, st.wHour,
                 st.wMinute, st.wSecond, st.wMilliseconds);
   return sz;
+}
+
+// A filter with any mode word, the ones the enumeration does not name included.
+inline SFrameFilter Filter(DWORD dwMask, DWORD dwMode) {
+  SFrameFilter filter = {dwMask, efmAny};
+  std::memcpy(&filter.eMode, &dwMode, sizeof(dwMode));
+  return filter;
 }
 
 inline HRESULT WriteFrame(IRecord* pRecord, const FILETIME& ft, DWORD dwFlags, const std::vector<std::string>& vBuffers) {
