@@ -63,7 +63,8 @@ HRESULT CArchiveImpl::FinalConstruct() {
   KV_LOG_MESSAGE(KV_W("begin.\n"));
   m_pWorker = NSSystem::CThread::Create();
   if (m_pWorker) {
-    const HRESULT hr = NSSystem::StartPeriodic(m_pWorker, {0, kdwQuotaPeriodMs}, [this] { SizeAndQuotaPass(); });
+    const HRESULT hr = NSSystem::StartPeriodic(m_pWorker, {0, kdwQuotaPeriodMs},
+                                               [this, pCell = m_pWorkerCell] { SizeAndQuotaPass(); });
     KV_SUCCEEDED(hr);
   }
   return S_OK;
@@ -72,8 +73,20 @@ HRESULT CArchiveImpl::FinalConstruct() {
 void CArchiveImpl::FinalRelease() {
   KV_LOG_MESSAGE(KV_W("end.\n"));
   StopFlusher();
-  if (m_pWorker) m_pWorker->StopAndJoin();
-  m_pWorker.reset();
+  LetThreadGo(m_pWorker, m_pWorkerCell);
+}
+
+// Stops a background thread and waits for it; on the thread itself (whose task released the
+// archive) the thread is only told to stop and handed to its task's cell, which it outlives.
+void CArchiveImpl::LetThreadGo(std::shared_ptr<NSSystem::CThread>& pThread, const std::shared_ptr<SThreadCell>& pCell) {
+  if (!pThread) return;
+  pThread->Stop();
+  if (pCell && pThread->GetThreadId() == NSPlatform::GetCurrentThreadId()) {
+    pCell->pThread = std::move(pThread);
+    return;
+  }
+  pThread->Join();
+  pThread.reset();
 }
 
 HRESULT CArchiveImpl::Create(const WString& strPath) {

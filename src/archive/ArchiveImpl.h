@@ -168,6 +168,14 @@ class CArchiveImpl : public NSCom::CComObjectRootEx,
   std::mutex m_flusherMutex;
   std::shared_ptr<NSSystem::CThread> m_pFlusher;
   DWORD m_dwFlusherPeriod = 0;
+  // Where a background thread that releases the archive's last reference itself (its task held
+  // the last records) is kept until its body has ended; the thread's task owns the cell.
+  struct SThreadCell {
+    std::shared_ptr<NSSystem::CThread> pThread;
+  };
+  std::shared_ptr<SThreadCell> m_pWorkerCell = std::make_shared<SThreadCell>();
+  std::shared_ptr<SThreadCell> m_pFlusherCell;
+  static void LetThreadGo(std::shared_ptr<NSSystem::CThread>& pThread, const std::shared_ptr<SThreadCell>& pCell);
 };
 
 // A record name is one directory name inside the archive: not empty, not "." or "..", without a

@@ -142,6 +142,9 @@ std::vector<NSCom::CComPtr<IRecord>> CArchiveImpl::OpenWriters() {
 // ---- The pass -------------------------------------------------------------------------------------
 
 void CArchiveImpl::SizeAndQuotaPass() {
+  // Released last of all: when the pass held the archive's last records, the archive goes here and
+  // nothing after touches it.
+  NSCom::CComPtr<IUnknown> pSelf(GetUnknown());
   // A pass already running (the worker's, or one asked for meanwhile) makes this one a no-op.
   if (m_lBusy.exchange(1)) return;
   bool bFreed;
@@ -314,6 +317,7 @@ HRESULT CArchiveImpl::RemoveOldests(LONGLONG llBytesToFree, LONG lHourLimit) {
 // ---- Flushing -------------------------------------------------------------------------------------
 
 void CArchiveImpl::FlushRecords() {
+  NSCom::CComPtr<IUnknown> pSelf(GetUnknown());  // released last, as in SizeAndQuotaPass
   for (IRecord* pRecord : OpenWriters())
     if (auto pInternal = Internal(pRecord)) pInternal->FlushCurrentHour();
 }
@@ -321,20 +325,20 @@ void CArchiveImpl::FlushRecords() {
 void CArchiveImpl::StartFlusher(DWORD dwFlushTimeout) {
   std::lock_guard<std::mutex> lock(m_flusherMutex);
   if (m_pFlusher && m_dwFlusherPeriod == dwFlushTimeout) return;
-  if (m_pFlusher) m_pFlusher->StopAndJoin();
-  m_pFlusher.reset();
+  LetThreadGo(m_pFlusher, m_pFlusherCell);
   m_dwFlusherPeriod = dwFlushTimeout;
   if (!dwFlushTimeout) return;
   m_pFlusher = NSSystem::CThread::Create();
   if (!m_pFlusher) return;
-  const HRESULT hr = NSSystem::StartPeriodic(m_pFlusher, {0, dwFlushTimeout}, [this] { FlushRecords(); });
+  m_pFlusherCell = std::make_shared<SThreadCell>();
+  const HRESULT hr = NSSystem::StartPeriodic(m_pFlusher, {0, dwFlushTimeout},
+                                             [this, pCell = m_pFlusherCell] { FlushRecords(); });
   KV_SUCCEEDED(hr);
 }
 
 void CArchiveImpl::StopFlusher() {
   std::lock_guard<std::mutex> lock(m_flusherMutex);
-  if (m_pFlusher) m_pFlusher->StopAndJoin();
-  m_pFlusher.reset();
+  LetThreadGo(m_pFlusher, m_pFlusherCell);
   m_dwFlusherPeriod = 0;
 }
 

@@ -311,3 +311,32 @@ TEST_F(RetentionTest, BufferedHoursAreFlushedWithinTheTimeout) {
 }
 
 }  // namespace
+
+namespace {
+
+// Archives let go while their flusher and a pass hold their last records: whichever thread drops
+// the last reference (the flusher itself, often) takes the archive down cleanly.
+TEST(ArchiveLifetimeTest, ReleasedWhileItsThreadsWork) {
+  NKvTest::CTempDir dir;
+  for (int i = 0; i < 40; ++i) {
+    NSCom::CComObject<CArchiveImpl>* p = nullptr;
+    ASSERT_EQ(S_OK, NSCom::CComObject<CArchiveImpl>::CreateInstance(&p));
+    NSCom::CComPtr<IKronvale> pArchive(p);
+    ASSERT_EQ(S_OK, p->Create(dir.Sub(W(("a" + std::to_string(i)).c_str()))));
+    ASSERT_EQ(S_OK, pArchive->SetFlushTimeout(1));
+    NSCom::CComPtr<IRecord> pRecord;
+    ASSERT_EQ(S_OK, pArchive->CreateRecord(NSCom::CComBSTR(KV_W("r")), &pRecord));
+    ASSERT_EQ(S_OK, WriteFrame(pRecord, Ft(2021, 1, 1, 1), 1, {"x"}));
+    std::thread pass([p, pHold = NSCom::CComPtr<IKronvale>(pArchive)]() mutable {
+      p->SizeAndQuotaPass();
+      pHold.Release();
+    });
+    NSPlatform::SleepMs(static_cast<DWORD>(i % 3));
+    pArchive->Free();
+    pRecord.Release();
+    pArchive.Release();
+    pass.join();
+  }
+}
+
+}  // namespace
