@@ -90,6 +90,12 @@ TEST_F(ArchiveClientTest, FramesReachTheDiskThroughThePublicInterfaces) {
   for (WCHAR& ch : strUpper) ch = static_cast<WCHAR>(towupper(ch));
   ASSERT_EQ(S_OK, m_pFactory->OpenArchive(CBstr(strUpper), &pUpper));
   EXPECT_EQ(pArchive.p, pUpper.p);
+#else
+  // File names keep their case here: another spelling is another directory, hence another archive.
+  CPtr<IKronvale> pUpper;
+  ASSERT_EQ(S_OK, m_pFactory->CreateArchive(CBstr(m_dir.Sub(KV_W("ARCHIVE"))), &pUpper));
+  EXPECT_NE(pArchive.p, pUpper.p);
+  ASSERT_EQ(S_OK, m_pFactory->DeleteArchive(CBstr(m_dir.Sub(KV_W("ARCHIVE")))));
 #endif
   CPtr<IKronvale> pRefused;
   EXPECT_EQ(static_cast<HRESULT>(0x80070091), m_pFactory->CreateArchive(CBstr(m_dir.Sub(KV_W("archive"))
