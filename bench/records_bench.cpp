@@ -151,7 +151,9 @@ class CArchive {
     NSCom::CComObject<NSArchive::CArchiveImpl>* p = nullptr;
     Check(NSCom::CComObject<NSArchive::CArchiveImpl>::CreateInstance(&p), "creating the archive object");
     m_pArchive = p;
-    Check(p->Open(strPath, 0), "CArchiveImpl::Open");
+    // A directory that holds an archive already is opened; otherwise one is made there.
+    const bool bExists = NSPlatform::PathExists(NSPlatform::CombinePath(strPath, KV_W("settings.als")).c_str());
+    Check(bExists ? p->Open(strPath, 0) : p->Create(strPath), "opening the archive");
     Check(m_pArchive->SetFlushTimeout(ulFlushTimeout), "IKronvale::SetFlushTimeout");
   }
   ~CArchive() {

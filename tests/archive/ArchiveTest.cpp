@@ -206,3 +206,37 @@ TEST_F(ArchiveTest, ReaderLimitComesFromTheMachine) {
 }
 
 }  // namespace
+
+namespace {
+
+// An outer object that only counts its references.
+class COuter final : public IUnknown {
+ public:
+  STDMETHOD(QueryInterface)(REFIID riid, void** ppv) override {
+    if (!IsEqualIID(riid, IID_IUnknown)) return *ppv = nullptr, E_NOINTERFACE;
+    *ppv = this;
+    AddRef();
+    return S_OK;
+  }
+  STDMETHOD_(ULONG, AddRef)() override { return ++m_cRef; }
+  STDMETHOD_(ULONG, Release)() override { return --m_cRef; }
+  ULONG m_cRef = 1;
+};
+
+// The archive also lives inside an outer object, its interfaces answering for the outer one.
+TEST(ArchiveAggregationTest, AnAggregatedArchiveServesItsInterfaces) {
+  NKvTest::CTempDir dir;
+  COuter outer;
+  IUnknown* pInner = nullptr;
+  ASSERT_EQ(S_OK, CArchiveImpl::_CreatorClass::CreateInstance(&outer, IID_IUnknown, reinterpret_cast<void**>(&pInner)));
+  IKronvaleQuota* pQuota = nullptr;
+  ASSERT_EQ(S_OK, pInner->QueryInterface(IID_IKronvaleQuota, reinterpret_cast<void**>(&pQuota)));
+  EXPECT_EQ(2u, outer.m_cRef);
+  SArchiveQuota quota = {1, 2, 3, 4};
+  EXPECT_EQ(S_OK, pQuota->GetArchiveQuota(&quota));
+  EXPECT_EQ(0u, quota.ullMaximumArchiveSize);
+  pQuota->Release();
+  EXPECT_EQ(0u, pInner->Release());
+}
+
+}  // namespace
