@@ -33,18 +33,19 @@ WString RecordPath(IRecord* pRecord) {
   return bstr.m_str ? WString(bstr.m_str) : WString();
 }
 
-// Bytes of the files under strDirectory; 0 when pStop says so before an entry.
+// Bytes of the files under strDirectory; 0 when stop says so before a directory is listed.
 template <class TStop>
 ULONGLONG TreeSize(const WString& strDirectory, TStop& stop, bool* pbStopped) {
+  if (*pbStopped || (*pbStopped = stop())) return 0;
   std::vector<NSPlatform::SDirEntry> vEntries;
   if (FAILED(NSPlatform::ListDir(strDirectory.c_str(), &vEntries))) return 0;
   ULONGLONG ullSize = 0;
   for (const NSPlatform::SDirEntry& entry : vEntries) {
-    if (*pbStopped || (*pbStopped = stop())) return 0;
     ullSize += entry.IsDirectory() ? TreeSize(NSPlatform::CombinePath(strDirectory, entry.strName), stop, pbStopped)
                                    : entry.ullSize;
+    if (*pbStopped) return 0;
   }
-  return *pbStopped ? 0 : ullSize;
+  return ullSize;
 }
 
 ULONGLONG HourSize(const WString& strDirectory) {
@@ -174,10 +175,9 @@ void CArchiveImpl::SizeScan() {
     if (auto pInternal = Internal(pRecord)) ullOpenHours += pInternal->GetCurrentHourSize();
   }
   ULONGLONG ullArchive = 0;
-  for (IRecord* pRecord : vWriters) {
-    bool bStopped = false;
-    ullArchive += TreeSize(RecordPath(pRecord), stop, &bStopped);
-  }
+  bool bStopped = false;
+  for (IRecord* pRecord : vWriters) ullArchive += TreeSize(RecordPath(pRecord), stop, &bStopped);
+  if (bStopped) return;  // a partial sum is no size
   CGuard guard(m_section);
   m_ullOpenHoursSize = ullOpenHours;
   m_settings.ullArchiveSize = ullArchive;

@@ -142,7 +142,9 @@ DWORD COsEvent::Wait(DWORD dwMilliseconds) {
   }
   timespec tsDeadline = DeadlineAfter(dwMilliseconds == INFINITE ? 0 : dwMilliseconds);
   pthread_mutex_lock(&pEvent->mutex);
-  int nResult = 0;
+  // A poll (0 ms) answers at once: a timed wait on a deadline already past still sleeps for the
+  // timer's slack, tens of microseconds per call.
+  int nResult = dwMilliseconds == 0 ? ETIMEDOUT : 0;
   while (!pEvent->bSignalled && nResult == 0) {
     if (dwMilliseconds == INFINITE)
       nResult = pthread_cond_wait(&pEvent->cond, &pEvent->mutex);
