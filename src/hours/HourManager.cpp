@@ -164,6 +164,7 @@ void CHourManager::Close() {
 
 void CHourManager::CloseLocked() {
   KV_FUNC("CHourManager::Close");
+  const std::lock_guard<std::mutex> flushing(m_flushMutex);  // a flush running finishes first
   if (m_bWritable) KV_LOG_MESSAGE(KV_W("Flushing files for hour %s\n"), m_strPath.c_str());
   m_bWritable = false;
   // Closing a handle cannot fail through CFile; the failure texts of the other platforms' handle
@@ -253,14 +254,28 @@ HRESULT CHourManager::Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFram
 }
 
 HRESULT CHourManager::Flush() {
-  KV_HOUR_LOCK(E_FAIL);
-  if (!m_bUnflushed || !m_file.IsOpen() || !m_descriptor.IsOpen() || !m_hashMapping.IsMapped()) return S_FALSE;
-  // The order of an append: data first, so that whatever the index shows on disk has its bytes.
+  if (!KV_ASSERT(m_pLock)) return E_FAIL;
+  // The disk's part runs outside the record lock, so that appends go on while the files are
+  // flushed; the flush lock keeps Close from taking the files away meanwhile. Everything appended
+  // before the flush began is on disk when it ends.
+  std::unique_lock<std::mutex> flushing(m_flushMutex, std::defer_lock);
+  {
+    NSSystem::CLockGuard guard(*m_pLock);
+    if (!m_bUnflushed || !m_file.IsOpen() || !m_descriptor.IsOpen() || !m_hashMapping.IsMapped()) return S_FALSE;
+    m_bUnflushed = false;
+    flushing.lock();  // always taken after the record lock, as Close takes it
+  }
+  // The order of an append: data first, so that an index entry on disk has its bytes (an append
+  // that runs meanwhile may reach the disk in part; the hour's repair takes such a torn tail off).
   HRESULT hr = m_file.Flush();
   if (SUCCEEDED(hr)) hr = m_descriptor.Flush();
   if (SUCCEEDED(hr)) hr = m_hashMapping.Flush();
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
-  m_bUnflushed = false;
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) {
+    flushing.unlock();
+    NSSystem::CLockGuard guard(*m_pLock);
+    if (m_file.IsOpen()) m_bUnflushed = true;
+    return hr;
+  }
   return S_OK;
 }
 
@@ -700,8 +715,11 @@ HRESULT CHourManager::Repair(IProgress* pProgress) {
   // 1. Never under an open writer: the rebuild replaces the files it would be using.
   if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen(), "!m_hDescriptor && !m_hFile\n"))
     return khrInvalidState;
-  m_hashMapping.Unmap();
-  m_hashFile.Close();
+  {
+    const std::lock_guard<std::mutex> flushing(m_flushMutex);
+    m_hashMapping.Unmap();
+    m_hashFile.Close();
+  }
   // 2.
   for (const WCHAR* pszName : {kszHashFileName, kszDescriptorFileName}) {
     const HRESULT hr = NSPlatform::RemoveFile(FilePath(pszName).c_str());

@@ -15,6 +15,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "hours/HourFormat.h"
@@ -175,6 +176,7 @@ class CHourManager {
   NSPlatform::CFile m_descriptor;          // descriptor.ald
   NSPlatform::CFile m_file;                // data.al; its position stays at the end while open
   bool m_bBuffered = false;
+  std::mutex m_flushMutex;    // held while a flush works on the files, outside the record lock
   bool m_bUnflushed = false;  // a buffered hour has appends not flushed yet
   bool m_bWritable = false;
   std::atomic<DWORD> m_dwLastAccess{0};

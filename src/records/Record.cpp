@@ -255,8 +255,13 @@ STDMETHODIMP_(ULONGLONG) CRecord::GetCurrentHourSize() {
 }
 
 STDMETHODIMP CRecord::FlushCurrentHour() {
-  NSSystem::CLockGuard guard(*m_pLock);
-  return m_pCurrentHour ? m_pCurrentHour->Flush() : S_FALSE;
+  CHourPtr pHour;
+  {
+    NSSystem::CLockGuard guard(*m_pLock);
+    pHour = m_pCurrentHour;
+  }
+  // Outside the record's lock: writers go on appending while the disk takes the hour's files.
+  return pHour ? pHour->Flush() : S_FALSE;
 }
 
 STDMETHODIMP CRecord::GetCurrentHourPath(WString* pstrHourPath) {

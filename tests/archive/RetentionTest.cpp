@@ -222,11 +222,13 @@ TEST_F(RetentionTest, TheMarginGrowsWithLargeArchives) {
   }
 }
 
-// Writers append to several records while passes delete their oldest hours: no write fails, no
-// open hour goes, and the archive settles inside its limit.
+// Writers append to several records while passes delete their oldest hours and the flusher
+// flushes their open hours as they move from hour to hour: no write fails, no open hour goes, and
+// the archive settles inside its limit.
 TEST_F(RetentionTest, RetentionWhileWritersAppend) {
   constexpr int kcRecords = 3;
   constexpr WORD kcHours = 12;
+  ASSERT_EQ(S_OK, m_pArchive->SetFlushTimeout(1));
   std::vector<NSCom::CComPtr<IRecord>> vWriters;
   for (int i = 0; i < kcRecords; ++i) vWriters.push_back(Writer(("r" + std::to_string(i)).c_str()));
   // About 2 hours of one record may stay beyond the margin.
@@ -235,6 +237,7 @@ TEST_F(RetentionTest, RetentionWhileWritersAppend) {
   SetQuota(0, kllTwoGiB + 2 * ullHour, 0);
   std::atomic<int> cFailures{0};
   std::atomic<bool> bDone{false};
+  NFault::Reset();
   std::vector<std::thread> vThreads;
   for (int i = 0; i < kcRecords; ++i) {
     vThreads.emplace_back([&, i] {
@@ -250,6 +253,7 @@ TEST_F(RetentionTest, RetentionWhileWritersAppend) {
   bDone = true;
   pass.join();
   EXPECT_EQ(0, cFailures.load());
+  EXPECT_GT(NFault::GetCallCount(NFault::EOp::Flush), 0u);
   m_pObject->SizeAndQuotaPass();
   m_pObject->SizeAndQuotaPass();
   EXPECT_LE(m_pObject->GetArchiveSize(), 2 * ullHour + kcRecords * (ullHour + 4 * 200000));
