@@ -89,14 +89,25 @@ void CArchiveImpl::LetThreadGo(std::shared_ptr<NSSystem::CThread>& pThread, cons
   pThread.reset();
 }
 
+// The archive keeps its directory as a full path: records and reports never depend on the
+// working directory of the moment.
+static WString FullArchivePath(const WString& strPath) {
+  WString strFull;
+  if (strPath.empty() || FAILED(NSPlatform::GetFullPath(strPath.c_str(), &strFull)))
+    strFull = NSPlatform::CanonicalizePath(strPath);
+  while (strFull.size() > 1 && NSPlatform::IsPathSeparator(strFull.back()) && !(strFull.size() == 3 && strFull[1] == ':'))
+    strFull.pop_back();
+  return strFull;
+}
+
 HRESULT CArchiveImpl::Create(const WString& strPath) {
   KV_FUNC("CArchiveImpl::Create");
-  HRESULT hr = NSPlatform::IsDirectory(strPath.c_str()) ? S_OK : NSPlatform::CreateDirTree(strPath.c_str());
+  const WString strFull = FullArchivePath(strPath);
+  HRESULT hr = NSPlatform::IsDirectory(strFull.c_str()) ? S_OK : NSPlatform::CreateDirTree(strFull.c_str());
   if (!KV_SUCCEEDED(hr)) return hr;
   {
     CGuard guard(m_section);
-    m_strPath = NSPlatform::CanonicalizePath(strPath);
-    while (m_strPath.size() > 1 && NSPlatform::IsPathSeparator(m_strPath.back())) m_strPath.pop_back();
+    m_strPath = strFull;
     hr = SerializeSettings(true);
     if (!KV_SUCCEEDED(hr)) return hr;
   }
@@ -111,8 +122,7 @@ HRESULT CArchiveImpl::Open(const WString& strPath, DWORD dwAccess) {
   DWORD dwSetState = 0;
   {
     CGuard guard(m_section);
-    m_strPath = NSPlatform::CanonicalizePath(strPath);
-    while (m_strPath.size() > 1 && NSPlatform::IsPathSeparator(m_strPath.back())) m_strPath.pop_back();
+    m_strPath = FullArchivePath(strPath);
     const HRESULT hr = SerializeSettings(false);
     if (FAILED(hr)) return hr;
     dwSetState = m_settings.dwSetState;
