@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# The main job: builds the library and kvtool natively, then records a demo camera stream (25 frames
+# per second for the last few minutes) into an archive and shows what is stored.
+#
+#   scripts/demo.sh [ARCHIVE [MINUTES]]     (default: build/demo-archive, 5 minutes)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh
+mkdir -p build
+if ! { cmake --preset linux && cmake --build --preset linux --target kvtool; } >build/demo-build.log 2>&1; then
+  cat build/demo-build.log
+  echo "demo: the build failed (log above, also in build/demo-build.log)" >&2
+  exit 1
+fi
+archive=${1:-build/demo-archive}
+build/linux/bin/kvtool demo "$archive" "${2:-5}"
+echo
+build/linux/bin/kvtool info "$archive"
