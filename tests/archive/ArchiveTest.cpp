@@ -3,10 +3,32 @@
 #include "archive/ArchiveImpl.h"
 #include "records/RecordTestSupport.h"
 
+#ifndef _WIN32
+#include <unistd.h>
+#endif
+
 using namespace NKvRecordTest;
 using NSArchive::CArchiveImpl;
 
 namespace {
+
+WString CurrentDirectory() {
+#ifdef _WIN32
+  WCHAR sz[MAX_PATH] = {};
+  return ::GetCurrentDirectoryW(MAX_PATH, sz) ? WString(sz) : WString();
+#else
+  char sz[4096] = {};
+  return ::getcwd(sz, sizeof(sz)) ? NSPlatform::Utf8ToWide(sz) : WString();
+#endif
+}
+
+bool ChangeDirectory(const WString& str) {
+#ifdef _WIN32
+  return ::SetCurrentDirectoryW(str.c_str()) != FALSE;
+#else
+  return ::chdir(NSPlatform::WideToUtf8(str).c_str()) == 0;
+#endif
+}
 
 class ArchiveTest : public ::testing::Test {
  protected:
@@ -110,6 +132,27 @@ TEST_F(ArchiveTest, SettingsDescriptionAndStateSurviveAReopen) {
   DWORD cNames = 0;
   EXPECT_EQ(khrLocked, pArchive->GetRecords(&pNames, &cNames));
   EXPECT_EQ("250", Setting("FlushTimeout"));
+}
+
+// An archive made from a relative path keeps working after the working directory changes.
+TEST_F(ArchiveTest, RelativePathIsTakenFromTheWorkingDirectoryOnce) {
+  const WString strBefore = CurrentDirectory();
+  ASSERT_TRUE(ChangeDirectory(m_dir.Path()));
+  NSCom::CComObject<CArchiveImpl>* p = nullptr;
+  ASSERT_EQ(S_OK, NSCom::CComObject<CArchiveImpl>::CreateInstance(&p));
+  NSCom::CComPtr<IKronvale> pArchive(p);
+  const HRESULT hrCreate = p->Create(KV_W("arc"));
+  ASSERT_TRUE(ChangeDirectory(strBefore));
+  ASSERT_EQ(S_OK, hrCreate);
+  NSCom::CComBSTR bstr;
+  ASSERT_EQ(S_OK, pArchive->GetPath(&bstr));
+  WString strExpected;
+  ASSERT_EQ(S_OK, NSPlatform::GetFullPath(Path().c_str(), &strExpected));
+  EXPECT_EQ(strExpected, WString(bstr.m_str));
+  NSCom::CComPtr<IRecord> pRecord;
+  ASSERT_EQ(S_OK, pArchive->CreateRecord(NSCom::CComBSTR(KV_W("cam")), &pRecord));
+  ASSERT_EQ(S_OK, WriteFrame(pRecord, Ft(2021, 1, 1, 1), 1, {"x"}));
+  EXPECT_TRUE(NSPlatform::IsDirectory(NSPlatform::CombinePath(Path("cam"), KV_W("2021")).c_str()));
 }
 
 TEST_F(ArchiveTest, RecordTableAndNamesThatLeaveTheArchive) {
