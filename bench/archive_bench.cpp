@@ -5,6 +5,7 @@
 // a speed: the goal is printed beside what was measured.
 
 // The archive's headers come first: <fcntl.h> defines LOCK_WRITE, a name the COM kit declares.
+#include "BenchSupport.h"
 #include "archive/ArchiveImpl.h"
 #include "com/ComKit.h"
 #include "hours/HourManager.h"
@@ -34,6 +35,8 @@ using NSPlatform::FileTimeToU64;
 using NSPlatform::U64ToFileTime;
 using NSPlatform::NFault::EOp;
 
+using namespace NKvBench;
+
 namespace {
 
 constexpr double kdMiB = 1024.0 * 1024.0;
@@ -61,55 +64,10 @@ constexpr double kdWorkerPeriod = NSArchive::kdwQuotaPeriodMs / 1000.0;
 // The run's directory, for Die: the scanned archive is large enough not to be left behind.
 std::string g_strRunDirectory;
 
-[[noreturn]] void Die(const char* pszWhat, long long llCode) {
-  std::fprintf(stderr, "kv_archive_bench: %s failed (0x%llX)\n", pszWhat, llCode);
-  if (!g_strRunDirectory.empty()) {
-    const std::string strDirectory = std::move(g_strRunDirectory);
-    g_strRunDirectory.clear();
-    NSKronvaleUtils::DeleteFileSystemObject(NSPlatform::Utf8ToWide(strDirectory.c_str()));
-  }
-  std::exit(1);
-}
-
-void Check(HRESULT hr, const char* pszWhat) {
-  if (FAILED(hr)) Die(pszWhat, static_cast<DWORD>(hr));
-}
-
-class CStopwatch {
- public:
-  CStopwatch() {
-    NSPlatform::QueryPerfFrequency(&m_llFrequency);
-    NSPlatform::QueryPerfCounter(&m_llStart);
-  }
-  double Seconds() const {
-    LONGLONG llNow = 0;
-    NSPlatform::QueryPerfCounter(&llNow);
-    return static_cast<double>(llNow - m_llStart) / static_cast<double>(m_llFrequency);
-  }
-
- private:
-  LONGLONG m_llFrequency = 1;
-  LONGLONG m_llStart = 0;
-};
-
-double Median(std::vector<double> v) {
-  if (v.empty()) return 0.0;
-  std::sort(v.begin(), v.end());
-  const size_t n = v.size();
-  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2.0;
-}
-
-ULONGLONG Ticks(const SYSTEMTIME& st) {
-  FILETIME ft = {};
-  if (!NSPlatform::SysTimeToFileTime(&st, &ft)) Die("SysTimeToFileTime", 0);
-  return FileTimeToU64(ft);
-}
-
-SYSTEMTIME Breakdown(ULONGLONG ullTicks) {
-  const FILETIME ft = U64ToFileTime(ullTicks);
-  SYSTEMTIME st = {};
-  if (!NSPlatform::FileTimeToSysTime(&ft, &st)) Die("FileTimeToSysTime", static_cast<long long>(ullTicks));
-  return st;
+void DeleteRunDirectory() {
+  const std::string strDirectory = std::move(g_strRunDirectory);
+  g_strRunDirectory.clear();
+  if (!strDirectory.empty()) NSKronvaleUtils::DeleteFileSystemObject(NSPlatform::Utf8ToWide(strDirectory.c_str()));
 }
 
 // Leftover dirty pages of the previous case must not be written back during the next one.
@@ -140,18 +98,7 @@ double FreeBytes(const std::string& strPath) {
 // directory, deleted at the end.
 class CBenchDir {
  public:
-  CBenchDir() {
-    WString strBase;
-    if (const char* psz = std::getenv("KRONVALE_BENCH_DIR"); psz && *psz) {
-      strBase = NSPlatform::Utf8ToWide(psz);
-      const HRESULT hr = NSPlatform::CreateDirTree(strBase.c_str());
-      if (FAILED(hr) && hr != KvHResultFromWin32(ERROR_ALREADY_EXISTS)) Die("creating $KRONVALE_BENCH_DIR", hr);
-    } else {
-      Check(NSPlatform::GetTempDirectory(&strBase), "GetTempDirectory");
-    }
-    m_strRoot = NSPlatform::CombinePath(
-        strBase, NSPlatform::Utf8ToWide("kv_archive_bench." + std::to_string(static_cast<long>(::getpid()))));
-    Check(NSPlatform::CreateDirTree(m_strRoot.c_str()), "creating the benchmark directory");
+  CBenchDir() : m_strRoot(MakeRunDirectory()) {
     g_strRunDirectory = NSPlatform::WideToUtf8(m_strRoot);
   }
   ~CBenchDir() {
@@ -624,17 +571,6 @@ SAppendRun AppendRecord(CArchive& archive, const std::string& strName, DWORD cbD
   return run;
 }
 
-void WriteAll(int fd, const void* pv, size_t cb, const char* pszWhat) {
-  const char* pc = static_cast<const char*>(pv);
-  while (cb) {
-    const ssize_t n = ::write(fd, pc, cb);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) Die(pszWhat, errno);
-    pc += n;
-    cb -= static_cast<size_t>(n);
-  }
-}
-
 // The baseline: the bytes the hour appends per frame (28 B header, 4 B size, the data; then the
 // 16 B index entry), with the same two write calls per frame, one after the other to one file in
 // the archive's directory; no flush. The same count of timed frames as the record's runs.
@@ -766,6 +702,8 @@ void PrintGoals(const SScanResult& scan) {
 }  // namespace
 
 int main() {
+  NKvBench::ProgramName() = "kv_archive_bench";
+  NKvBench::AtDie() = DeleteRunDirectory;
   const CBenchDir dir;
   std::printf("kv_archive_bench: files under %s\n\n", Native(dir.Root()).c_str());
   std::fflush(stdout);

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "hours/HourManager.h"
 #include "hours/KronvaleUtils.h"
 #include "platform/os.h"
@@ -25,6 +26,8 @@
 
 using namespace NSHours;
 using NSPlatform::NFault::EOp;
+
+using namespace NKvBench;
 
 namespace {
 
@@ -46,32 +49,6 @@ ULONGLONG HourStartTicks() {
   NSPlatform::SysTimeToFileTime(&kstHour, &ft);
   return NSPlatform::FileTimeToU64(ft);
 }
-
-[[noreturn]] void Die(const char* pszWhat, long long llCode) {
-  std::fprintf(stderr, "kv_hours_bench: %s failed (0x%llX)\n", pszWhat, llCode);
-  std::exit(1);
-}
-
-void Check(HRESULT hr, const char* pszWhat) {
-  if (FAILED(hr)) Die(pszWhat, static_cast<DWORD>(hr));
-}
-
-class CStopwatch {
- public:
-  CStopwatch() {
-    NSPlatform::QueryPerfFrequency(&m_llFrequency);
-    NSPlatform::QueryPerfCounter(&m_llStart);
-  }
-  double Seconds() const {
-    LONGLONG llNow = 0;
-    NSPlatform::QueryPerfCounter(&llNow);
-    return static_cast<double>(llNow - m_llStart) / static_cast<double>(m_llFrequency);
-  }
-
- private:
-  LONGLONG m_llFrequency = 1;
-  LONGLONG m_llStart = 0;
-};
 
 // The process's read and write system calls so far, as the kernel counts them (/proc/self/io:
 // read, pread, readv... and write, pwrite, writev... each count once). -1 when the kernel does not
@@ -99,13 +76,6 @@ double PerItem(long long llBefore, long long llAfter, ULONGLONG cItems) {
   return static_cast<double>(llAfter - llBefore) / static_cast<double>(cItems);
 }
 
-double Median(std::vector<double> v) {
-  if (v.empty()) return 0.0;
-  std::sort(v.begin(), v.end());
-  const size_t n = v.size();
-  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2.0;
-}
-
 void FillPattern(BYTE* pb, size_t cb, unsigned nSeed) {
   for (size_t i = 0; i < cb; ++i) pb[i] = static_cast<BYTE>(i * 131u + nSeed);
 }
@@ -114,19 +84,7 @@ void FillPattern(BYTE* pb, size_t cb, unsigned nSeed) {
 // directory, deleted at the end. Every case removes its files before the next one starts.
 class CBenchDir {
  public:
-  CBenchDir() {
-    WString strBase;
-    if (const char* psz = std::getenv("KRONVALE_BENCH_DIR"); psz && *psz) {
-      strBase = NSPlatform::Utf8ToWide(psz);
-      const HRESULT hr = NSPlatform::CreateDirTree(strBase.c_str());
-      if (FAILED(hr) && hr != KvHResultFromWin32(ERROR_ALREADY_EXISTS)) Die("creating $KRONVALE_BENCH_DIR", hr);
-    } else {
-      Check(NSPlatform::GetTempDirectory(&strBase), "GetTempDirectory");
-    }
-    m_strRoot = NSPlatform::CombinePath(
-        strBase, NSPlatform::Utf8ToWide("kv_hours_bench." + std::to_string(static_cast<long>(::getpid()))));
-    Check(NSPlatform::CreateDirTree(m_strRoot.c_str()), "creating the benchmark directory");
-  }
+  CBenchDir() : m_strRoot(MakeRunDirectory()) {}
   ~CBenchDir() { NSKronvaleUtils::DeleteFileSystemObject(m_strRoot); }
   CBenchDir(const CBenchDir&) = delete;
   CBenchDir& operator=(const CBenchDir&) = delete;
@@ -192,17 +150,6 @@ SAppendRun AppendHour(const CBenchDir& dir, const NSSystem::ILockPtr& pLock, DWO
   if (hour.GetFrameCount() != i) Die("counting the appended frames", static_cast<long long>(hour.GetFrameCount()));
   if (!hour.RemoveHour()) Die("CHourManager::RemoveHour", 0);
   return run;
-}
-
-void WriteAll(int fd, const void* pv, size_t cb, const char* pszWhat) {
-  const char* pc = static_cast<const char*>(pv);
-  while (cb) {
-    const ssize_t n = ::write(fd, pc, cb);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) Die(pszWhat, errno);
-    pc += n;
-    cb -= static_cast<size_t>(n);
-  }
 }
 
 // The baseline: the same bytes per frame as the hour writes (header, size, data to one file; the
@@ -626,6 +573,7 @@ void PrintGoals(const std::vector<SAppendResult>& vAppends) {
 }  // namespace
 
 int main() {
+  NKvBench::ProgramName() = "kv_hours_bench";
   const CBenchDir dir;
   const NSSystem::ILockPtr pLock = std::make_shared<NSSystem::SLock>();
   NSPlatform::NFault::Reset();

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "archive/ArchiveImpl.h"
 #include "com/ComKit.h"
 #include "hours/HourManager.h"
@@ -26,6 +27,8 @@ using NSKronvaleUtils::kullTicksPerHour;
 using NSKronvaleUtils::kullTicksPerSecond;
 using NSPlatform::FileTimeToU64;
 using NSPlatform::U64ToFileTime;
+
+using namespace NKvBench;
 
 namespace {
 
@@ -50,52 +53,6 @@ constexpr DWORD kcFlagBlockSeconds = 300;  // flags alternate every five minutes
 constexpr SFrameFilter kMarkedFilter = {0x2, efmAny};
 constexpr SHourFrameFilter kMarkedHourFilter = {0x2, 0};
 
-[[noreturn]] void Die(const char* pszWhat, long long llCode) {
-  std::fprintf(stderr, "kv_records_bench: %s failed (0x%llX)\n", pszWhat, llCode);
-  std::exit(1);
-}
-
-void Check(HRESULT hr, const char* pszWhat) {
-  if (FAILED(hr)) Die(pszWhat, static_cast<DWORD>(hr));
-}
-
-class CStopwatch {
- public:
-  CStopwatch() {
-    NSPlatform::QueryPerfFrequency(&m_llFrequency);
-    NSPlatform::QueryPerfCounter(&m_llStart);
-  }
-  double Seconds() const {
-    LONGLONG llNow = 0;
-    NSPlatform::QueryPerfCounter(&llNow);
-    return static_cast<double>(llNow - m_llStart) / static_cast<double>(m_llFrequency);
-  }
-
- private:
-  LONGLONG m_llFrequency = 1;
-  LONGLONG m_llStart = 0;
-};
-
-double Median(std::vector<double> v) {
-  if (v.empty()) return 0.0;
-  std::sort(v.begin(), v.end());
-  const size_t n = v.size();
-  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2.0;
-}
-
-ULONGLONG Ticks(const SYSTEMTIME& st) {
-  FILETIME ft = {};
-  if (!NSPlatform::SysTimeToFileTime(&st, &ft)) Die("SysTimeToFileTime", 0);
-  return FileTimeToU64(ft);
-}
-
-SYSTEMTIME Breakdown(ULONGLONG ullTicks) {
-  const FILETIME ft = U64ToFileTime(ullTicks);
-  SYSTEMTIME st = {};
-  if (!NSPlatform::FileTimeToSysTime(&ft, &st)) Die("FileTimeToSysTime", static_cast<long long>(ullTicks));
-  return st;
-}
-
 ULONGLONG SparseHourStart(DWORD dwWeek) { return Ticks(kstFirstWeek) + ULONGLONG{dwWeek} * 7 * kullTicksPerDay; }
 
 // Leftover dirty pages of the previous case must not be written back during the next one.
@@ -105,19 +62,7 @@ void Settle() { ::sync(); }
 // directory, deleted at the end.
 class CBenchDir {
  public:
-  CBenchDir() {
-    WString strBase;
-    if (const char* psz = std::getenv("KRONVALE_BENCH_DIR"); psz && *psz) {
-      strBase = NSPlatform::Utf8ToWide(psz);
-      const HRESULT hr = NSPlatform::CreateDirTree(strBase.c_str());
-      if (FAILED(hr) && hr != KvHResultFromWin32(ERROR_ALREADY_EXISTS)) Die("creating $KRONVALE_BENCH_DIR", hr);
-    } else {
-      Check(NSPlatform::GetTempDirectory(&strBase), "GetTempDirectory");
-    }
-    m_strRoot = NSPlatform::CombinePath(
-        strBase, NSPlatform::Utf8ToWide("kv_records_bench." + std::to_string(static_cast<long>(::getpid()))));
-    Check(NSPlatform::CreateDirTree(m_strRoot.c_str()), "creating the benchmark directory");
-  }
+  CBenchDir() : m_strRoot(MakeRunDirectory()) {}
   ~CBenchDir() { NSKronvaleUtils::DeleteFileSystemObject(m_strRoot); }
   CBenchDir(const CBenchDir&) = delete;
   CBenchDir& operator=(const CBenchDir&) = delete;
@@ -711,6 +656,7 @@ void PrintGoals(const std::vector<SWriteResult>& vWrites) {
 }  // namespace
 
 int main() {
+  NKvBench::ProgramName() = "kv_records_bench";
   const CBenchDir dir;
   std::printf("kv_records_bench: files under %s\n\n", NSPlatform::WideToUtf8(dir.Root()).c_str());
   std::fflush(stdout);
