@@ -117,7 +117,7 @@ HRESULT CHourManager::OpenHash(bool bCreate) {
     return khrFileCorrupt;
   hr = m_hashMapping.Map(m_hashFile);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
-  if (!m_pHashCopy) m_pHashCopy = std::make_unique<SHashFile>();
+  if (!m_pHashCopy) m_pHashCopy.reset(new SHashFile);  // filled by the refresh below
   RefreshLocked();
   return S_OK;
 }
