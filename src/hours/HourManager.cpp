@@ -197,14 +197,45 @@ void CHourManager::RefreshLocked() {
   if (!m_hashMapping.IsMapped() || !m_pHashCopy) return;
   ULONGLONG ullSize = 0;
   const bool bSized = m_descriptor.IsOpen() && SUCCEEDED(m_descriptor.GetSize(&ullSize));
-  std::memcpy(m_pHashCopy.get(), View(), sizeof(SHashFile));
+  if (!bSized || !RefreshAppended(m_ullRefreshedSize, ullSize)) std::memcpy(m_pHashCopy.get(), View(), sizeof(SHashFile));
   // A reader's idea of data.al's size grows with the copy: the data of every frame the copy can show
   // was written before its descriptor entry.
   if (!m_bWritable && m_file.IsOpen()) {
     ULONGLONG ullDataSize = 0;
     if (SUCCEEDED(m_file.GetSize(&ullDataSize))) m_ullDataSize = ullDataSize;
   }
+  // So does its frame count.
+  if (!m_bWritable && bSized) m_ullDescriptorSize = ullSize;
   m_ullRefreshedSize = bSized && LastEntryShown(ullSize) ? ullSize : 0;
+}
+
+// A few frames appended since the copy was last up to date (descriptor sizes ullFrom and ullTo): only
+// their slots and the counters they touched are copied, not the whole 1.5 MB. A reader that follows
+// a live hour refreshes after nearly every frame. False when the copy must be taken whole.
+bool CHourManager::RefreshAppended(ULONGLONG ullFrom, ULONGLONG ullTo) {
+  constexpr ULONGLONG kcMostFrames = 32;  // beyond this, reading their headers costs more than the copy
+  if (!ullFrom || ullTo <= ullFrom || ullFrom % sizeof(SFrameInfo) || ullTo % sizeof(SFrameInfo) ||
+      (ullTo - ullFrom) / sizeof(SFrameInfo) > kcMostFrames)
+    return false;
+  SFrameInfo vInfo[kcMostFrames];
+  const DWORD cbInfo = static_cast<DWORD>(ullTo - ullFrom);
+  if (FAILED(ReadExact(m_descriptor, ullFrom, vInfo, cbInfo))) return false;
+  const SHashFile* pView = View();
+  SHashFile* pCopy = m_pHashCopy.get();
+  for (DWORD i = 0; i < cbInfo / sizeof(SFrameInfo); ++i) {
+    SFrameHeader header;
+    SYSTEMTIME st;
+    if (FAILED(ReadExact(m_file, vInfo[i].ullOffset, &header, sizeof(header))) ||
+        !TimeToSystemTime(header.ftTime, &st) || !GetSlot(st))
+      return false;
+    const WORD m = st.wMinute, sec = st.wSecond, slot = st.wMilliseconds / 10;
+    pCopy->vFrameInfoHash[m][sec][slot] = pView->vFrameInfoHash[m][sec][slot];
+    std::memcpy(pCopy->vMinuteFlagCounters[m], pView->vMinuteFlagCounters[m], sizeof(pCopy->vMinuteFlagCounters[m]));
+    std::memcpy(pCopy->vSecondFlagCounters[m * kcSeconds + sec], pView->vSecondFlagCounters[m * kcSeconds + sec],
+                sizeof(pCopy->vSecondFlagCounters[0]));
+  }
+  std::memcpy(pCopy->vHourFlagCounters, pView->vHourFlagCounters, sizeof(pCopy->vHourFlagCounters));
+  return true;
 }
 
 // A writer stores a frame's slot after its descriptor entry. A copy taken between the two lacks the
@@ -225,10 +256,14 @@ bool CHourManager::LastEntryShown(ULONGLONG ullDescriptorSize) {
 HRESULT CHourManager::RefreshIfGrown() {
   KV_HOUR_LOCK(E_FAIL);
   if (!m_hashMapping.IsMapped() || !m_descriptor.IsOpen()) return S_FALSE;
+  return RefreshIfGrownLocked() ? S_OK : S_FALSE;
+}
+
+bool CHourManager::RefreshIfGrownLocked() {
   ULONGLONG ullSize = 0;
-  if (FAILED(m_descriptor.GetSize(&ullSize)) || ullSize == m_ullRefreshedSize) return S_FALSE;
+  if (m_descriptor.IsOpen() && SUCCEEDED(m_descriptor.GetSize(&ullSize)) && ullSize == m_ullRefreshedSize) return false;
   RefreshLocked();
-  return S_OK;
+  return true;
 }
 
 // ---- Write --------------------------------------------------------------------------------------
@@ -534,7 +569,7 @@ HRESULT CHourManager::GetStatistic(SHourStatistic* pStatistic) {
   KV_CHECK_POINTER(pStatistic);
   KV_HOUR_LOCK(E_FAIL);
   if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
-  RefreshLocked();
+  RefreshIfGrownLocked();
   const SHashFile& hash = *Copy();
   const SFrameInfoHash* pSlots = &hash.vFrameInfoHash[0][0][0];
   SHourStatistic oRecordStatistic = {};

@@ -154,6 +154,8 @@ class CHourManager {
   HRESULT OpenFile();
   void CloseLocked();
   void RefreshLocked();
+  bool RefreshIfGrownLocked();  // true when the copy was refreshed
+  bool RefreshAppended(ULONGLONG ullFrom, ULONGLONG ullTo);
   bool LastEntryShown(ULONGLONG ullDescriptorSize);
   bool IsCorruptedLocked();
   bool RemoveHourLocked();

@@ -55,6 +55,8 @@ std::vector<WString> CheckTexts(const NSTest::CLogCapture& capture) {
   return v;
 }
 
+constexpr SHourFrameFilter kOddFilter = {0x1, 0};  // frames with bit 0 set
+
 struct SFrame {
   SYSTEMTIME st;
   DWORD dwFlags;
@@ -411,6 +413,66 @@ TEST_F(HourWalkTest, StatisticsRefreshTheReadersCopyAndFlagMasksAnswerPerLevel) 
   ASSERT_EQ(empty.Open(m_dir.Sub(Native("rec/2021/03/07/13")), true, false), S_OK);
   EXPECT_EQ(empty.GetStatistic(&stat), S_FALSE);
   EXPECT_EQ(stat.ullFrameCount, 0u);
+}
+
+// What a reader answers about the hour: every frame found walking forward (time, flags, first
+// buffer), with and without a filter, the masks of every minute and of the seconds written, and the
+// statistics. The walk comes first: GetStatistic refreshes the copy itself.
+std::string Answers(CHourManager& hour, const std::vector<SYSTEMTIME>& vWritten) {
+  std::string str;
+  for (const SHourFrameFilter* pFilter : {static_cast<const SHourFrameFilter*>(nullptr), &kOddFilter}) {
+    SYSTEMTIME st = At(0, 0, 0);
+    FILETIME ft;
+    bool bInclude = true;
+    while (SUCCEEDED(hour.GetSibling(st, pFilter, &ft, bInclude, true))) {
+      NSPlatform::FileTimeToSysTime(&ft, &st);
+      DWORD dwFlags = 0;
+      SHourFrameBuffer buffer = {};
+      const HRESULT hr = hour.Read(st, &dwFlags, &buffer, 1);
+      str += std::to_string(NSPlatform::FileTimeToU64(ft)) + ":" + std::to_string(dwFlags) + ":" +
+             (SUCCEEDED(hr) ? Text(buffer) : "hr") + " ";
+      CoTaskMemFree(buffer.pData);
+      bInclude = false;
+    }
+    str += "| ";
+  }
+  for (WORD m = 0; m < 60; ++m) str += std::to_string(hour.GetFlagMask(eflMinute, At(m, 0, 0))) + ",";
+  for (const SYSTEMTIME& st : vWritten) str += std::to_string(hour.GetFlagMask(eflSecond, st)) + ",";
+  SHourStatistic stat = {};
+  hour.GetStatistic(&stat);
+  str += "| " + std::to_string(stat.ullFrameCount) + " " + std::to_string(NSPlatform::FileTimeToU64(stat.ftBegin)) +
+         " " + std::to_string(NSPlatform::FileTimeToU64(stat.ftEnd));
+  for (DWORD c : stat.vFlagCounters) str += " " + std::to_string(c);
+  return str;
+}
+
+// A reader that follows a live hour, refreshing after each batch of appends (small batches take
+// the new frames' slots and counters one by one, large ones the whole copy), answers exactly as a
+// reader that opens the hour afresh: later frames winning their slots, flags and counters included.
+TEST_F(HourTest, AReaderFollowingAWriterAnswersAsAFreshReader) {
+  CHourManager writer(m_pLock);
+  ASSERT_EQ(writer.Open(HourPath(), true, true), S_OK);
+  CHourManager follower(m_pLock);
+  ASSERT_EQ(follower.Open(HourPath(), false, true), S_OK);
+  std::vector<SYSTEMTIME> vWritten;
+  unsigned nSeed = 7;
+  DWORD dwFrame = 0;
+  for (int cBatch : {1, 1, 3, 2, 40, 1, 32, 33, 5, 1}) {
+    for (int i = 0; i < cBatch; ++i, ++dwFrame) {
+      nSeed = nSeed * 1103515245u + 12345u;
+      // Slots fall in a few minutes so that later frames often take an earlier frame's slot.
+      const SYSTEMTIME st = At(static_cast<WORD>((nSeed >> 8) % 4 * 15), static_cast<WORD>((nSeed >> 12) % 3),
+                               static_cast<WORD>((nSeed >> 16) % 4 * 10));
+      ASSERT_EQ(Write(writer, st, (nSeed >> 20) & 0x7, {"f" + std::to_string(dwFrame)}), S_OK);
+      vWritten.push_back(st);
+    }
+    SCOPED_TRACE(dwFrame);
+    EXPECT_EQ(follower.RefreshIfGrown(), S_OK);
+    CHourManager fresh(m_pLock);
+    ASSERT_EQ(fresh.Open(HourPath(), false, true), S_OK);
+    EXPECT_EQ(Answers(follower, vWritten), Answers(fresh, vWritten));
+    EXPECT_EQ(follower.RefreshIfGrown(), S_FALSE);  // nothing new
+  }
 }
 
 // ---- Crash points, torn files, failed writes and repair ----------------------------------------
