@@ -207,13 +207,8 @@ STDMETHODIMP CArchiveImpl::SetDescription(BSTR szDescription) {
   CGuard guard(m_section);
   KV_LOG_MESSAGE(KV_W("%s\n%s\n"), m_strPath.c_str(), szDescription ? szDescription : KV_W(""));
   KV_CHECK_POINTER(szDescription);
-  NSPlatform::CFile file;
-  HRESULT hr = file.Open(NSPlatform::CombinePath(m_strPath, kszDescriptionFile).c_str(), GENERIC_WRITE,
-                         FILE_SHARE_READ | FILE_SHARE_DELETE, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
-  const DWORD cb = SysStringLen(szDescription) * sizeof(WCHAR);
-  DWORD cbWritten = 0;
-  if (SUCCEEDED(hr) && cb) hr = file.Write(szDescription, cb, &cbWritten);
-  if (SUCCEEDED(hr) && cbWritten != cb) hr = KvHResultFromWin32(ERROR_DISK_FULL);
+  const HRESULT hr = NSKronvaleUtils::WriteDescriptionFile(NSPlatform::CombinePath(m_strPath, kszDescriptionFile),
+                                                           szDescription, FILE_SHARE_READ | FILE_SHARE_DELETE);
   if (!KV_SUCCEEDED(hr)) return hr;
   return S_OK;
 }
@@ -222,23 +217,8 @@ STDMETHODIMP CArchiveImpl::GetDescription(BSTR* pszDescription) {
   KV_CHECK_POINTER(pszDescription);
   *pszDescription = nullptr;
   CGuard guard(m_section);
-  NSPlatform::CFile file;
-  HRESULT hr = file.Open(NSPlatform::CombinePath(m_strPath, kszDescriptionFile).c_str(), GENERIC_READ,
-                         FILE_SHARE_READ | FILE_SHARE_DELETE, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
-  ULONGLONG ullSize = 0;
-  if (SUCCEEDED(hr)) hr = file.GetSize(&ullSize);
-  if (SUCCEEDED(hr) && ullSize > 0x7FFFFFFEull) hr = E_OUTOFMEMORY;
-  const UINT cch = static_cast<UINT>(ullSize / sizeof(WCHAR));
-  if (SUCCEEDED(hr) && cch) {
-    BSTR bstr = SysAllocStringLen(nullptr, cch);
-    DWORD cbRead = 0;
-    hr = bstr ? file.ReadAt(0, bstr, cch * sizeof(WCHAR), &cbRead) : E_OUTOFMEMORY;
-    if (SUCCEEDED(hr) && cbRead != cch * sizeof(WCHAR)) hr = KvHResultFromWin32(ERROR_HANDLE_EOF);
-    if (SUCCEEDED(hr))
-      *pszDescription = bstr;
-    else
-      SysFreeString(bstr);
-  }
+  const HRESULT hr =
+      NSKronvaleUtils::ReadDescriptionFile(NSPlatform::CombinePath(m_strPath, kszDescriptionFile), pszDescription);
   if (!KV_SUCCEEDED(hr)) return hr;
   return S_OK;
 }

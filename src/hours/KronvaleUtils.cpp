@@ -3,6 +3,7 @@
 #include <atomic>
 #include <vector>
 
+#include "com/ComBase.h"
 #include "support/Report.h"
 #include "support/WideFormat.h"
 
@@ -216,6 +217,40 @@ HRESULT DeleteFileSystemObject(const WString& strPath) {
     NSReport::Log(KV_DELETE_HERE, NSReport::kszLevelError, kszFailedDelete, strPath.c_str(), hr);
     return hr;
   }
+  return S_OK;
+}
+
+HRESULT WriteDescriptionFile(const WString& strFile, WCHAR* szText, DWORD dwShareMode) {
+  NSPlatform::CFile file;
+  HRESULT hr = file.Open(strFile.c_str(), GENERIC_WRITE, dwShareMode, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
+  const DWORD cb = SysStringLen(szText) * sizeof(WCHAR);
+  DWORD cbWritten = 0;
+  if (SUCCEEDED(hr) && cb) hr = file.Write(szText, cb, &cbWritten);
+  if (SUCCEEDED(hr) && cbWritten != cb) hr = KvHResultFromWin32(ERROR_DISK_FULL);
+  return hr;
+}
+
+HRESULT ReadDescriptionFile(const WString& strFile, WCHAR** pbstrText) {
+  *pbstrText = nullptr;
+  NSPlatform::CFile file;
+  HRESULT hr =
+      file.Open(strFile.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
+  ULONGLONG ullSize = 0;
+  if (SUCCEEDED(hr)) hr = file.GetSize(&ullSize);
+  if (FAILED(hr)) return hr;
+  if (ullSize > 0x7FFFFFFEull) return E_OUTOFMEMORY;
+  const UINT cch = static_cast<UINT>(ullSize / sizeof(WCHAR));
+  if (!cch) return S_OK;
+  BSTR bstr = SysAllocStringLen(nullptr, cch);
+  if (!bstr) return E_OUTOFMEMORY;
+  DWORD cbRead = 0;
+  hr = file.ReadAt(0, bstr, cch * sizeof(WCHAR), &cbRead);
+  if (SUCCEEDED(hr) && cbRead != cch * sizeof(WCHAR)) hr = KvHResultFromWin32(ERROR_HANDLE_EOF);
+  if (FAILED(hr)) {
+    SysFreeString(bstr);
+    return hr;
+  }
+  *pbstrText = bstr;
   return S_OK;
 }
 

@@ -95,4 +95,11 @@ bool CopyTree(const WString& strFrom, const WString& strTo);
 // are deleted by their owners.
 HRESULT DeleteFileSystemObject(const WString& strPath);
 
+// A description file: the text's UTF-16LE characters, no BOM, no terminator. Writing replaces the
+// file (a short write answers ERROR_DISK_FULL); reading gives a BSTR, null for an empty file. Neither
+// reports: callers decide what a failure is worth. (BSTRs are WCHAR pointers; this header stays
+// clear of the COM declarations.)
+HRESULT WriteDescriptionFile(const WString& strFile, WCHAR* bstrText, DWORD dwShareMode);
+HRESULT ReadDescriptionFile(const WString& strFile, WCHAR** pbstrText);
+
 }  // namespace NSKronvaleUtils

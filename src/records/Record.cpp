@@ -114,14 +114,9 @@ STDMETHODIMP CRecord::SetDescription(BSTR szDescription) {
   NSSystem::CLockGuard guard(*m_pLock);
   if (m_dwAccessMode & kdwAccessQuotaExceeded) return khrNotEnoughQuota;
   if (!IsWriter()) return RefuseReader();
-  const WString strFile = NSPlatform::CombinePath(m_strPath, kszDescriptionFile);
-  NSPlatform::CFile file;
-  HRESULT hr = file.Open(strFile.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                         CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
-  const DWORD cb = SysStringLen(szDescription) * sizeof(WCHAR);
-  DWORD cbWritten = 0;
-  if (SUCCEEDED(hr) && cb) hr = file.Write(szDescription, cb, &cbWritten);
-  if (SUCCEEDED(hr) && cbWritten != cb) hr = KvHResultFromWin32(ERROR_DISK_FULL);
+  const HRESULT hr =
+      NSKronvaleUtils::WriteDescriptionFile(NSPlatform::CombinePath(m_strPath, kszDescriptionFile), szDescription,
+                                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
   if (!KV_SUCCEEDED(hr)) return hr;
   return S_OK;
 }
@@ -130,27 +125,7 @@ STDMETHODIMP CRecord::GetDescription(BSTR* pszDescription) {
   KV_CHECK_POINTER(pszDescription);
   *pszDescription = nullptr;
   NSSystem::CLockGuard guard(*m_pLock);
-  const WString strFile = NSPlatform::CombinePath(m_strPath, kszDescriptionFile);
-  NSPlatform::CFile file;
-  HRESULT hr = file.Open(strFile.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, OPEN_EXISTING,
-                         FILE_ATTRIBUTE_NORMAL);
-  ULONGLONG ullSize = 0;
-  if (SUCCEEDED(hr)) hr = file.GetSize(&ullSize);
-  if (FAILED(hr)) return hr;
-  if (ullSize > 0x7FFFFFFEull) return E_OUTOFMEMORY;
-  const UINT cch = static_cast<UINT>(ullSize / sizeof(WCHAR));
-  if (!cch) return S_OK;
-  BSTR bstr = SysAllocStringLen(nullptr, cch);
-  if (!bstr) return E_OUTOFMEMORY;
-  DWORD cbRead = 0;
-  hr = file.ReadAt(0, bstr, cch * sizeof(WCHAR), &cbRead);
-  if (SUCCEEDED(hr) && cbRead != cch * sizeof(WCHAR)) hr = KvHResultFromWin32(ERROR_HANDLE_EOF);
-  if (FAILED(hr)) {
-    SysFreeString(bstr);
-    return hr;
-  }
-  *pszDescription = bstr;
-  return S_OK;
+  return NSKronvaleUtils::ReadDescriptionFile(NSPlatform::CombinePath(m_strPath, kszDescriptionFile), pszDescription);
 }
 
 STDMETHODIMP CRecord::GetPath(BSTR* pszPath) {
