@@ -17,6 +17,7 @@
 #include <random>
 #include <string>
 #include <vector>
+#include <kronvale/KronvaleResults.h>
 
 #include "BenchSupport.h"
 #include "hours/HourManager.h"
@@ -24,6 +25,7 @@
 #include "platform/os.h"
 #include "support/Lock.h"
 
+using namespace NSKronvale;
 using namespace NSHours;
 using NSPlatform::NFault::EOp;
 
@@ -31,7 +33,6 @@ using namespace NKvBench;
 
 namespace {
 
-constexpr HRESULT khrNotFound = static_cast<HRESULT>(0x80070490);
 constexpr DWORD kdwFrameFlags = 0x1;
 constexpr double kdMiB = 1024.0 * 1024.0;
 

@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <vector>
+#include <kronvale/KronvaleResults.h>
 
 #include "BenchSupport.h"
 #include "archive/ArchiveImpl.h"
@@ -22,6 +23,7 @@
 #include "platform/os.h"
 #include "support/Lock.h"
 
+using namespace NSKronvale;
 using namespace NSHours;
 using NSKronvaleUtils::kullTicksPerHour;
 using NSKronvaleUtils::kullTicksPerSecond;
@@ -32,7 +34,6 @@ using namespace NKvBench;
 
 namespace {
 
-constexpr HRESULT khrNotFound = static_cast<HRESULT>(0x80070490);
 constexpr ULONG kulFlushTimeout = 1000;  // any nonzero value opens the hours buffered
 constexpr DWORD kdwFlagsPlain = 0x1;
 constexpr DWORD kdwFlagsMarked = 0x3;    // 0x1 and the bit the filters look for

@@ -1,20 +1,20 @@
 // The archive factory.
 #include "archive/ArchiveFactory.h"
 
+#include <kronvale/KronvaleResults.h>
+
 #include "archive/ArchiveImpl.h"
 #include "hours/KronvaleUtils.h"
-#include "records/RecordErrors.h"
 #include "support/Report.h"
 
 namespace NSArchive {
 
-using NSRecords::khrPathNotFound;
+using namespace NSKronvale;
+
 using NSRecords::klStateHookRan;
 using NSRecords::klStateLocked;
 
 namespace {
-
-constexpr HRESULT khrDirectoryNotEmpty = KvHResultFromWin32(ERROR_DIR_NOT_EMPTY);  // 0x80070091
 
 WString FromBstr(BSTR bstr) { return bstr ? WString(bstr, SysStringLen(bstr)) : WString(); }
 

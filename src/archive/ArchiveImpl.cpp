@@ -2,16 +2,16 @@
 #include "archive/ArchiveImpl.h"
 
 #include <algorithm>
+#include <kronvale/KronvaleResults.h>
 
 #include "hours/KronvaleUtils.h"
 #include "records/Record.h"
-#include "records/RecordErrors.h"
 #include "support/Report.h"
 
 namespace NSArchive {
 
-using NSRecords::khrLocked;
-using NSRecords::khrPathNotFound;
+using namespace NSKronvale;
+
 using NSRecords::klStateHookRan;
 using NSRecords::klStateLocked;
 

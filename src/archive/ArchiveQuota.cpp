@@ -1,22 +1,20 @@
 // The archive's limits: quotas, the size-and-quota pass of its worker, the deletion of the oldest
 // hours, and the flusher of buffered hours.
 #include <algorithm>
+#include <kronvale/KronvaleResults.h>
 
 #include "archive/ArchiveImpl.h"
 #include "hours/KronvaleUtils.h"
-#include "records/RecordErrors.h"
 #include "support/Report.h"
 
 namespace NSArchive {
 
-using NSRecords::khrInvalidState;
-using NSRecords::khrLocked;
-using NSRecords::khrNotEnoughQuota;
+using namespace NSKronvale;
+
 using NSRecords::klStateLocked;
 
 namespace {
 
-constexpr HRESULT khrNothingDeleted = static_cast<HRESULT>(0x800720CEu);
 constexpr ULONGLONG kullLargeArchive = 214748364900ull;  // from here on the margin is 1% of the size
 constexpr LONGLONG kllSmallMargin = 2147483648ll;        // 2 GiB
 constexpr LONGLONG kllMiB = 1048576;

@@ -8,11 +8,14 @@
 #include <cstring>
 #include <string>
 #include <type_traits>
+#include <kronvale/KronvaleResults.h>
 
 #include "platform/os.h"
 #include "support/Report.h"
 
 namespace NSArchive {
+
+using namespace NSKronvale;
 
 namespace {
 
@@ -26,10 +29,6 @@ constexpr char kszRealAttribute[] = "real";
 
 // A settings file holds a few hundred bytes; anything this big is not one, and is not read.
 constexpr ULONGLONG kcbMaxFile = 1024 * 1024;
-
-constexpr HRESULT khrPathNotFound = KvHResultFromWin32(ERROR_PATH_NOT_FOUND);  // 0x80070003
-constexpr HRESULT khrInvalidData = KvHResultFromWin32(ERROR_INVALID_DATA);     // 0x8007000D
-constexpr HRESULT khrWriteFault = KvHResultFromWin32(ERROR_WRITE_FAULT);       // 0x8007001D
 
 // How a value's type is described in the file.
 struct SValueType {

@@ -1,14 +1,17 @@
 // The registrar: script reader and the two directions of applying a script.
 #include "frame/Registrar.h"
 
+#include <kronvale/KronvaleResults.h>
+
 #include "frame/Resources.h"
 #include "support/Report.h"
 
 namespace NSFrame {
 
+using namespace NSKronvale;
+
 namespace {
 
-constexpr HRESULT khrNotFound = KvHResultFromWin32(ERROR_FILE_NOT_FOUND);
 // Deeper nesting than any real script; keeps a hostile script from exhausting the stack.
 constexpr unsigned kcMaxDepth = 64;
 
@@ -377,7 +380,7 @@ HRESULT CRegistrar::RegisterKey(ERegistryRoot eRoot, const WString& strParent, c
   HRESULT hr = S_OK;
   if (key.eRemoval == SRegistrarEntry::ERemoval::ForceRemove) {
     hr = m_pTarget->DeleteTree(eRoot, strPath);
-    if (hr != khrNotFound && FAILED(Reported(hr, KV_W("deleting"), eRoot, strPath))) return hr;
+    if (hr != khrFileNotFound && FAILED(Reported(hr, KV_W("deleting"), eRoot, strPath))) return hr;
   }
   hr = Reported(m_pTarget->CreateKey(eRoot, strPath), KV_W("creating"), eRoot, strPath);
   if (FAILED(hr)) return hr;
@@ -401,12 +404,12 @@ HRESULT CRegistrar::RegisterKey(ERegistryRoot eRoot, const WString& strParent, c
 HRESULT CRegistrar::UnregisterKey(ERegistryRoot eRoot, const WString& strParent, const SRegistrarEntry& key) {
   const WString strPath = JoinKey(strParent, key.strName);
   HRESULT hr = m_pTarget->OpenKey(eRoot, strPath);
-  if (hr == khrNotFound) return S_OK;
+  if (hr == khrFileNotFound) return S_OK;
   if (FAILED(Reported(hr, KV_W("opening"), eRoot, strPath))) return hr;
 
   if (key.eRemoval == SRegistrarEntry::ERemoval::ForceRemove) {
     hr = m_pTarget->DeleteTree(eRoot, strPath);
-    return hr == khrNotFound ? S_OK : Reported(hr, KV_W("deleting"), eRoot, strPath);
+    return hr == khrFileNotFound ? S_OK : Reported(hr, KV_W("deleting"), eRoot, strPath);
   }
   for (const SRegistrarEntry& entry : key.vEntries) {
     if (entry.eKind == SRegistrarEntry::EKind::Key) {
@@ -421,14 +424,14 @@ HRESULT CRegistrar::UnregisterKey(ERegistryRoot eRoot, const WString& strParent,
   if (FAILED(hr)) return hr;
   if (bHasSubKeys) return DeleteListedValues(eRoot, strPath, key);
   hr = m_pTarget->DeleteKey(eRoot, strPath);
-  return hr == khrNotFound ? S_OK : Reported(hr, KV_W("deleting"), eRoot, strPath);
+  return hr == khrFileNotFound ? S_OK : Reported(hr, KV_W("deleting"), eRoot, strPath);
 }
 
 HRESULT CRegistrar::DeleteListedValues(ERegistryRoot eRoot, const WString& strPath, const SRegistrarEntry& key) {
   for (const SRegistrarEntry& entry : key.vEntries) {
     if (entry.eKind != SRegistrarEntry::EKind::Value) continue;
     const HRESULT hr = m_pTarget->DeleteValue(eRoot, strPath, entry.strName);
-    if (hr != khrNotFound && FAILED(Reported(hr, KV_W("deleting a value of"), eRoot, strPath + KV_W(" ") + entry.strName))) {
+    if (hr != khrFileNotFound && FAILED(Reported(hr, KV_W("deleting a value of"), eRoot, strPath + KV_W(" ") + entry.strName))) {
       return hr;
     }
   }

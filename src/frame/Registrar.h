@@ -43,15 +43,13 @@
 #include <string>
 #include <string_view>
 #include <vector>
+#include <kronvale/KronvaleResults.h>
 
 #include "platform/os.h"
 
 namespace NSFrame {
 
 using NSPlatform::ERegistryRoot;
-
-// A malformed script (DISP_E_EXCEPTION).
-constexpr HRESULT khrRegistrarSyntax = static_cast<HRESULT>(0x80020009);
 
 // What the registrar writes to. Keys are paths under a root, names separated by '\'. A missing key
 // is reported as HRESULT(ERROR_FILE_NOT_FOUND) by every operation that needs one.

@@ -5,6 +5,7 @@
 #include <new>
 #include <stdexcept>
 #include <vector>
+#include <kronvale/KronvaleResults.h>
 
 #include "com/ComBase.h"
 #include "hours/KronvaleUtils.h"
@@ -12,17 +13,13 @@
 
 namespace NSHours {
 
+using namespace NSKronvale;
+
 using NSPlatform::CFile;
 using NSPlatform::SIoBuffer;
 
 namespace {
 
-constexpr HRESULT khrWriteFault = KvHResultFromWin32(ERROR_WRITE_FAULT);            // 0x8007001D
-constexpr HRESULT khrReadFault = KvHResultFromWin32(ERROR_READ_FAULT);              // 0x8007001E
-constexpr HRESULT khrFileCorrupt = KvHResultFromWin32(ERROR_FILE_CORRUPT);          // 0x80070570
-constexpr HRESULT khrNotFound = KvHResultFromWin32(ERROR_NOT_FOUND);                // 0x80070490
-constexpr HRESULT khrInsufficient = KvHResultFromWin32(ERROR_INSUFFICIENT_BUFFER);  // 0x8007007A
-constexpr HRESULT khrInvalidState = KvHResultFromWin32(ERROR_INVALID_STATE);        // 0x8007139F
 constexpr DWORD kdwNoIndex = 0xFFFFFFFFu;
 constexpr DWORD kdwNoGap = 0xFFFFFFFFu;
 
@@ -414,7 +411,7 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
     return khrFileCorrupt;
   if (!KV_ASSERT_TEXT(oFrameHeader.dwFlags == info.dwFlags, "oFrameHeader.dwFlags==oFrameInfo.dwFlags\n"))
     return khrFileCorrupt;
-  if (!KV_ASSERT_TEXT(dwCount <= oFrameHeader.dwCount, "dwCount<=oFrameHeader.dwCount\n")) return khrInsufficient;
+  if (!KV_ASSERT_TEXT(dwCount <= oFrameHeader.dwCount, "dwCount<=oFrameHeader.dwCount\n")) return khrInsufficientBuffer;
   // 7.-8.
   hr = ReadBuffers(oFrameHeader, info.ullOffset + sizeof(SFrameHeader), pBuffers, dwCount);
   if (FAILED(hr)) return hr;
@@ -456,7 +453,7 @@ HRESULT CHourManager::ReadBuffers(const SFrameHeader& oFrameHeader, ULONGLONG ul
       if (!pBuff->pData) return fail(E_OUTOFMEMORY);
       vAllocated.push_back(i);
     } else if (dwCapacity < dwStored) {
-      return fail(khrInsufficient);
+      return fail(khrInsufficientBuffer);
     }
     if (dwStored) {
       hr = ReadExact(m_file, ullPos + dwReadTotal, pBuff->pData, dwStored);

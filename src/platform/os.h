@@ -32,10 +32,12 @@ void SetLastError(DWORD dwError);
 // is never reported as success.
 HRESULT HResultFromLastError();
 
-// The system's message text for an HRESULT, without a trailing line break; empty when the system
-// has none (Windows: FormatMessageW; Linux: the text of the matching Win32 error for
-// 0x8007xxxx values and of the common COM codes).
+// The message text of an HRESULT, without a trailing line break: on Windows the system's
+// (FormatMessageW), else the engine's own text for the results it answers (KronvaleResults.h) and
+// the Win32 errors it meets, worded as Windows words them; empty when neither has one.
 WString GetSystemErrorText(HRESULT hr);
+// The engine's own text alone (what Linux answers above).
+WString GetKnownErrorText(HRESULT hr);
 
 // ---------------------------------------------------------------------------------------------
 // Text

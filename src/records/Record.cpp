@@ -3,12 +3,14 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <kronvale/KronvaleResults.h>
 
 #include "hours/KronvaleUtils.h"
-#include "records/RecordErrors.h"
 #include "support/Report.h"
 
 namespace NSRecords {
+
+using namespace NSKronvale;
 
 using NSHours::CHourManager;
 using NSHours::SHourCell;

@@ -1,14 +1,16 @@
 // The record's work on whole hours: removal, repair and its status, merge, fast copy.
 #include <vector>
+#include <kronvale/KronvaleResults.h>
 
 #include "frame/Resources.h"
 #include "hours/KronvaleUtils.h"
 #include "records/Record.h"
-#include "records/RecordErrors.h"
 #include "support/Report.h"
 #include "support/WideFormat.h"
 
 namespace NSRecords {
+
+using namespace NSKronvale;
 
 using NSHours::CHourManager;
 using NSPlatform::FileTimeToU64;

@@ -5,11 +5,14 @@
 
 #include <string>
 #include <tuple>
+#include <kronvale/KronvaleResults.h>
 
 #include "archive/ArchiveSettings.h"
 #include "common/LogCapture.h"
 #include "common/TempDir.h"
 #include "platform/os.h"
+
+using namespace NSKronvale;
 
 using NSArchive::SArchiveSettings;
 using NSArchive::SerializeSettings;
@@ -90,7 +93,6 @@ TEST_F(ArchiveSettings, MissingElementsKeepTheirMembers) {
 }
 
 TEST_F(ArchiveSettings, RefusedFilesLeaveTheSettingsUntouched) {
-  const HRESULT khrInvalidData = static_cast<HRESULT>(0x8007000D);
   const std::pair<std::string, HRESULT> aCases[] = {
       {"", khrInvalidData},
       {"<config><Quotas></config>", khrInvalidData},

@@ -3,10 +3,13 @@
 #include "archive/ArchiveImpl.h"
 #include "records/RecordTestSupport.h"
 
+#include <kronvale/KronvaleResults.h>
+
 #ifndef _WIN32
 #include <unistd.h>
 #endif
 
+using namespace NSKronvale;
 using namespace NKvRecordTest;
 using NSArchive::CArchiveImpl;
 

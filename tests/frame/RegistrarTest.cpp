@@ -3,16 +3,16 @@
 // malformed scripts refused before anything is written. (What the module's own scripts write is
 // checked by the module's tests.)
 #include <gtest/gtest.h>
+#include <kronvale/KronvaleResults.h>
 
 #include "common/LogCapture.h"
 #include "frame/MemoryRegistry.h"
 #include "frame/Registrar.h"
 
+using namespace NSKronvale;
 using namespace NSFrame;
 
 namespace {
-
-constexpr HRESULT khrWriteProtect = KvHResultFromWin32(ERROR_WRITE_PROTECT);
 
 // A class script in miniature: a program identifier, and the class under a shared parent.
 const char kszClassScript[] =

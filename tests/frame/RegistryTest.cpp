@@ -4,16 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <kronvale/KronvaleResults.h>
 
 #include "frame/Registrar.h"
 #include "frame/Resources.h"
 #include "platform/os.h"
 
+using namespace NSKronvale;
 using namespace NSPlatform;
-
-namespace {
-constexpr HRESULT khrNotFound = KvHResultFromWin32(ERROR_FILE_NOT_FOUND);
-}  // namespace
 
 #ifdef _WIN32
 
@@ -92,7 +90,7 @@ std::vector<WString> SubKeys(const WString& strKey) {
 TEST(Registry, KeysAndValuesInTheSystemRegistry) {
   CScratchKey scratch;
   const WString strDeep = scratch.Sub(KV_W("A\\B\\C"));
-  ASSERT_EQ(RegistryOpenKey(eUser, strDeep.c_str()), khrNotFound);
+  ASSERT_EQ(RegistryOpenKey(eUser, strDeep.c_str()), khrFileNotFound);
   EXPECT_EQ(NSPlatform::GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
   ASSERT_EQ(RegistryCreateKey(eUser, strDeep.c_str()), S_OK);
   ASSERT_EQ(RegistryCreateKey(eUser, strDeep.c_str()), S_OK);  // opens the existing key
@@ -114,10 +112,10 @@ TEST(Registry, KeysAndValuesInTheSystemRegistry) {
   EXPECT_EQ(SubKeys(strA), (std::vector<WString>{KV_W("B"), KV_W("D")}));
 
   WString strMissing;
-  EXPECT_EQ(RegistryGetString(eUser, strA.c_str(), KV_W("Missing"), &strMissing), khrNotFound);
-  EXPECT_EQ(RegistrySetString(eUser, scratch.Sub(KV_W("Missing")).c_str(), nullptr, KV_W("x")), khrNotFound);
+  EXPECT_EQ(RegistryGetString(eUser, strA.c_str(), KV_W("Missing"), &strMissing), khrFileNotFound);
+  EXPECT_EQ(RegistrySetString(eUser, scratch.Sub(KV_W("Missing")).c_str(), nullptr, KV_W("x")), khrFileNotFound);
   ASSERT_EQ(RegistryDeleteValue(eUser, strA.c_str(), KV_W("Named")), S_OK);
-  EXPECT_EQ(RegistryDeleteValue(eUser, strA.c_str(), KV_W("Named")), khrNotFound);
+  EXPECT_EQ(RegistryDeleteValue(eUser, strA.c_str(), KV_W("Named")), khrFileNotFound);
   ASSERT_EQ(RegistryCountValues(eUser, strA.c_str(), &cValues), S_OK);
   EXPECT_EQ(cValues, 2u);
 
@@ -125,10 +123,10 @@ TEST(Registry, KeysAndValuesInTheSystemRegistry) {
   EXPECT_EQ(RegistryDeleteKey(eUser, strA.c_str()), E_ACCESSDENIED);
   EXPECT_EQ(NSPlatform::GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
   ASSERT_EQ(RegistryDeleteKey(eUser, scratch.Sub(KV_W("A\\D")).c_str()), S_OK);
-  EXPECT_EQ(RegistryDeleteKey(eUser, scratch.Sub(KV_W("A\\D")).c_str()), khrNotFound);
+  EXPECT_EQ(RegistryDeleteKey(eUser, scratch.Sub(KV_W("A\\D")).c_str()), khrFileNotFound);
   ASSERT_EQ(RegistryDeleteTree(eUser, strA.c_str()), S_OK);
-  EXPECT_EQ(RegistryOpenKey(eUser, strDeep.c_str()), khrNotFound);
-  EXPECT_EQ(RegistryDeleteTree(eUser, strA.c_str()), khrNotFound);
+  EXPECT_EQ(RegistryOpenKey(eUser, strDeep.c_str()), khrFileNotFound);
+  EXPECT_EQ(RegistryDeleteTree(eUser, strA.c_str()), khrFileNotFound);
   EXPECT_TRUE(SubKeys(scratch.Path()).empty());
 }
 
@@ -187,7 +185,7 @@ TEST(Registry, LinuxHasNoRegistry) {
   ASSERT_EQ(registrar.AddReplacement(u"APPID", u"{3E3C0CF5-0797-458B-A2DD-3574998A4B14}"), S_OK);
   EXPECT_EQ(registrar.RunResource(NSFrame::kidrAppIdScript, true), hrNotSupported);
   EXPECT_EQ(registrar.RunResource(NSFrame::kidrAppIdScript, false), hrNotSupported);
-  (void)khrNotFound;
+  (void)khrFileNotFound;
 }
 
 #endif  // _WIN32

@@ -2,16 +2,15 @@
 // languages, UTF-16 code unit for code unit; unknown ids and languages refused with the codes
 // Windows gives.
 #include <gtest/gtest.h>
+#include <kronvale/KronvaleResults.h>
 
 #include "frame/Resources.h"
 #include "platform/os.h"
 
+using namespace NSKronvale;
 using namespace NSFrame;
 
 namespace {
-
-constexpr HRESULT khrNameNotFound = KvHResultFromWin32(ERROR_RESOURCE_NAME_NOT_FOUND);
-constexpr HRESULT khrLangNotFound = KvHResultFromWin32(ERROR_RESOURCE_LANG_NOT_FOUND);
 
 std::u16string Units(const WString& str) { return std::u16string(str.begin(), str.end()); }
 
@@ -105,9 +104,9 @@ TEST(Resources, RegistrarScriptsAreTheirExactText) {
   EXPECT_EQ(str104, strExtract);
 
   std::string strNone = "unchanged";
-  EXPECT_EQ(GetRegistryScript(100, &strNone), khrNameNotFound);
+  EXPECT_EQ(GetRegistryScript(100, &strNone), khrResourceNameNotFound);
   EXPECT_EQ(NSPlatform::GetLastError(), static_cast<DWORD>(ERROR_RESOURCE_NAME_NOT_FOUND));
-  EXPECT_EQ(GetRegistryScript(105, &strNone), khrNameNotFound);
+  EXPECT_EQ(GetRegistryScript(105, &strNone), khrResourceNameNotFound);
   EXPECT_EQ(strNone, "unchanged");
   EXPECT_EQ(GetRegistryScript(101, nullptr), E_POINTER);
 }
@@ -151,18 +150,18 @@ TEST(Resources, StringTableInEveryLanguage) {
 TEST(Resources, UnknownStringsAndLanguagesAreRefused) {
   WString str = KV_W("unchanged");
   // An id of the block the strings are in (96 to 111), not defined.
-  EXPECT_EQ(LoadModuleString(102, 1033, &str), khrNameNotFound);
+  EXPECT_EQ(LoadModuleString(102, 1033, &str), khrResourceNameNotFound);
   EXPECT_EQ(NSPlatform::GetLastError(), static_cast<DWORD>(ERROR_RESOURCE_NAME_NOT_FOUND));
-  EXPECT_EQ(LoadModuleString(96, 1049, &str), khrNameNotFound);
+  EXPECT_EQ(LoadModuleString(96, 1049, &str), khrResourceNameNotFound);
   // Ids of blocks the table does not have, in a language it has or not.
-  EXPECT_EQ(LoadModuleString(5, 1033, &str), khrNameNotFound);
-  EXPECT_EQ(LoadModuleString(112, 1033, &str), khrNameNotFound);
-  EXPECT_EQ(LoadModuleString(112, 1031, &str), khrNameNotFound);
+  EXPECT_EQ(LoadModuleString(5, 1033, &str), khrResourceNameNotFound);
+  EXPECT_EQ(LoadModuleString(112, 1033, &str), khrResourceNameNotFound);
+  EXPECT_EQ(LoadModuleString(112, 1031, &str), khrResourceNameNotFound);
   // Languages the table lacks (German; English UK; Russian with a wrong sublanguage).
-  EXPECT_EQ(LoadModuleString(100, 1031, &str), khrLangNotFound);
+  EXPECT_EQ(LoadModuleString(100, 1031, &str), khrResourceLangNotFound);
   EXPECT_EQ(NSPlatform::GetLastError(), static_cast<DWORD>(ERROR_RESOURCE_LANG_NOT_FOUND));
-  EXPECT_EQ(LoadModuleString(101, 2057, &str), khrLangNotFound);
-  EXPECT_EQ(LoadModuleString(102, 2073, &str), khrLangNotFound);
+  EXPECT_EQ(LoadModuleString(101, 2057, &str), khrResourceLangNotFound);
+  EXPECT_EQ(LoadModuleString(102, 2073, &str), khrResourceLangNotFound);
   EXPECT_EQ(str, KV_W("unchanged"));
   EXPECT_EQ(LoadModuleString(100, 1033, nullptr), E_POINTER);
 }

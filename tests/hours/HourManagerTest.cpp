@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+#include <kronvale/KronvaleResults.h>
 
 #include "com/ComBase.h"
 #include "common/LogCapture.h"
@@ -16,6 +17,7 @@
 #include "hours/HourManager.h"
 #include "platform/os.h"
 
+using namespace NSKronvale;
 using namespace NSHours;
 
 namespace {
@@ -25,11 +27,6 @@ WString Native(const char* psz) {
   std::replace(str.begin(), str.end(), WCHAR(u'/'), NSPlatform::chPathSeparator);
   return str;
 }
-
-constexpr HRESULT khrCorrupt = static_cast<HRESULT>(0x80070570);
-constexpr HRESULT khrReadFault = static_cast<HRESULT>(0x8007001E);
-constexpr HRESULT khrSmallBuffer = static_cast<HRESULT>(0x8007007A);
-constexpr HRESULT khrNotFound = static_cast<HRESULT>(0x80070490);
 
 // A time in the test hour, 2021-03-07 12h UTC.
 SYSTEMTIME At(WORD wMinute, WORD wSecond, WORD wMs) { return {2021, 3, 0, 7, 12, wMinute, wSecond, wMs}; }
@@ -167,7 +164,7 @@ TEST_F(HourTest, OpeningWithoutCreateFindsOrRefusesTheHour) {
   // A hash file of any other size is refused, with the size it has.
   Put(kszHashFileName, std::string(sizeof(SHashFile) - 1, '\0'));
   NSTest::CLogCapture capture;
-  EXPECT_EQ(hour.Open(HourPath(), false, false), khrCorrupt);
+  EXPECT_EQ(hour.Open(HourPath(), false, false), khrFileCorrupt);
   hour.Close();
   const std::vector<NSTest::SLoggedReport> vChecks = capture.Reports(KV_W("TRASSDO"));
   ASSERT_FALSE(vChecks.empty());
@@ -260,12 +257,12 @@ TEST_F(HourTest, ReadsIntoCallerMemoryTaskMemoryAndOneCarvedBlock) {
   EXPECT_EQ(Text(v[0]), "hello");
   {
     NSTest::CLogCapture capture;
-    EXPECT_EQ(hour.Read(st, nullptr, v, 3), khrSmallBuffer);
+    EXPECT_EQ(hour.Read(st, nullptr, v, 3), khrInsufficientBuffer);
     EXPECT_EQ(CheckTexts(capture), std::vector<WString>{KV_W("dwCount<=oFrameHeader.dwCount\n")});
   }
   // A capacity below the stored size is refused; the size is never grown past the capacity.
   v[0] = {block, 4};
-  EXPECT_EQ(hour.Read(st, nullptr, v, 1), khrSmallBuffer);
+  EXPECT_EQ(hour.Read(st, nullptr, v, 1), khrInsufficientBuffer);
   EXPECT_EQ(v[0].dwDataSize, 4u);
 
   // One block: the second buffer is placed after the first and a gap of its own dwDataSize.
@@ -294,15 +291,15 @@ TEST_F(HourTest, DamagedFilesGiveClearResults) {
   };
   const WString strTorn = KV_W("SUCCEEDED(hr-2147024866:'");  // a short read, 0x8007001E
   const SCase vCases[] = {
-      {"signature", [](HourTest& t) { t.Patch(kszDataFileName, 0, "X"); }, khrCorrupt,
+      {"signature", [](HourTest& t) { t.Patch(kszDataFileName, 0, "X"); }, khrFileCorrupt,
        KV_W("SFrameHeader::MakeSignature()==oFrameHeader.ullSignature\n")},
-      {"flags", [](HourTest& t) { t.Patch(kszDataFileName, 16, "\x07"); }, khrCorrupt,
+      {"flags", [](HourTest& t) { t.Patch(kszDataFileName, 16, "\x07"); }, khrFileCorrupt,
        KV_W("oFrameHeader.dwFlags==oFrameInfo.dwFlags\n")},
-      {"count", [](HourTest& t) { t.Patch(kszDataFileName, 20, "\x01"); }, khrSmallBuffer,
+      {"count", [](HourTest& t) { t.Patch(kszDataFileName, 20, "\x01"); }, khrInsufficientBuffer,
        KV_W("dwCount<=oFrameHeader.dwCount\n")},
-      {"full size", [](HourTest& t) { t.Patch(kszDataFileName, 24, std::string("\x0B\0\0\0", 4)); }, khrCorrupt,
+      {"full size", [](HourTest& t) { t.Patch(kszDataFileName, 24, std::string("\x0B\0\0\0", 4)); }, khrFileCorrupt,
        KV_W("(dwReadTotal+sizeof(DWORD))<=oFrameHeader.dwFullSize\n")},
-      {"buffer size", [](HourTest& t) { t.Patch(kszDataFileName, 28, std::string("\xF0\xFF\xFF\xFF", 4)); }, khrCorrupt,
+      {"buffer size", [](HourTest& t) { t.Patch(kszDataFileName, 28, std::string("\xF0\xFF\xFF\xFF", 4)); }, khrFileCorrupt,
        KV_W("(dwReadTotal+pBuff->dwDataSize)<=oFrameHeader.dwFullSize\n")},
       {"offset beyond data.al", [](HourTest& t) { t.Patch(kszDescriptorFileName, 20, "\x7F"); }, khrReadFault, strTorn},
       {"data.al cut", [](HourTest& t) { t.Cut(kszDataFileName, 40); }, khrReadFault, strTorn},

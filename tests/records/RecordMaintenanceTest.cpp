@@ -1,7 +1,10 @@
 // Work on whole hours: repair of an hour torn by a crash (writers repair once, readers never, state
 // bit 2 forbids it), the status during a repair, removal, merge and fast copy.
+#include <kronvale/KronvaleResults.h>
+
 #include "records/RecordTestSupport.h"
 
+using namespace NSKronvale;
 using namespace NKvRecordTest;
 
 namespace {
@@ -60,7 +63,7 @@ TEST_F(RecordMaintenanceTest, ReadersNeverRepairAndBit2ForbidsIt) {
   auto pState = Query<IStateControl>(m_pWriter, IID_IStateControl);
   ASSERT_EQ(S_OK, pState->Change(2, 0));
   EXPECT_EQ(std::vector<std::string>{"hr=80070570"}, ReadFrame(m_pWriter, m_aft[0], 2));
-  EXPECT_EQ(khrCorrupt, WriteFrame(m_pWriter, Ft(2021, 3, 7, 10, 30), 1, {"x"}));
+  EXPECT_EQ(khrFileCorrupt, WriteFrame(m_pWriter, Ft(2021, 3, 7, 10, 30), 1, {"x"}));
   EXPECT_TRUE(Logged(second, "warning", W("Failed to open next hour ") + Native("2021/03/07/10") + W("\n")));
   EXPECT_EQ(m_strTorn, Snapshot());
   EXPECT_TRUE(Texts(second, "Repairing").empty());
@@ -160,7 +163,7 @@ TEST_F(RecordMaintenanceTest, MergeCopiesThePassingFramesOfAnotherRecord) {
   EXPECT_EQ(E_INVALIDARG, pEmpty->Merge(pSource, nullptr, 0x7FFFFFFF));
   EXPECT_EQ(E_POINTER, pEmpty->Merge(nullptr, nullptr, 1));
   // More buffers than the frames have: the first read fails and the merge with it.
-  EXPECT_EQ(static_cast<HRESULT>(0x8007007A), pEmpty->Merge(pSource, nullptr, 3));
+  EXPECT_EQ(NSKronvale::khrInsufficientBuffer, pEmpty->Merge(pSource, nullptr, 3));
 }
 
 TEST_F(RecordMaintenanceTest, FastCopyKeepsTheHourLayoutAndOpensAsARecord) {

@@ -1,7 +1,10 @@
 // Searches across hours, days and months, the erasure of empty directories met on the way, frames
 // a reader sees after its hour was opened, and statistics with their join rules.
+#include <kronvale/KronvaleResults.h>
+
 #include "records/RecordTestSupport.h"
 
+using namespace NSKronvale;
 using namespace NKvRecordTest;
 
 namespace {

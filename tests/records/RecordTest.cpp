@@ -2,6 +2,9 @@
 // of writes and reads in their order, the state word and bad input.
 #include "records/RecordTestSupport.h"
 
+#include <kronvale/KronvaleResults.h>
+
+using namespace NSKronvale;
 using namespace NKvRecordTest;
 
 namespace {
@@ -156,9 +159,9 @@ TEST_F(RecordTest, WriteChecksComeInOrder) {
                       ->OpenRecordEx(NSCom::CComBSTR(KV_W("full")), NSCom::CComBSTR(KV_W("cam")), 7, &pFull));
   EXPECT_EQ(7u, Internal(pFull)->GetAccessMode());
   ASSERT_EQ(S_OK, Query<IStateControl>(pFull, IID_IStateControl)->Change(0x10000, 0));
-  EXPECT_EQ(khrNoQuota, WriteFrame(pFull, ft, 1, {"a"}));
-  EXPECT_EQ(khrNoQuota, pFull->SetDescription(NSCom::CComBSTR(KV_W("x"))));
-  EXPECT_EQ(khrNoQuota, pFull->RemoveHour(ft));
+  EXPECT_EQ(khrNotEnoughQuota, WriteFrame(pFull, ft, 1, {"a"}));
+  EXPECT_EQ(khrNotEnoughQuota, pFull->SetDescription(NSCom::CComBSTR(KV_W("x"))));
+  EXPECT_EQ(khrNotEnoughQuota, pFull->RemoveHour(ft));
   // Then the locked state.
   ASSERT_EQ(S_OK, pState->Change(0x10000, 0));
   EXPECT_EQ(khrLocked, WriteFrame(pRecord, ft, 1, {"a"}));
@@ -189,7 +192,7 @@ TEST_F(RecordTest, WriteChecksComeInOrder) {
 
   // More buffers than the frame has, null buffers with a count, and zero buffers.
   std::vector<SFrameBuffer> vMany(100000, SFrameBuffer{nullptr, 0});
-  EXPECT_EQ(static_cast<HRESULT>(0x8007007A), pRecord->Read(ft, nullptr, vMany.data(), 100000));
+  EXPECT_EQ(NSKronvale::khrInsufficientBuffer, pRecord->Read(ft, nullptr, vMany.data(), 100000));
   EXPECT_TRUE(std::all_of(vMany.begin(), vMany.end(), [](const SFrameBuffer& b) { return !b.pData; }));
   EXPECT_EQ(E_POINTER, pRecord->Write(ft, 1, nullptr, 2));
   EXPECT_EQ(E_POINTER, pRecord->Read(ft, nullptr, nullptr, 2));
@@ -226,7 +229,7 @@ TEST_F(RecordTest, OnlyAnArchiveOfOursMayParentAWriter) {
   NSTest::CLogCapture capture;
   EXPECT_EQ(E_POINTER, Internal(pRecord)->Create(nullptr, RecordPath("loose").c_str(), 0, 3));
   ASSERT_EQ(S_OK, Internal(pRecord)->Create(pForeign, RecordPath("loose").c_str(), 0, 3));
-  EXPECT_EQ(khrNoParent, WriteFrame(pRecord, Ft(2021, 3, 7, 10), 1, {"a"}));
+  EXPECT_EQ(khrInvalidState, WriteFrame(pRecord, Ft(2021, 3, 7, 10), 1, {"a"}));
   EXPECT_EQ(std::vector<WString>{W("parent absence on record '") + RecordPath("loose") + W("'!\n")},
             Texts(capture, "error"));
   EXPECT_EQ(std::vector<WString>{W("pParent\n")}, Texts(capture, "TRASSDO"));

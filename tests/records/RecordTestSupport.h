@@ -21,14 +21,6 @@
 
 namespace NKvRecordTest {
 
-constexpr HRESULT khrFileNotFound = static_cast<HRESULT>(0x80070002);
-constexpr HRESULT khrPathNotFound = static_cast<HRESULT>(0x80070003);
-constexpr HRESULT khrLocked = static_cast<HRESULT>(0x8007006C);
-constexpr HRESULT khrNotFound = static_cast<HRESULT>(0x80070490);
-constexpr HRESULT khrCorrupt = static_cast<HRESULT>(0x80070570);
-constexpr HRESULT khrNoQuota = static_cast<HRESULT>(0x80070718);
-constexpr HRESULT khrNoParent = static_cast<HRESULT>(0x8007139F);
-constexpr HRESULT khrPending = static_cast<HRESULT>(0x8000000A);
 
 inline WString W(const char* psz) { return NSPlatform::Utf8ToWide(psz); }
 

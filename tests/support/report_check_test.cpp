@@ -3,12 +3,14 @@
 
 #include <string>
 #include <vector>
+#include <kronvale/KronvaleResults.h>
 
 #include "common/LogCapture.h"
 #include "com/ComException.h"
 #include "platform/os.h"
 #include "support/Report.h"
 
+using namespace NSKronvale;
 using NSTest::CLogCapture;
 using NSTest::SLoggedReport;
 
@@ -24,7 +26,6 @@ std::string ResultValue(HRESULT hr) {
 }
 
 const DWORD kdwDistinctError = 0x2D2D1u;
-const HRESULT khrFileNotFound = static_cast<HRESULT>(0x80070002u);
 
 struct SFrameInfo {
   ULONGLONG ullOffset;

@@ -13,6 +13,7 @@
 // Times are UTC, written 2021-03-07T12:34:56.780Z (the fraction and the Z are optional). MODE is
 // any, all, exact or none. An archive is made when ARCHIVE does not exist yet (write, demo).
 #include <kronvale/kronvale.h>
+#include <kronvale/KronvaleResults.h>
 
 #include <cinttypes>
 #include <cstdio>
@@ -163,7 +164,7 @@ void PrintStatistic(IRecord* pRecord, const FILETIME& ftFrom, const FILETIME& ft
   SRecordStatistic* pRuns = nullptr;
   const HRESULT hr =
       pRecord->GetStatistic(ftFrom, ftTo, Time(ullResolution), pFilter, 0, &dwCount, &pRuns);
-  if (hr == static_cast<HRESULT>(0x80070490)) {
+  if (hr == NSKronvale::khrNotFound) {
     std::puts("  (no frames)");
     return;
   }
@@ -287,7 +288,7 @@ int main(int argc, char** argv) {
       // As many buffers as the frame has: ask for fewer until the record agrees.
       DWORD dwCount = 16;
       HRESULT hr;
-      while ((hr = pRecord->Read(ft, &dwFlags, aBuffers, dwCount)) == static_cast<HRESULT>(0x8007007A) && dwCount > 1)
+      while ((hr = pRecord->Read(ft, &dwFlags, aBuffers, dwCount)) == NSKronvale::khrInsufficientBuffer && dwCount > 1)
         --dwCount;
       Check(hr, "Read");
       std::printf("%s flags 0x%08X, %u buffers\n", FormatTime(ft).c_str(), static_cast<unsigned>(dwFlags),
@@ -307,7 +308,7 @@ int main(int argc, char** argv) {
       FILETIME ftFound;
       const HRESULT hr = strCommand == "next" ? pRecord->GetNext(ft, bFilter ? &filter : nullptr, &ftFound)
                                               : pRecord->GetPrev(ft, bFilter ? &filter : nullptr, &ftFound);
-      if (hr == static_cast<HRESULT>(0x80070490)) {
+      if (hr == NSKronvale::khrNotFound) {
         std::puts("no such frame");
         return 1;
       }

@@ -31,6 +31,7 @@ WString GetSystemErrorText(HRESULT hr) {
       strText.pop_back();
   }
   if (pszText) LocalFree(pszText);
+  if (strText.empty()) strText = GetKnownErrorText(hr);
   ::SetLastError(dwSaved);
   return strText;
 }
