@@ -4,6 +4,7 @@
 #include <kronvale/KronvaleResults.h>
 
 #include "archive/ArchiveImpl.h"
+#include "archive/ArchiveSettings.h"
 #include "hours/KronvaleUtils.h"
 #include "support/Report.h"
 
@@ -16,7 +17,30 @@ using NSRecords::klStateLocked;
 
 namespace {
 
-WString FromBstr(BSTR bstr) { return bstr ? WString(bstr, SysStringLen(bstr)) : WString(); }
+// The path a client gave, refused (E_INVALIDARG, with a report) when it is empty or holds a NUL
+// character: the file system would see only the part before it, while our checks saw all of it.
+HRESULT PathFromBstr(BSTR bstr, WString* pstrPath) {
+  KV_FUNC("CArchiveFactory");
+  pstrPath->assign(bstr ? bstr : KV_W(""), bstr ? SysStringLen(bstr) : 0);
+  if (pstrPath->empty()) return E_INVALIDARG;
+  if (pstrPath->find(WCHAR(0)) != WString::npos) {
+    KV_LOG_ERROR(KV_W("Refused an archive path holding a NUL character: %s\n"), pstrPath->c_str());
+    return E_INVALIDARG;
+  }
+  return S_OK;
+}
+
+// Names what a deletion that stopped at an error took away, and what it left.
+void ReportPartialDeletion(const WString& strPath, const std::vector<NSPlatform::SDirEntry>& vBefore, HRESULT hr) {
+  KV_FUNC("CArchiveFactory::DeleteArchive");
+  WString strRemoved, strLeft;
+  for (const NSPlatform::SDirEntry& entry : vBefore) {
+    WString& strList = NSPlatform::PathExists(NSPlatform::CombinePath(strPath, entry.strName).c_str()) ? strLeft : strRemoved;
+    strList += (strList.empty() ? KV_W("") : KV_W(", ")) + entry.strName;
+  }
+  KV_LOG_ERROR(KV_W("Deleting archive %s stopped at an error (hr=%0X); removed: %s; left: %s\n"), strPath.c_str(),
+               static_cast<unsigned>(hr), strRemoved.c_str(), strLeft.c_str());
+}
 
 HRESULT HandOut(IUnknown* pArchive, IKronvale** ppKronvale) {
   return pArchive->QueryInterface(IID_IKronvale, reinterpret_cast<void**>(ppKronvale));
@@ -50,8 +74,9 @@ STDMETHODIMP CArchiveFactory::LockServer(BOOL fLock) {
 STDMETHODIMP CArchiveFactory::CreateArchive(BSTR path, IKronvale** ppKronvale) {
   KV_CHECK_POINTER(ppKronvale);
   *ppKronvale = nullptr;
-  const WString strPath = FromBstr(path);
-  if (strPath.empty()) return E_INVALIDARG;
+  WString strPath;
+  HRESULT hr = PathFromBstr(path, &strPath);
+  if (FAILED(hr)) return hr;
   CGuard guard(m_section);
   const WString strKey = CacheKey(strPath);
   const auto it = m_cache.find(strKey);
@@ -59,10 +84,12 @@ STDMETHODIMP CArchiveFactory::CreateArchive(BSTR path, IKronvale** ppKronvale) {
     KV_LOG_MESSAGE(KV_W("successfull archive creation: %s\n"), strPath.c_str());
     return HandOut(it->second, ppKronvale);
   }
-  if (NSPlatform::PathExists(strPath.c_str()) && !NSPlatform::IsDirectoryEmpty(strPath.c_str()))
+  // An empty directory becomes an archive, and so does one that a killed creation left half made.
+  if (NSPlatform::PathExists(strPath.c_str()) && !NSPlatform::IsDirectoryEmpty(strPath.c_str()) &&
+      !CArchiveImpl::IsInterruptedCreation(CArchiveImpl::FullPath(strPath)))
     return khrDirectoryNotEmpty;
   NSCom::CComObject<CArchiveImpl>* pArchive = nullptr;
-  HRESULT hr = NSCom::CComObject<CArchiveImpl>::CreateInstance(&pArchive);
+  hr = NSCom::CComObject<CArchiveImpl>::CreateInstance(&pArchive);
   if (!KV_SUCCEEDED(hr)) return hr;
   NSCom::CComPtr<IUnknown> pHold(pArchive->GetUnknown());
   hr = pArchive->Create(strPath);
@@ -77,8 +104,9 @@ STDMETHODIMP CArchiveFactory::OpenArchive(BSTR path, IKronvale** ppKronvale) { r
 STDMETHODIMP CArchiveFactory::OpenArchiveEx(BSTR path, ULONG access, IKronvale** ppKronvale) {
   KV_CHECK_POINTER(ppKronvale);
   *ppKronvale = nullptr;
-  const WString strPath = FromBstr(path);
-  if (strPath.empty()) return E_INVALIDARG;
+  WString strPath;
+  HRESULT hr = PathFromBstr(path, &strPath);
+  if (FAILED(hr)) return hr;
   CGuard guard(m_section);
   const WString strKey = CacheKey(strPath);
   const auto it = m_cache.find(strKey);
@@ -95,7 +123,7 @@ STDMETHODIMP CArchiveFactory::OpenArchiveEx(BSTR path, ULONG access, IKronvale**
   // An archive in a file is a multipart archive, which this library does not open yet.
   if (!NSPlatform::IsDirectory(strPath.c_str())) return E_NOTIMPL;
   NSCom::CComObject<CArchiveImpl>* pArchive = nullptr;
-  HRESULT hr = NSCom::CComObject<CArchiveImpl>::CreateInstance(&pArchive);
+  hr = NSCom::CComObject<CArchiveImpl>::CreateInstance(&pArchive);
   if (!KV_SUCCEEDED(hr)) return hr;
   NSCom::CComPtr<IUnknown> pHold(pArchive->GetUnknown());
   hr = pArchive->Open(strPath, access);
@@ -108,16 +136,20 @@ STDMETHODIMP CArchiveFactory::OpenArchiveEx(BSTR path, ULONG access, IKronvale**
   return HandOut(pHold, ppKronvale);
 }
 
-// A directory is deleted only when it is an archive (it holds "settings.als"): a wrong path must
-// never take a tree that is not ours. A cached archive is freed and forgotten first, which closes
-// the files its records hold.
+// A directory is deleted only when it is an archive (it holds "settings.als", or only what a killed
+// creation left): a wrong path must never take a tree that is not ours. The path is made canonical
+// once, and the same path is checked and deleted. A cached archive is freed and forgotten first,
+// which closes the files its records hold. A deletion that stops at an error says what it removed.
 STDMETHODIMP CArchiveFactory::DeleteArchive(BSTR path) {
-  const WString strPath = FromBstr(path);
-  if (strPath.empty()) return E_INVALIDARG;
+  KV_FUNC("CArchiveFactory::DeleteArchive");
+  WString strGiven;
+  HRESULT hr = PathFromBstr(path, &strGiven);
+  if (FAILED(hr)) return hr;
+  const WString strPath = CArchiveImpl::FullPath(strGiven);
   CGuard guard(m_section);
-  HRESULT hr;
   if (NSPlatform::IsDirectory(strPath.c_str())) {
-    if (!NSPlatform::PathExists(NSPlatform::CombinePath(strPath, KV_W("settings.als")).c_str())) {
+    if (!NSPlatform::PathExists(NSPlatform::CombinePath(strPath, kszSettingsFileName).c_str()) &&
+        !CArchiveImpl::IsInterruptedCreation(strPath)) {
       KV_LOG_ERROR(KV_W("Not an archive: %s\n"), strPath.c_str());
       return E_INVALIDARG;
     }
@@ -127,7 +159,10 @@ STDMETHODIMP CArchiveFactory::DeleteArchive(BSTR path) {
       if (SUCCEEDED(HandOut(it->second, &pArchive))) pArchive->Free();
       m_cache.erase(it);
     }
+    std::vector<NSPlatform::SDirEntry> vBefore;
+    NSPlatform::ListDir(strPath.c_str(), &vBefore);
     hr = NSKronvaleUtils::DeleteFileSystemObject(strPath);
+    if (FAILED(hr)) ReportPartialDeletion(strPath, vBefore, hr);
   } else if (NSPlatform::PathExists(strPath.c_str())) {
     m_cache.erase(CacheKey(strPath));
     hr = NSPlatform::RemoveFile(strPath.c_str());

@@ -19,7 +19,6 @@ namespace {
 
 constexpr WCHAR kszClientGeneric[] = KV_W("GenericReader");
 constexpr WCHAR kszClientArchive[] = KV_W("Kronvale");
-constexpr WCHAR kszDescriptionFile[] = KV_W("descriptor.ald");
 constexpr DWORD kdwModeKindMask = 0x7;
 constexpr DWORD kdwModeRead = 0x1;
 constexpr DWORD kdwModeReadWrite = 0x3;
@@ -53,6 +52,9 @@ bool IsValidRecordName(const WString& strName) {
   if (strName.empty() || strName == KV_W(".") || strName == KV_W("..")) return false;
   return std::none_of(strName.begin(), strName.end(), [](WCHAR ch) { return ch == '\\' || ch == '/' || ch == 0; });
 }
+
+// The deepest path a record's files take below the record directory: an hour's hash file.
+constexpr WCHAR kszDeepestRecordFile[] = KV_W("2000/01/01/00/descriptor.alh");
 
 // ---- Life -----------------------------------------------------------------------------------------
 
@@ -91,7 +93,7 @@ void CArchiveImpl::LetThreadGo(std::shared_ptr<NSSystem::CThread>& pThread, cons
 
 // The archive keeps its directory as a full path: records and reports never depend on the
 // working directory of the moment.
-static WString FullArchivePath(const WString& strPath) {
+WString CArchiveImpl::FullPath(const WString& strPath) {
   WString strFull;
   if (strPath.empty() || FAILED(NSPlatform::GetFullPath(strPath.c_str(), &strFull)))
     strFull = NSPlatform::CanonicalizePath(strPath);
@@ -102,19 +104,39 @@ static WString FullArchivePath(const WString& strPath) {
 
 HRESULT CArchiveImpl::Create(const WString& strPath) {
   KV_FUNC("CArchiveImpl::Create");
-  const WString strFull = FullArchivePath(strPath);
+  const WString strFull = FullPath(strPath);
   HRESULT hr = NSPlatform::IsDirectory(strFull.c_str()) ? S_OK : NSPlatform::CreateDirTree(strFull.c_str());
   if (!KV_SUCCEEDED(hr)) return hr;
+  // A creation killed half-way left these; they are made anew.
+  if (IsInterruptedCreation(strFull)) {
+    KV_LOG_WARNING(KV_W("Finishing the interrupted creation of archive %s\n"), strFull.c_str());
+    for (const WCHAR* pszName : {kszSettingsNewFile, kszArchiveDescriptionFile})
+      NSPlatform::RemoveFile(NSPlatform::CombinePath(strFull, pszName).c_str());
+  }
   {
     CGuard guard(m_section);
     m_strPath = strFull;
-    hr = SerializeSettings(true);
-    if (!KV_SUCCEEDED(hr)) return hr;
   }
   hr = SetDescription(NSCom::CComBSTR(KV_W("")));
   if (!KV_SUCCEEDED(hr)) return hr;
+  // Last: an archive is a directory with its settings, so a creation cut short before this point
+  // leaves a directory that the next creation finishes and no open mistakes for an archive.
+  {
+    CGuard guard(m_section);
+    hr = SerializeSettings(true);
+    if (!KV_SUCCEEDED(hr)) return hr;
+  }
   StartFlusher(m_settings.dwFlushTimeout);
   return S_OK;
+}
+
+bool CArchiveImpl::IsInterruptedCreation(const WString& strDirectory) {
+  std::vector<NSPlatform::SDirEntry> vEntries;
+  if (FAILED(NSPlatform::ListDir(strDirectory.c_str(), &vEntries)) || vEntries.empty()) return false;
+  return std::all_of(vEntries.begin(), vEntries.end(), [](const NSPlatform::SDirEntry& entry) {
+    return !entry.IsDirectory() &&
+           (entry.strName == kszSettingsNewFile || entry.strName == kszArchiveDescriptionFile);
+  });
 }
 
 HRESULT CArchiveImpl::Open(const WString& strPath, DWORD dwAccess) {
@@ -122,7 +144,7 @@ HRESULT CArchiveImpl::Open(const WString& strPath, DWORD dwAccess) {
   DWORD dwSetState = 0;
   {
     CGuard guard(m_section);
-    m_strPath = FullArchivePath(strPath);
+    m_strPath = FullPath(strPath);
     const HRESULT hr = SerializeSettings(false);
     if (FAILED(hr)) return hr;
     dwSetState = m_settings.dwSetState;
@@ -207,7 +229,7 @@ STDMETHODIMP CArchiveImpl::SetDescription(BSTR szDescription) {
   CGuard guard(m_section);
   KV_LOG_MESSAGE(KV_W("%s\n%s\n"), m_strPath.c_str(), szDescription ? szDescription : KV_W(""));
   KV_CHECK_POINTER(szDescription);
-  const HRESULT hr = NSKronvaleUtils::WriteDescriptionFile(NSPlatform::CombinePath(m_strPath, kszDescriptionFile),
+  const HRESULT hr = NSKronvaleUtils::WriteDescriptionFile(NSPlatform::CombinePath(m_strPath, kszArchiveDescriptionFile),
                                                            szDescription, FILE_SHARE_READ | FILE_SHARE_DELETE);
   if (!KV_SUCCEEDED(hr)) return hr;
   return S_OK;
@@ -218,7 +240,7 @@ STDMETHODIMP CArchiveImpl::GetDescription(BSTR* pszDescription) {
   *pszDescription = nullptr;
   CGuard guard(m_section);
   const HRESULT hr =
-      NSKronvaleUtils::ReadDescriptionFile(NSPlatform::CombinePath(m_strPath, kszDescriptionFile), pszDescription);
+      NSKronvaleUtils::ReadDescriptionFile(NSPlatform::CombinePath(m_strPath, kszArchiveDescriptionFile), pszDescription);
   if (!KV_SUCCEEDED(hr)) return hr;
   return S_OK;
 }
@@ -294,6 +316,25 @@ STDMETHODIMP CArchiveImpl::OpenRecordEx(BSTR client, BSTR name, ULONG mode, IRec
   return OpenRecordInternal(client, name, mode, ppRecord, 1);
 }
 
+// The answer to a record name a client gave, before anything touches the disk: E_INVALIDARG for a
+// name that is empty, "." or "..", or holds a separator or a NUL (it would leave the archive, or the
+// file system would see less of it than we did); 0x800700CE for a name whose files the file system
+// cannot hold (a record made with it could never be opened). Under the lock.
+HRESULT CArchiveImpl::CheckRecordName(const WString& strName) {
+  KV_FUNC("CArchiveImpl::CheckRecordName");
+  if (!IsValidRecordName(strName)) {
+    KV_LOG_ERROR(KV_W("Invalid record name '%s' in archive '%s'\n"), strName.c_str(), m_strPath.c_str());
+    return E_INVALIDARG;
+  }
+  const HRESULT hr =
+      NSPlatform::CheckPathFits(NSPlatform::CombinePath(NSPlatform::CombinePath(m_strPath, strName), kszDeepestRecordFile));
+  if (FAILED(hr)) {
+    KV_LOG_ERROR(KV_W("Record name too long for the file system: '%s' in archive '%s'\n"), strName.c_str(),
+                 m_strPath.c_str());
+  }
+  return hr;
+}
+
 STDMETHODIMP CArchiveImpl::CreateRecordInternal(BSTR name, IRecord** ppRecord, LONG /*lPublic*/) {
   const WString strName = FromBstr(name);
   CGuard guard(m_section);
@@ -301,11 +342,9 @@ STDMETHODIMP CArchiveImpl::CreateRecordInternal(BSTR name, IRecord** ppRecord, L
   KV_CHECK_POINTER(ppRecord);
   *ppRecord = nullptr;
   if (HasState(klStateLocked)) return khrLocked;
-  if (!IsValidRecordName(strName)) {
-    KV_LOG_ERROR(KV_W("Invalid record name '%s' in archive '%s'\n"), strName.c_str(), m_strPath.c_str());
-    return E_INVALIDARG;
-  }
-  const HRESULT hr = MakeRecord(strName, WString(), kdwModeReadWrite, strName + KV_W("-rw"), ppRecord);
+  HRESULT hr = CheckRecordName(strName);
+  if (FAILED(hr)) return hr;
+  hr = MakeRecord(strName, WString(), kdwModeReadWrite, strName + KV_W("-rw"), ppRecord);
   KV_SUCCEEDED(hr);
   return hr;
 }
@@ -319,10 +358,7 @@ STDMETHODIMP CArchiveImpl::OpenRecordInternal(BSTR client, BSTR name, ULONG mode
                  m_strPath.c_str(), strClient.c_str(), static_cast<unsigned>(mode));
   KV_CHECK_POINTER(ppRecord);
   *ppRecord = nullptr;
-  if (!IsValidRecordName(strName)) {
-    KV_LOG_ERROR(KV_W("Invalid record name '%s' in archive '%s'\n"), strName.c_str(), m_strPath.c_str());
-    return E_INVALIDARG;
-  }
+  if (const HRESULT hrName = CheckRecordName(strName); FAILED(hrName)) return hrName;
   if (!NSPlatform::IsDirectory(NSPlatform::CombinePath(m_strPath, strName).c_str())) return khrPathNotFound;
   if ((mode & kdwModeKindMask) == kdwModeRead) {
     TrimReaders(GetReaderLimit());
@@ -408,10 +444,7 @@ STDMETHODIMP CArchiveImpl::DeleteRecord(BSTR name) {
   {
     CGuard guard(m_section);
     if (HasState(klStateLocked)) return khrLocked;
-    if (!IsValidRecordName(strName)) {
-      KV_LOG_ERROR(KV_W("Invalid record name '%s' in archive '%s'\n"), strName.c_str(), m_strPath.c_str());
-      return E_INVALIDARG;
-    }
+    if (const HRESULT hrName = CheckRecordName(strName); FAILED(hrName)) return hrName;
     strDirectory = NSPlatform::CombinePath(m_strPath, strName);
     if (!NSPlatform::IsDirectory(strDirectory.c_str())) return khrPathNotFound;
     const WString strPrefix = strName + KV_W("-");
@@ -428,6 +461,15 @@ STDMETHODIMP CArchiveImpl::DeleteRecord(BSTR name) {
       it->second.pRecord->QueryInterface(__uuidof(IStateControl), reinterpret_cast<void**>(&spStateControl));
       if (KV_ASSERT(spStateControl)) spStateControl->Change(klStateLocked, 0);
       it = m_records.erase(it);
+    }
+  }
+  // A record that another process writes is not deleted under its writer.
+  {
+    std::shared_ptr<void> pLock;
+    const HRESULT hr = NSRecords::LockRecordForWriting(strDirectory, &pLock);
+    if (hr == khrSharingViolation) {
+      KV_LOG_ERROR(KV_W("Record '%s' is being written by another process\n"), strDirectory.c_str());
+      return hr;
     }
   }
   const HRESULT hr = NSKronvaleUtils::DeleteFileSystemObject(strDirectory);

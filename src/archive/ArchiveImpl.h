@@ -77,8 +77,15 @@ class CArchiveImpl : public NSCom::CComObjectRootEx,
   void FinalRelease();
 
   // Makes a new archive in the directory strPath (created when missing, which must be empty
-  // otherwise): its settings and an empty description. Leaves the archive open.
+  // otherwise, or hold only what an interrupted creation left): an empty description, then its
+  // settings, whose presence is what makes the directory an archive. Leaves the archive open.
   HRESULT Create(const WString& strPath);
+  // The full canonical form of an archive path, without a trailing separator.
+  static WString FullPath(const WString& strPath);
+  // Whether the directory holds only what a creation killed before its settings were in place
+  // leaves behind (its description, a settings file not yet renamed into place), and something.
+  static bool IsInterruptedCreation(const WString& strDirectory);
+  HRESULT CheckRecordName(const WString& strName);
   // Opens the archive in the directory strPath: loads its settings (0x80070003 without them),
   // replays a stored state, takes a nonzero dwAccess as the new access word, and opens every
   // record once.

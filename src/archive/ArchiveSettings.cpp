@@ -112,7 +112,7 @@ HRESULT BuildDocument(const SArchiveSettings& settings, std::string* pstrText) {
 // Replaces the file with strText. The text goes to a file beside it first, which then takes the
 // old one's place, so that a failed save (a full disk) leaves the previous settings readable.
 HRESULT WriteWholeFile(const WString& strFile, const std::string& strText) {
-  const WString strNew = strFile + KV_W(".new");
+  const WString strNew = strFile + KV_W(".new");  // kszSettingsNewFile beside kszSettingsFileName
   NSPlatform::CFile file;
   HRESULT hr = file.Open(strNew.c_str(), GENERIC_WRITE, 0, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
   if (FAILED(hr)) return hr;

@@ -34,6 +34,10 @@ struct SArchiveSettings {
 
 // The name of the settings file inside the archive directory.
 inline constexpr WCHAR kszSettingsFileName[] = KV_W("settings.als");
+// A save writes here first and renames the file into place.
+inline constexpr WCHAR kszSettingsNewFile[] = KV_W("settings.als.new");
+// The archive's description.
+inline constexpr WCHAR kszArchiveDescriptionFile[] = KV_W("descriptor.ald");
 
 // Saves (bSave) or loads the settings file strFile.
 //

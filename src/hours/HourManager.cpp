@@ -85,7 +85,7 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered) {
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
   hr = OpenDescriptor(bCreate);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
-  hr = OpenFile();
+  hr = OpenFile(bCreate);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
   m_bWritable = bCreate;
   // The copy was taken before descriptor.ald was open; when it shows the last listed frame it shows
@@ -96,8 +96,10 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered) {
 
 HRESULT CHourManager::OpenHash(bool bCreate) {
   bool bExisted = false;
+  // Without bCreate nothing is made: a reader must not leave an empty file where a repair in another
+  // process is about to make the hour's index files anew.
   HRESULT hr = m_hashFile.Open(FilePath(kszHashFileName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
-                               OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, &bExisted);
+                               bCreate ? OPEN_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, &bExisted);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
   if (!bExisted && bCreate) {
     // Extended, not written: the file system gives zeros, which is an empty hour.
@@ -122,7 +124,7 @@ HRESULT CHourManager::OpenHash(bool bCreate) {
 HRESULT CHourManager::OpenDescriptor(bool bCreate) {
   const DWORD dwFlags = FILE_ATTRIBUTE_NORMAL | (m_bBuffered ? 0u : FILE_FLAG_WRITE_THROUGH);
   HRESULT hr = m_descriptor.Open(FilePath(kszDescriptorFileName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
-                                 OPEN_ALWAYS, dwFlags);
+                                 bCreate ? OPEN_ALWAYS : OPEN_EXISTING, dwFlags);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
   hr = m_descriptor.GetSize(&m_ullDescriptorSize);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
@@ -139,10 +141,10 @@ HRESULT CHourManager::OpenDescriptor(bool bCreate) {
   return S_OK;
 }
 
-HRESULT CHourManager::OpenFile() {
+HRESULT CHourManager::OpenFile(bool bCreate) {
   const DWORD dwFlags = FILE_ATTRIBUTE_NORMAL | (m_bBuffered ? 0u : FILE_FLAG_WRITE_THROUGH);
-  HRESULT hr =
-      m_file.Open(FilePath(kszDataFileName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll, OPEN_ALWAYS, dwFlags);
+  HRESULT hr = m_file.Open(FilePath(kszDataFileName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
+                           bCreate ? OPEN_ALWAYS : OPEN_EXISTING, dwFlags);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
   // The position stays at the end from here on: appends are gathered writes at the position.
   hr = m_file.Seek(0, FILE_END, &m_ullDataSize);
@@ -181,6 +183,7 @@ void CHourManager::CloseLocked() {
   }
   m_ullDataSize = m_ullDescriptorSize = m_ullRefreshedSize = 0;
   m_bUnflushed = false;
+  m_bTailToRestore = false;
 }
 
 HRESULT CHourManager::Refresh() {
@@ -267,21 +270,56 @@ bool CHourManager::RefreshIfGrownLocked() {
 
 HRESULT CHourManager::Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFrameBuffer* pBuffers, DWORD dwCount) {
   if (dwCount) KV_CHECK_POINTER(pBuffers);
+  for (DWORD i = 0; i < dwCount; ++i) {
+    if (pBuffers[i].dwDataSize && !pBuffers[i].pData) return ::NSReport::ReportNullPointer(KV_HERE, "pBuff[i].pData\n");
+  }
   KV_HOUR_LOCK(E_FAIL);
   // 1.
   if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
+  // A failed append whose bytes could not be taken back is taken back before anything follows it.
+  HRESULT hr = RestoreTail();
+  if (FAILED(hr)) return hr;
   // 2.-3. The slot is st's minute, second and millisecond (StoreSlot); the frame goes first.
+  const ULONGLONG ullDataBefore = m_ullDataSize;
+  const ULONGLONG ullDescriptorBefore = m_ullDescriptorSize;
   SFrameInfo info = {};
-  HRESULT hr = AppendFrame(st, dwFlags, pBuffers, dwCount, &info);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  hr = AppendFrame(st, dwFlags, pBuffers, dwCount, &info);
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return TakeBack(ullDataBefore, ullDescriptorBefore, hr);
   // 4.-5.
   DWORD dwIndex = kdwNoIndex;
   hr = AppendDescriptor(info, &dwIndex);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return TakeBack(ullDataBefore, ullDescriptorBefore, hr);
   if (!KV_ASSERT_TEXT(kdwNoIndex != dwIndex, "-1!=uFrameInfoUnion.dwIndex\n")) return E_UNEXPECTED;
   // 6.-7.
   StoreSlot(st, dwIndex, dwFlags);
   m_bUnflushed = m_bBuffered;
+  return S_OK;
+}
+
+// An append that failed half-way (a disk that filled up in the middle of a frame, a short write)
+// leaves the files exactly as they were before it: whatever reached data.al and descriptor.ald is
+// cut off again. Bytes left behind a failed frame would hide every later frame from a repair, which
+// stops at the first bad frame; and a frame whose Write failed must not come back in one.
+HRESULT CHourManager::TakeBack(ULONGLONG ullDataSize, ULONGLONG ullDescriptorSize, HRESULT hrFailure) {
+  m_ullTailData = ullDataSize;
+  m_ullTailDescriptor = ullDescriptorSize;
+  m_bTailToRestore = true;
+  RestoreTail();
+  return hrFailure;
+}
+
+// Cuts data.al and descriptor.ald back to the sizes of the last whole frame when a failed append
+// left more; S_OK when there is nothing (left) to cut. The hour refuses appends while this fails.
+HRESULT CHourManager::RestoreTail() {
+  if (!m_bTailToRestore) return S_OK;
+  HRESULT hr = m_file.Seek(static_cast<LONGLONG>(m_ullTailData), FILE_BEGIN, nullptr);
+  if (SUCCEEDED(hr)) hr = m_file.SetEndOfFile();
+  if (SUCCEEDED(hr)) hr = m_descriptor.Seek(static_cast<LONGLONG>(m_ullTailDescriptor), FILE_BEGIN, nullptr);
+  if (SUCCEEDED(hr)) hr = m_descriptor.SetEndOfFile();
+  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  m_ullDataSize = m_ullTailData;
+  m_ullDescriptorSize = m_ullTailDescriptor;
+  m_bTailToRestore = false;
   return S_OK;
 }
 
@@ -337,11 +375,7 @@ HRESULT CHourManager::AppendFrame(const SYSTEMTIME& st, DWORD dwFlags, const SHo
   DWORD cbWritten = 0;
   HRESULT hr = m_file.WriteGatherAt(ullOffset, vPieces.data(), vPieces.size(), &cbWritten);
   if (SUCCEEDED(hr) && cbWritten != FrameSize(header.dwFullSize)) hr = khrWriteFault;
-  if (FAILED(hr)) {
-    // How much reached the file is not known after an error: learn the end again.
-    m_file.Seek(0, FILE_END, &m_ullDataSize);
-    return hr;
-  }
+  if (FAILED(hr)) return hr;  // the caller takes back what reached the file
   m_ullDataSize += cbWritten;
   *pInfo = {dwFlags, ullOffset, FrameSize(header.dwFullSize)};
   return S_OK;
@@ -353,10 +387,7 @@ HRESULT CHourManager::AppendDescriptor(const SFrameInfo& info, DWORD* pdwIndex) 
   DWORD cbWritten = 0;
   HRESULT hr = m_descriptor.WriteAt(ullFileSize, &info, sizeof(info), &cbWritten);
   if (SUCCEEDED(hr) && cbWritten != sizeof(info)) hr = khrWriteFault;
-  if (FAILED(hr)) {
-    m_descriptor.GetSize(&m_ullDescriptorSize);
-    return hr;
-  }
+  if (FAILED(hr)) return hr;  // the caller takes back what reached the file
   m_ullDescriptorSize += sizeof(info);
   const DWORD dwFileSize = static_cast<DWORD>(ullFileSize);
   if (KV_ASSERT_TEXT(!(dwFileSize % sizeof(SFrameInfo)), "!(dwFileSize % sizeof(SFrameInfo))\n"))

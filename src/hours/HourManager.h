@@ -77,7 +77,7 @@ class CHourManager {
   CHourManager& operator=(const CHourManager&) = delete;
 
   // Opens the hour directory strPath, creating it (with its parents) and its files when bCreate is
-  // set; without it a missing directory answers 0x80070002. bBuffered leaves out write-through on
+  // set; without it nothing is created: a missing directory or file answers 0x80070002. bBuffered leaves out write-through on
   // descriptor.ald and data.al. On failure the hour may be half open: the caller closes it.
   HRESULT Open(const WString& strPath, bool bCreate, bool bBuffered);
   // Closes everything (nothing is flushed explicitly: closing hands the data to the system). Safe to
@@ -85,7 +85,10 @@ class CHourManager {
   void Close();
 
   // Appends one frame at the time st (UTC; only its minute, second and millisecond place it in the
-  // hour). A later frame in the same 10 ms slot takes the slot over.
+  // hour). A later frame in the same 10 ms slot takes the slot over. A buffer with a null pData and a
+  // nonzero size is refused with E_POINTER before anything is written. A failed append leaves the
+  // files as they were before it (what reached them is cut off again; if even that fails, the hour
+  // refuses appends until it succeeds), so a disk that filled up never leaves a torn frame behind.
   HRESULT Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFrameBuffer* pBuffers, DWORD dwCount);
   // Reads the frame in the slot of st into dwCount buffers (fewer than the frame has is allowed).
   // A buffer with a null pData receives task memory the caller frees with CoTaskMemFree; otherwise
@@ -151,7 +154,7 @@ class CHourManager {
   HRESULT OpenLocked(bool bCreate, bool bBuffered);
   HRESULT OpenHash(bool bCreate);
   HRESULT OpenDescriptor(bool bCreate);
-  HRESULT OpenFile();
+  HRESULT OpenFile(bool bCreate);
   void CloseLocked();
   void RefreshLocked();
   bool RefreshIfGrownLocked();  // true when the copy was refreshed
@@ -162,6 +165,8 @@ class CHourManager {
   HRESULT AppendFrame(const SYSTEMTIME& st, DWORD dwFlags, const SHourFrameBuffer* pBuffers, DWORD dwCount,
                       SFrameInfo* pInfo);
   HRESULT AppendDescriptor(const SFrameInfo& info, DWORD* pdwIndex);
+  HRESULT TakeBack(ULONGLONG ullDataSize, ULONGLONG ullDescriptorSize, HRESULT hrFailure);
+  HRESULT RestoreTail();
   void StoreSlot(const SYSTEMTIME& st, DWORD dwIndex, DWORD dwFlags);
   HRESULT ReadFrameInfo(DWORD dwIndex, SFrameInfo* pInfo);
   HRESULT ReadBuffers(const SFrameHeader& header, ULONGLONG ullPos, SHourFrameBuffer* pBuffers, DWORD dwCount);
@@ -187,6 +192,10 @@ class CHourManager {
   // Sizes of data.al and descriptor.ald as the writer left them, so that an append costs no query.
   ULONGLONG m_ullDataSize = 0;
   ULONGLONG m_ullDescriptorSize = 0;
+  // After a failed append: the sizes data.al and descriptor.ald must be cut back to before the next.
+  bool m_bTailToRestore = false;
+  ULONGLONG m_ullTailData = 0;
+  ULONGLONG m_ullTailDescriptor = 0;
   // Size of descriptor.ald whose frames the private copy is known to show.
   ULONGLONG m_ullRefreshedSize = 0;
   // Every member above is guarded by this lock, which the record owns.

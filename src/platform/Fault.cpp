@@ -80,9 +80,11 @@ bool Intercept(EOp eOp, const WString& strPath, DWORD* pcb, DWORD* pdwError) {
   if (nMatch < rule.nNth || (nMatch > rule.nNth && !rule.bSticky)) return false;
   if (rule.cbShort >= 0 && eOp == EOp::Write) {
     if (pcb && static_cast<DWORD>(rule.cbShort) < *pcb) *pcb = static_cast<DWORD>(rule.cbShort);
-    return false;
+    if (rule.dwError == ERROR_SUCCESS) return false;
+  } else if (pcb) {
+    *pcb = 0;
   }
-  if (pdwError) *pdwError = rule.dwError;
+  if (pdwError) *pdwError = rule.dwError != ERROR_SUCCESS ? rule.dwError : ERROR_INVALID_FUNCTION;
   return true;
 }
 

@@ -102,6 +102,27 @@ bool MatchOne(WStringView strName, WStringView strSpec) {
 
 }  // namespace
 
+HRESULT CheckPathFits(WStringView strPath) {
+#ifdef _WIN32
+  constexpr size_t kcMaxPath = 259;  // MAX_PATH with its terminator
+  auto units = [](WStringView str) { return str.size(); };
+#else
+  constexpr size_t kcMaxPath = 4095;  // PATH_MAX with its terminator
+  auto units = [](WStringView str) { return WideToUtf8(str).size(); };
+#endif
+  constexpr size_t kcMaxName = 255;
+  bool bFits = units(strPath) <= kcMaxPath;
+  for (size_t nStart = 0; bFits && nStart < strPath.size();) {
+    size_t nEnd = nStart;
+    while (nEnd < strPath.size() && !IsPathSeparator(strPath[nEnd])) ++nEnd;
+    bFits = units(strPath.substr(nStart, nEnd - nStart)) <= kcMaxName;
+    nStart = nEnd + 1;
+  }
+  if (bFits) return S_OK;
+  SetLastError(ERROR_FILENAME_EXCED_RANGE);
+  return KvHResultFromWin32(ERROR_FILENAME_EXCED_RANGE);
+}
+
 bool IsPathSeparator(WCHAR ch) {
 #ifdef _WIN32
   return ch == L'\\' || ch == L'/';

@@ -219,6 +219,10 @@ WString AddTrailingSeparator(WStringView strPath);
 bool MatchSpec(const WCHAR* pszName, const WCHAR* pszSpec);
 // Absolute path of a possibly relative one, canonicalised (GetFullPathNameW).
 HRESULT GetFullPath(const WCHAR* pszPath, WString* pstrFull);
+// Whether the file system can hold the path: every name at most 255 units (UTF-16 code units on
+// Windows, UTF-8 bytes on Linux) and the whole path shorter than MAX_PATH (260) on Windows, PATH_MAX
+// (4096 bytes) on Linux. A longer one: ERROR_FILENAME_EXCED_RANGE, without touching the disk.
+HRESULT CheckPathFits(WStringView strPath);
 // The form under which two paths name the same object: lower-cased on Windows, where names are
 // case-insensitive; unchanged on Linux.
 WString FoldPathCase(WStringView strPath);
@@ -442,11 +446,14 @@ namespace NFault {
 enum class EOp { Open, Read, Write, Flush, Directory };
 
 // A rule fails the Nth matching call (counted from 1 after Arm) of an operation with dwError; with
-// bSticky every matching call from the Nth on fails. With cbShort >= 0 a Write is not failed but
-// made short: only cbShort bytes (at most the request) are written and the call succeeds reporting
-// them. strPathContains, when not empty, limits the rule to files or directories whose path
-// contains it. Directory operations are CreateDir, CreateDirTree, RemoveDir, ListDir, RemoveFile,
-// RenameFile, SetAttributes.
+// bSticky every matching call from the Nth on fails. With cbShort >= 0 a Write transfers at most
+// cbShort bytes: with dwError 0 the call then succeeds reporting them (a short write); with an error
+// it then fails, the bytes written staying in the file (a disk that fills up in the middle of a
+// write). A failing rule with dwError 0 fails with ERROR_INVALID_FUNCTION. strPathContains, when not
+// empty, limits the rule to files or directories whose path contains it. Directory operations are
+// CreateDir, CreateDirTree, RemoveDir, ListDir, RemoveFile, RenameFile, SetAttributes. Both platforms
+// ask the seam at the same point of every call: after the arguments and the handle were checked,
+// before the system is called; a call refused before that point is not counted.
 struct SRule {
   EOp eOp = EOp::Write;
   unsigned nNth = 1;
@@ -468,7 +475,8 @@ void OverrideFreeSpace(ULONGLONG ullFree);
 void ClearFreeSpaceOverride();
 
 // Used by the platform implementations. Answers true when the call must fail, with the error in
-// *pdwError; for a write that must be short, answers false and lowers *pcb.
+// *pdwError; a write first transfers the *pcb bytes left (0 unless the rule has a cbShort). For a
+// write that must only be short, answers false and lowers *pcb.
 bool Intercept(EOp eOp, const WString& strPath, DWORD* pcb, DWORD* pdwError);
 bool GetFreeSpaceOverride(ULONGLONG* pullFree);
 

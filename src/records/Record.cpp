@@ -2,6 +2,8 @@
 #include "records/Record.h"
 
 #include <algorithm>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 #include <kronvale/KronvaleResults.h>
 
@@ -64,6 +66,7 @@ CRecord::~CRecord() = default;
 void CRecord::FinalRelease() {
   NSSystem::CLockGuard guard(*m_pLock);
   CloseCurrentHour(false);
+  m_pWriterLock.reset();
   m_pParent.Release();
 }
 
@@ -86,9 +89,57 @@ STDMETHODIMP CRecord::Create(IKronvale* pParent, const WCHAR* pszPath, DWORD dwH
   WString strPath = NSPlatform::CanonicalizePath(pszPath);
   while (strPath.size() > 1 && NSPlatform::IsPathSeparator(strPath.back())) strPath.pop_back();
   CloseCurrentHour(false);
+  m_pWriterLock.reset();
+  if ((dwAccessMode & kdwAccessMask) == kdwAccessReadWrite) {
+    const HRESULT hr = LockRecordForWriting(strPath, &m_pWriterLock);
+    if (FAILED(hr)) {
+      if (hr == khrSharingViolation)
+        KV_LOG_ERROR(KV_W("Record '%s' is being written by another process\n"), strPath.c_str());
+      KV_SUCCEEDED(hr);
+      return hr;
+    }
+  }
   m_strPath = strPath;
   m_dwHourOpenOptions = dwHourOpenOptions;
   m_dwAccessMode = dwAccessMode;
+  return S_OK;
+}
+
+// One writing process per record: the first writer object of a process takes a lock on the first
+// byte of the record's "record.lck", which the operating system shows to every other process
+// (LockFile on Windows, an open-file-description lock on Linux); further writer objects of the same
+// process share it, and it goes with the last of them. The file itself stays; it is empty.
+namespace {
+
+struct SWriterLock {
+  NSPlatform::CFile file;
+};
+
+std::mutex g_writerLocksMutex;
+std::map<WString, std::weak_ptr<SWriterLock>> g_writerLocks;  // by folded record path; guarded by the mutex
+
+}  // namespace
+
+HRESULT LockRecordForWriting(const WString& strRecordPath, std::shared_ptr<void>* ppLock) {
+  ppLock->reset();
+  const WString strKey = NSPlatform::FoldPathCase(strRecordPath);
+  const std::lock_guard<std::mutex> guard(g_writerLocksMutex);
+  if (std::shared_ptr<SWriterLock> pHeld = g_writerLocks[strKey].lock()) {
+    *ppLock = std::move(pHeld);
+    return S_OK;
+  }
+  auto pLock = std::make_shared<SWriterLock>();
+  const WString strLockFile = NSPlatform::CombinePath(strRecordPath, kszWriterLockFile);
+  HRESULT hr = pLock->file.Open(strLockFile.c_str(), GENERIC_READ | GENERIC_WRITE,
+                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, OPEN_ALWAYS,
+                                FILE_ATTRIBUTE_NORMAL);
+  if (SUCCEEDED(hr)) hr = pLock->file.LockRange(0, 1);
+  if (FAILED(hr)) {
+    g_writerLocks.erase(strKey);
+    return hr == khrLockViolation ? khrSharingViolation : hr;
+  }
+  g_writerLocks[strKey] = pLock;
+  *ppLock = std::move(pLock);
   return S_OK;
 }
 
@@ -97,6 +148,7 @@ void CRecord::OnChange(LONG /*lFirst*/, LONG /*lSecond*/, LONG lState) {
   if (lState & klStateLocked) {
     NSSystem::CLockGuard guard(*m_pLock);
     CloseCurrentHour(false);
+    m_pWriterLock.reset();
   }
 }
 
@@ -205,6 +257,7 @@ HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourP
     }
     if (SUCCEEDED(hr)) break;
     pHour->Close();
+    if (!IsWriter()) return hr;  // a reader answers the failure; repairs are the writer's
     if (HasState(klStateNoRepair)) return khrFileCorrupt;
     // One repair per call: an hour that a repair cannot heal fails instead of looping.
     if (bRepaired) {
@@ -260,6 +313,10 @@ STDMETHODIMP CRecord::Write(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer*
     return khrInvalidState;
   }
   if (dwCount) KV_CHECK_POINTER(pBuff);
+  // A buffer that claims bytes it does not point to is refused before an hour is made for it.
+  for (DWORD i = 0; i < dwCount; ++i) {
+    if (pBuff[i].dwDataSize && !pBuff[i].pData) return ::NSReport::ReportNullPointer(KV_HERE, "pBuff[i].pData\n");
+  }
   NSKronvaleUtils::ConformantFileTime(ftFrame);
   SYSTEMTIME st;
   HRESULT hr;
@@ -309,9 +366,10 @@ STDMETHODIMP CRecord::Read(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuf
       if (pHour->RefreshIfGrown() == S_OK) continue;
     }
     if (m_bCurrentHourCreated) return hr;
-    // A reader never repairs, and an empty slot is not damage it could report: in an hour being
-    // written, the corruption test would catch the writer between two steps of an append.
-    if (hr == khrNotFound && !IsWriter()) return hr;
+    // A reader never tests nor repairs: it answers the read's own failure. In an hour being written
+    // the corruption test could catch the writer between two steps of an append and take a frame
+    // in flight for damage; and a repair is the writer's to make.
+    if (!IsWriter()) return hr;
     if (hr != khrFileCorrupt && !pHour->IsCorrupted()) return hr;
     if (HasState(klStateNoRepair) || bRepaired) return hr;
     CloseCurrentHour(false);
@@ -465,6 +523,9 @@ WString Join(const WString& strLeft, const WString& strRight) {
 // that a directory filled between the test and the removal survives.
 bool CRecord::EraseEmptyDirectory(const WString& strDirectory, const WString& strRelative) {
   KV_FUNC("CRecord::FindClosestHourPath");
+  // A reader changes nothing on disk: the directory may be one a writer (perhaps in another
+  // process) has just made for an hour whose files come next.
+  if (!IsWriter()) return true;
   SYSTEMTIME stNow;
   NSPlatform::GetUtcSystemTime(&stNow);
   const WString strNow = NSKronvaleUtils::FormatHourPath(stNow);

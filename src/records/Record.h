@@ -2,7 +2,9 @@
 // description) and a tree of hour directories year/month/day/hour, each one CHourManager.
 //
 // The archive makes a record as a writer (access 3) or as a reader object; both may use the same
-// directories at once, each with its own open hour. A record keeps exactly one hour open: reading
+// directories at once, each with its own open hour. A record has one writer object across every
+// process on the machine (the writer keeps a lock on "record.lck"); reader objects, in any process,
+// never change anything on disk: they neither repair nor erase directories. A record keeps exactly one hour open: reading
 // or writing another hour closes the open one first. Every public operation holds the record lock
 // for its whole duration; the lock is recursive, so operations built from others (statistics,
 // merge, fast copy) call the public ones.
@@ -26,6 +28,14 @@ namespace NSRecords {
 constexpr DWORD kdwAccessMask = 0x3;
 constexpr DWORD kdwAccessReadWrite = 0x3;
 constexpr DWORD kdwAccessQuotaExceeded = 0x4;
+
+// The file of a record directory whose first byte the record's writer keeps locked.
+inline constexpr WCHAR kszWriterLockFile[] = KV_W("record.lck");
+
+// Takes this process's hold on the writer lock of the record directory strRecordPath (shared by the
+// process's writer objects of the record; released with the last reference). A writer in another
+// process holds it: 0x80070020 (sharing violation).
+HRESULT LockRecordForWriting(const WString& strRecordPath, std::shared_ptr<void>* ppLock);
 
 class CRecord : public NSCom::CComObjectRootEx,
                 public NSCom::CComCoClass<CRecord>,
@@ -137,6 +147,7 @@ class CRecord : public NSCom::CComObjectRootEx,
   SYSTEMTIME m_stCurrentHour = {};
   DWORD m_dwHourOpenOptions = 0;
   NSCom::CComPtr<IKronvale> m_pParent;
+  std::shared_ptr<void> m_pWriterLock;  // a writer's hold on "record.lck"; none for readers
   bool m_bParentIsArchive = false;
   std::atomic<LONG> m_lBusy{0};
   std::atomic<DWORD> m_dwAccessMode{0};

@@ -1,12 +1,60 @@
 #include "support/Thread.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <mutex>
+#include <vector>
 
 namespace NSSystem {
 
 namespace {
 // The processor the next worker tries first, shared by every worker of the library.
 std::atomic<unsigned> g_nNextProcessor{0};
+
+// Every worker started, so that process exit can stop them before the static objects they use (the
+// platform's tables of open files, the log engine) are destroyed under a running pass. Made once
+// and never destroyed, for the same reason.
+struct SLiveThreads {
+  std::mutex mutex;
+  std::vector<std::weak_ptr<CThread>> vThreads;  // guarded by the mutex
+};
+
+SLiveThreads& LiveThreads() {
+  static SLiveThreads* s_pLive = new SLiveThreads;
+  return *s_pLive;
+}
+
+// Registered with atexit when the first worker starts, which is after every static object the
+// workers use was made: exit runs it before their destructors. Signals each worker's stop event and
+// waits (at most ten seconds each) for its body to end; joining is left to the thread's owner.
+void StopWorkersAtExit() {
+  std::vector<std::shared_ptr<CThread>> vThreads;
+  {
+    SLiveThreads& live = LiveThreads();
+    const std::lock_guard<std::mutex> guard(live.mutex);
+    for (const std::weak_ptr<CThread>& pWeak : live.vThreads)
+      if (std::shared_ptr<CThread> p = pWeak.lock()) vThreads.push_back(std::move(p));
+    live.vThreads.clear();
+  }
+  for (const std::shared_ptr<CThread>& pThread : vThreads) pThread->Stop();
+  for (const std::shared_ptr<CThread>& pThread : vThreads) {
+    for (int nWait = 0; nWait < 10000 && pThread->IsRunning() && !pThread->IsCurrent(); ++nWait)
+      NSPlatform::SleepMs(1);
+  }
+  // A worker that would not stop is left to the end of the process rather than joined here, which
+  // would hang the exit.
+  for (std::shared_ptr<CThread>& pThread : vThreads)
+    if (pThread->IsRunning() && !pThread->IsCurrent()) new std::shared_ptr<CThread>(std::move(pThread));
+}
+
+void RegisterLiveThread(const std::weak_ptr<CThread>& pThread) {
+  static std::once_flag s_atExit;
+  std::call_once(s_atExit, [] { std::atexit(StopWorkersAtExit); });
+  SLiveThreads& live = LiveThreads();
+  const std::lock_guard<std::mutex> guard(live.mutex);
+  std::erase_if(live.vThreads, [](const std::weak_ptr<CThread>& p) { return p.expired(); });
+  live.vThreads.push_back(pThread);
+}
 }  // namespace
 
 int ChooseProcessor(ULONGLONG ullAffinityMask, unsigned nFirst) {
@@ -54,6 +102,7 @@ HRESULT CThread::StartBody(std::function<unsigned(CThread&)> fnBody) {
     g_nNextProcessor = static_cast<unsigned>(m_nProcessor + 1) % 64;
   }
   m_bPrioritySet = m_thread.SetPriority(m_nPriority);
+  RegisterLiveThread(weak_from_this());
   return S_OK;
 }
 

@@ -36,6 +36,8 @@ constexpr DWORD kThreadKeepTimerResolution = 0x4;
 int ChooseProcessor(ULONGLONG ullAffinityMask, unsigned nFirst);
 
 // A worker thread running a function object. Held through std::shared_ptr (make it with Create).
+// At process exit every worker still running is told to stop, and its body is waited for, before
+// the process's static objects are destroyed.
 // Start binds the thread to one processor chosen round-robin over the whole library, sets its
 // priority from the priority field (THREAD_PRIORITY_ABOVE_NORMAL for a new worker) and resets the
 // stop event. Bodies take one of the forms void(), unsigned(), bool(unsigned*) (the exit code goes
@@ -94,6 +96,8 @@ class CThread : public std::enable_shared_from_this<CThread> {
   unsigned GetExitCode() const { return m_nExitCode.load(); }
   bool IsRunning() const { return m_bRunning.load(); }
   DWORD GetThreadId() const { return m_thread.GetId(); }
+  // Whether the calling thread is this worker.
+  bool IsCurrent() const { return m_thread.GetId() == NSPlatform::GetCurrentThreadId(); }
 
  private:
   explicit CThread(DWORD dwOwnerFlags);

@@ -604,24 +604,25 @@ TEST_F(HourRepairTest, DescriptorCutAtEveryOffsetOfItsLastTwoEntriesRepairsEvery
   }
 }
 
-TEST_F(HourRepairTest, AFailedAppendRepairsToTheFramesWrittenBefore) {
+// A disk fills up in the middle of a frame, at each step of an append: the frame is refused and the
+// files are as they were before it, so the frames written once space returns are not hidden behind
+// garbage from a later repair (which stops at the first bad frame), and the refused frame never
+// comes back. Then a crash tears the last frame: a repair loses that frame and nothing else.
+TEST_F(HourRepairTest, AFailedAppendLeavesTheHourAsItWasAndLaterFramesSurviveARepair) {
+  using NSPlatform::NFault::EOp;
   struct SCase {
     const char* pszName;
     NSPlatform::NFault::SRule rule;
     HRESULT hr;
   } const vCases[] = {
-      {"short data",
-       {NSPlatform::NFault::EOp::Write, 1, 0, false, 10, KV_W("data.al")},
-       static_cast<HRESULT>(0x8007001D)},
-      {"full disk, data",
-       {NSPlatform::NFault::EOp::Write, 1, ERROR_DISK_FULL, false, -1, KV_W("data.al")},
-       static_cast<HRESULT>(0x80070070)},
-      {"short entry",
-       {NSPlatform::NFault::EOp::Write, 1, 0, false, 7, KV_W("descriptor.ald")},
-       static_cast<HRESULT>(0x8007001D)},
-      {"full disk, entry",
-       {NSPlatform::NFault::EOp::Write, 1, ERROR_DISK_FULL, false, -1, KV_W("descriptor.ald")},
-       static_cast<HRESULT>(0x80070070)},
+      {"short data", {EOp::Write, 1, 0, false, 10, KV_W("data.al")}, khrWriteFault},
+      {"full disk before the data", {EOp::Write, 1, ERROR_DISK_FULL, false, -1, KV_W("data.al")}, khrDiskFull},
+      {"full disk inside the header", {EOp::Write, 1, ERROR_DISK_FULL, false, 20, KV_W("data.al")}, khrDiskFull},
+      {"full disk inside the data", {EOp::Write, 1, ERROR_HANDLE_DISK_FULL, false, 90, KV_W("data.al")},
+       khrHandleDiskFull},
+      {"short entry", {EOp::Write, 1, 0, false, 7, KV_W("descriptor.ald")}, khrWriteFault},
+      {"full disk before the entry", {EOp::Write, 1, ERROR_DISK_FULL, false, -1, KV_W("descriptor.ald")}, khrDiskFull},
+      {"full disk inside the entry", {EOp::Write, 1, ERROR_DISK_FULL, false, 9, KV_W("descriptor.ald")}, khrDiskFull},
   };
   for (const SCase& c : vCases) {
     SCOPED_TRACE(c.pszName);
@@ -632,19 +633,35 @@ TEST_F(HourRepairTest, AFailedAppendRepairsToTheFramesWrittenBefore) {
       NSPlatform::NFault::Arm(c.rule);
       EXPECT_EQ(Write(hour, At(0, 3, 0), 0x10, {std::string(100, 'x')}), c.hr);
       NSPlatform::NFault::Reset();
+      EXPECT_EQ(AllBytes(), m_vHealthy[0] + "|" + m_vHealthy[1] + "|" + m_vHealthy[2]);
+      EXPECT_EQ(ReadOne(hour, At(0, 3, 0)), "hr=" + std::to_string(static_cast<DWORD>(khrNotFound)));
+      // Space is back: twenty frames follow, the last one torn by a crash.
+      for (WORD i = 0; i < 20; ++i) ASSERT_EQ(Write(hour, At(1, i, 0), i, {std::string(50 + i, 'a' + i)}), S_OK);
     }
+    EXPECT_FALSE(IsCorrupted());
+    Cut(kszDataFileName, FileBytes(kszDataFileName).size() - 40);
     ASSERT_EQ(Repair(), S_OK);
     EXPECT_FALSE(IsCorrupted());
-    // A frame whose bytes all reached data.al comes back even when its entry did not.
-    const bool bDataComplete = std::string(c.pszName).find("entry") != std::string::npos;
-    ExpectFrames(3, bDataComplete ? 4 : 3);
-    EXPECT_EQ(FileBytes(kszDataFileName).size(), bDataComplete ? 113u + 28 + 4 + 100 : 113u);
-    if (bDataComplete) {
-      CHourManager hour(m_pLock);
-      ASSERT_EQ(hour.Open(HourPath(), false, false), S_OK);
-      EXPECT_EQ(ReadOne(hour, At(0, 3, 0)), std::string(100, 'x'));
-    }
+    ExpectFrames(3, 3 + 19);
+    CHourManager hour(m_pLock);
+    ASSERT_EQ(hour.Open(HourPath(), false, false), S_OK);
+    for (WORD i = 0; i < 19; ++i) EXPECT_EQ(ReadOne(hour, At(1, i, 0)), std::string(50 + i, 'a' + i)) << i;
+    EXPECT_EQ(ReadOne(hour, At(0, 3, 0)), "hr=" + std::to_string(static_cast<DWORD>(khrNotFound)));
   }
+}
+
+// A frame handed with a null buffer that claims bytes is refused before anything is written.
+TEST_F(HourRepairTest, ANullBufferWithASizeIsRefusedBeforeAnythingIsWritten) {
+  CHourManager hour(m_pLock);
+  ASSERT_EQ(hour.Open(HourPath(), true, false), S_OK);
+  NSTest::CLogCapture capture;
+  const BYTE abData[3] = {1, 2, 3};
+  const SHourFrameBuffer aBuffers[2] = {{const_cast<BYTE*>(abData), 3}, {nullptr, 5}};
+  EXPECT_EQ(hour.Write(At(0, 3, 0), 0, aBuffers, 2), E_POINTER);
+  EXPECT_EQ(CheckTexts(capture), std::vector<WString>{KV_W("pBuff[i].pData\n")});
+  EXPECT_EQ(AllBytes(), m_vHealthy[0] + "|" + m_vHealthy[1] + "|" + m_vHealthy[2]);
+  const SHourFrameBuffer aEmpty[1] = {{nullptr, 0}};
+  EXPECT_EQ(hour.Write(At(0, 3, 0), 0, aEmpty, 1), S_OK);  // no bytes, no pointer needed
 }
 
 TEST_F(HourRepairTest, RepairRefusesAnOpenHourAndRemoveHourTakesEmptyParents) {

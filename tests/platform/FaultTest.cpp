@@ -98,6 +98,35 @@ TEST_F(FaultSeam, ShortWritesWriteOnlyTheFirstBytes) {
   EXPECT_EQ(Contents(strFile), "012abcdeXY");
 }
 
+// A disk that fills up in the middle of a write: the bytes that fit stay in the file and the call
+// fails. Both platforms answer the same: a rule without an error fails with ERROR_INVALID_FUNCTION,
+// and a call on a closed file is refused before the seam counts it.
+TEST_F(FaultSeam, ADiskFillingUpInsideAWriteKeepsWhatFitAndBothPlatformsCountAlike) {
+  const WString strFile = m_dir.Sub(KV_W("full.bin"));
+  CFile file;
+  ASSERT_EQ(file.Open(strFile.c_str(), dwReadWrite, 0, CREATE_NEW, 0), S_OK);
+  NFault::SRule rule = Rule(NFault::EOp::Write, 1, ERROR_DISK_FULL);
+  rule.cbShort = 4;
+  NFault::Arm(rule);
+  const SIoBuffer aBuffers[] = {{"abc", 3}, {"defg", 4}};
+  DWORD cb = 0;
+  EXPECT_EQ(file.WriteGatherAt(0, aBuffers, 2, &cb), static_cast<HRESULT>(0x80070070));
+  EXPECT_EQ(cb, 4u);
+  EXPECT_EQ(file.WriteAt(4, "XY", 2, &cb), S_OK);  // only the first call
+
+  NFault::Arm(Rule(NFault::EOp::Write, 1, ERROR_SUCCESS));
+  EXPECT_EQ(file.Write("z", 1, &cb), KvHResultFromWin32(ERROR_INVALID_FUNCTION));
+  file.Close();
+  NFault::Arm(Rule(NFault::EOp::Read, 1, ERROR_READ_FAULT));
+  char ch = 0;
+  EXPECT_EQ(file.Read(&ch, 1, &cb), KvHResultFromWin32(ERROR_INVALID_HANDLE));
+  EXPECT_EQ(file.Write(&ch, 1, &cb), KvHResultFromWin32(ERROR_INVALID_HANDLE));
+  EXPECT_EQ(file.Flush(), KvHResultFromWin32(ERROR_INVALID_HANDLE));
+  EXPECT_EQ(NFault::GetCallCount(NFault::EOp::Read), 0u);
+  NFault::Reset();
+  EXPECT_EQ(Contents(strFile), "abcdXY");
+}
+
 TEST_F(FaultSeam, OtherOperationsFailWithoutTouchingTheDisk) {
   const WString strFile = m_dir.Sub(KV_W("target.bin"));
   const WString strBystander = m_dir.Sub(KV_W("bystander.bin"));

@@ -272,7 +272,13 @@ TEST_F(RecordTest, RecordDirectoryRemovedUnderALiveRecord) {
   // Removing the open hour closes it, so that no file of the tree is open (Windows could not delete
   // it otherwise).
   ASSERT_EQ(S_OK, pRecord->RemoveHour(Ft(2021, 3, 7, 11, 30)));
+#ifdef _WIN32
+  // Windows keeps the directory of a record whose writer lives ("record.lck" is open); what the
+  // operator deletes is everything else in it.
+  ASSERT_EQ(S_OK, NKvTest::DeleteTree(NSPlatform::CombinePath(RecordPath("cam"), KV_W("2021"))));
+#else
   ASSERT_EQ(S_OK, NKvTest::DeleteTree(RecordPath("cam")));
+#endif
   FILETIME ftFound;
   EXPECT_EQ(khrFileNotFound, pRecord->Read(Ft(2021, 3, 7, 10), nullptr, nullptr, 0));
   EXPECT_EQ(khrNotFound, pReader->GetNext(Ft(2021, 3, 7, 0), nullptr, &ftFound));
@@ -285,7 +291,9 @@ TEST_F(RecordTest, RecordDirectoryRemovedUnderALiveRecord) {
   EXPECT_EQ(nullptr, pStats);
   NSCom::CComBSTR bstr;
   EXPECT_TRUE(FAILED(pRecord->GetDescription(&bstr)));
+#ifndef _WIN32
   EXPECT_TRUE(FAILED(pRecord->SetDescription(NSCom::CComBSTR(KV_W("x")))));
+#endif
   // A write makes its hour again, with the record directory.
   EXPECT_EQ(S_OK, WriteFrame(pRecord, Ft(2021, 3, 7, 13), 1, {"d"}));
   EXPECT_EQ(std::vector<std::string>{"d"}, ReadFrame(pReader, Ft(2021, 3, 7, 13), 1));

@@ -127,8 +127,8 @@ HRESULT MakeDirectories(const std::string& strNative) {
 
 HRESULT CreateDir(const WCHAR* pszPath) {
   const WString strPath = WidePath(pszPath);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Directory, strPath, nullptr, &hr)) return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   const std::string strNative = WideToUtf8(strPath);
   if (::mkdir(strNative.c_str(), 0777) != 0) {
@@ -140,8 +140,8 @@ HRESULT CreateDir(const WCHAR* pszPath) {
 
 HRESULT CreateDirTree(const WCHAR* pszPath) {
   const WString strPath = WidePath(pszPath);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Directory, strPath, nullptr, &hr)) return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   // SHCreateDirectoryExW takes full paths only.
   if (strPath.empty() || !IsPathSeparator(strPath[0])) return Fail(ERROR_BAD_PATHNAME);
   const std::string strNative = WideToUtf8(WithoutTrailingSeparators(CanonicalizePath(strPath)));
@@ -152,8 +152,8 @@ HRESULT CreateDirTree(const WCHAR* pszPath) {
 
 HRESULT RemoveDir(const WCHAR* pszPath) {
   const WString strPath = WidePath(pszPath);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Directory, strPath, nullptr, &hr)) return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   const std::string strNative = WideToUtf8(WithoutTrailingSeparators(strPath));
   struct stat st;
@@ -171,8 +171,8 @@ HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, co
   if (!pvEntries) return Fail(ERROR_INVALID_PARAMETER);
   pvEntries->clear();
   const WString strPath = WidePath(pszDirectory);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Directory, strPath, nullptr, &hr)) return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   const std::string strNative = WideToUtf8(strPath);
   TDirPtr pDir(::opendir(strNative.c_str()));

@@ -72,13 +72,6 @@ HRESULT FailErrno(int nErrno, const std::string& strPath, EObject eObject) {
   return Fail(Win32FromErrno(nErrno, strPath, eObject));
 }
 
-bool Injected(NFault::EOp eOp, const WString& strPath, DWORD* pcb, HRESULT* phr) {
-  DWORD dwError = ERROR_SUCCESS;
-  if (!NFault::Intercept(eOp, strPath, pcb, &dwError)) return false;
-  *phr = Fail(dwError == ERROR_SUCCESS ? ERROR_INVALID_FUNCTION : dwError);
-  return true;
-}
-
 std::string NativePath(const WCHAR* pszPath) { return pszPath ? WideToUtf8(pszPath) : std::string(); }
 
 WString WidePath(const WCHAR* pszPath) { return pszPath ? WString(pszPath) : WString(); }

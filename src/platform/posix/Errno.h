@@ -24,10 +24,6 @@ DWORD Win32FromErrno(int nErrno, const std::string& strPath = std::string(), EOb
 HRESULT Fail(DWORD dwError);
 HRESULT FailErrno(int nErrno, const std::string& strPath = std::string(), EObject eObject = EObject::File);
 
-// Asks the fault seam about a call; true when the call must fail, with the last error set and the
-// HRESULT in *phr. pcb (optional) is lowered for a short write.
-bool Injected(NFault::EOp eOp, const WString& strPath, DWORD* pcb, HRESULT* phr);
-
 // The path as the system calls take it; an empty string for a null pointer.
 std::string NativePath(const WCHAR* pszPath);
 WString WidePath(const WCHAR* pszPath);

@@ -157,8 +157,8 @@ HRESULT CFile::Open(const WCHAR* pszPath, DWORD dwAccess, DWORD dwShare, DWORD d
   Close();
   if (pbExisted) *pbExisted = false;
   const WString strPath = WidePath(pszPath);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Open, strPath, nullptr, &hr)) return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Open, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
 
   bool bMayCreate = false, bMustCreate = false, bTruncate = false;
@@ -271,8 +271,8 @@ void CFile::Close() {
 HRESULT CFile::Read(void* pv, DWORD cb, DWORD* pcbRead) {
   if (pcbRead) *pcbRead = 0;
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Read, m_strPath, nullptr, &hr)) return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Read, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (!(m_dwAccess & GENERIC_READ)) return Fail(ERROR_ACCESS_DENIED);
   if (cb != 0 && !pv) return Fail(ERROR_NOACCESS);
   DWORD cbDone = 0;
@@ -289,10 +289,10 @@ HRESULT CFile::Read(void* pv, DWORD cb, DWORD* pcbRead) {
 HRESULT CFile::Write(const void* pv, DWORD cb, DWORD* pcbWritten) {
   if (pcbWritten) *pcbWritten = 0;
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Write, m_strPath, &cb, &hr)) return hr;
   if (!(m_dwAccess & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
   if (cb != 0 && !pv) return Fail(ERROR_NOACCESS);
+  DWORD dwInjected = ERROR_SUCCESS;
+  const bool bInjected = NFault::Intercept(NFault::EOp::Write, m_strPath, &cb, &dwInjected);
   DWORD cbDone = 0;
   while (cbDone < cb) {
     const ssize_t n = RetryEintr([&] { return ::write(static_cast<int>(m_hNative), static_cast<const char*>(pv) + cbDone, cb - cbDone); });
@@ -300,7 +300,7 @@ HRESULT CFile::Write(const void* pv, DWORD cb, DWORD* pcbWritten) {
     cbDone += static_cast<DWORD>(n);
   }
   if (pcbWritten) *pcbWritten = cbDone;
-  return S_OK;
+  return bInjected ? Fail(dwInjected) : S_OK;
 }
 
 HRESULT CFile::WriteGather(const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pcbWritten) {
@@ -315,9 +315,12 @@ HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, siz
   for (size_t i = 0; i < cBuffers; ++i) ullTotal += pBuffers[i].cb;
   if (ullTotal > 0xFFFFFFFFull) return Fail(ERROR_INVALID_PARAMETER);
   DWORD cbTotal = static_cast<DWORD>(ullTotal);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Write, m_strPath, &cbTotal, &hr)) return hr;
   if (!(m_dwAccess & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
+  for (size_t i = 0; i < cBuffers; ++i) {
+    if (pBuffers[i].cb != 0 && !pBuffers[i].pv) return Fail(ERROR_NOACCESS);
+  }
+  DWORD dwInjected = ERROR_SUCCESS;
+  const bool bInjected = NFault::Intercept(NFault::EOp::Write, m_strPath, &cbTotal, &dwInjected);
 
   // The vector covers exactly cbTotal bytes, which the seam may have lowered for a short write.
   std::vector<iovec> vIov;
@@ -326,7 +329,6 @@ HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, siz
   for (size_t i = 0; i < cBuffers && cbLeft > 0; ++i) {
     const DWORD cb = std::min(pBuffers[i].cb, cbLeft);
     if (cb == 0) continue;
-    if (!pBuffers[i].pv) return Fail(ERROR_NOACCESS);
     vIov.push_back(iovec{const_cast<void*>(pBuffers[i].pv), cb});
     cbLeft -= cb;
   }
@@ -349,14 +351,14 @@ HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, siz
     }
   }
   if (pcbWritten) *pcbWritten = cbDone;
-  return S_OK;
+  return bInjected ? Fail(dwInjected) : S_OK;
 }
 
 HRESULT CFile::ReadAt(ULONGLONG ullOffset, void* pv, DWORD cb, DWORD* pcbRead) {
   if (pcbRead) *pcbRead = 0;
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Read, m_strPath, nullptr, &hr)) return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Read, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (!(m_dwAccess & GENERIC_READ)) return Fail(ERROR_ACCESS_DENIED);
   if (!IsValidOffset(ullOffset)) return Fail(ERROR_INVALID_PARAMETER);
   if (cb != 0 && !pv) return Fail(ERROR_NOACCESS);
@@ -377,11 +379,11 @@ HRESULT CFile::ReadAt(ULONGLONG ullOffset, void* pv, DWORD cb, DWORD* pcbRead) {
 HRESULT CFile::WriteAt(ULONGLONG ullOffset, const void* pv, DWORD cb, DWORD* pcbWritten) {
   if (pcbWritten) *pcbWritten = 0;
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Write, m_strPath, &cb, &hr)) return hr;
   if (!(m_dwAccess & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
   if (!IsValidOffset(ullOffset) || !IsValidOffset(ullOffset + cb)) return Fail(ERROR_INVALID_PARAMETER);
   if (cb != 0 && !pv) return Fail(ERROR_NOACCESS);
+  DWORD dwInjected = ERROR_SUCCESS;
+  const bool bInjected = NFault::Intercept(NFault::EOp::Write, m_strPath, &cb, &dwInjected);
   DWORD cbDone = 0;
   while (cbDone < cb) {
     const ssize_t n = RetryEintr([&] {
@@ -392,7 +394,7 @@ HRESULT CFile::WriteAt(ULONGLONG ullOffset, const void* pv, DWORD cb, DWORD* pcb
     cbDone += static_cast<DWORD>(n);
   }
   if (pcbWritten) *pcbWritten = cbDone;
-  return S_OK;
+  return bInjected ? Fail(dwInjected) : S_OK;
 }
 
 HRESULT CFile::Seek(LONGLONG llDistance, DWORD dwMethod, ULONGLONG* pullNewPosition) {
@@ -439,8 +441,8 @@ HRESULT CFile::SetEndOfFile() {
 
 HRESULT CFile::Flush() {
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Flush, m_strPath, nullptr, &hr)) return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (!(m_dwAccess & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
   if (RetryEintr([&] { return ::fdatasync(static_cast<int>(m_hNative)); }) != 0) return FailErrno(errno);
   return S_OK;
@@ -507,8 +509,8 @@ HRESULT CFileMapping::Map(const CFile& file) {
 
 HRESULT CFileMapping::Flush() {
   if (!m_pView) return Fail(ERROR_INVALID_HANDLE);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Flush, m_strPath, nullptr, &hr)) return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (::msync(m_pView, static_cast<size_t>(m_ullSize), MS_SYNC) != 0) return FailErrno(errno);
   return S_OK;
 }
@@ -526,8 +528,8 @@ void CFileMapping::Unmap() {
 
 HRESULT RemoveFile(const WCHAR* pszPath) {
   const WString strPath = WidePath(pszPath);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Directory, strPath, nullptr, &hr)) return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   const std::string strNative = WideToUtf8(strPath);
   struct stat st;
@@ -541,8 +543,8 @@ HRESULT RemoveFile(const WCHAR* pszPath) {
 
 HRESULT RenameFile(const WCHAR* pszFrom, const WCHAR* pszTo) {
   const WString strFrom = WidePath(pszFrom);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Directory, strFrom, nullptr, &hr)) return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, strFrom, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strFrom.empty() || !pszTo || !*pszTo) return Fail(ERROR_PATH_NOT_FOUND);
   const std::string strNativeFrom = WideToUtf8(strFrom);
   const std::string strNativeTo = NativePath(pszTo);
@@ -611,8 +613,8 @@ HRESULT GetAttributes(const WCHAR* pszPath, DWORD* pdwAttributes) {
 
 HRESULT SetAttributes(const WCHAR* pszPath, DWORD dwAttributes) {
   const WString strPath = WidePath(pszPath);
-  HRESULT hr;
-  if (Injected(NFault::EOp::Directory, strPath, nullptr, &hr)) return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   const std::string strNative = WideToUtf8(strPath);
   if (strNative.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   struct stat st;

@@ -14,7 +14,6 @@ namespace NSPlatform {
 
 using NWin32::FailLast;
 using NWin32::FailWith;
-using NWin32::InterceptFailure;
 using NWin32::PathOrEmpty;
 
 namespace {
@@ -79,17 +78,17 @@ HRESULT ShellPathList(const WCHAR* pszPath, WString* pstrList) {
 }  // namespace
 
 HRESULT CreateDir(const WCHAR* pszPath) {
-  HRESULT hr = S_OK;
-  if (InterceptFailure(NFault::EOp::Directory, PathOrEmpty(pszPath), &hr)) {
-    return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
   }
   return ::CreateDirectoryW(pszPath, nullptr) ? S_OK : FailLast();
 }
 
 HRESULT CreateDirTree(const WCHAR* pszPath) {
-  HRESULT hr = S_OK;
-  if (InterceptFailure(NFault::EOp::Directory, PathOrEmpty(pszPath), &hr)) {
-    return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
   }
   // It takes full paths only (a relative one is ERROR_BAD_PATHNAME), and answers a Win32 code
   // rather than setting the last error.
@@ -101,9 +100,9 @@ HRESULT CreateDirTree(const WCHAR* pszPath) {
 }
 
 HRESULT RemoveDir(const WCHAR* pszPath) {
-  HRESULT hr = S_OK;
-  if (InterceptFailure(NFault::EOp::Directory, PathOrEmpty(pszPath), &hr)) {
-    return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
   }
   return ::RemoveDirectoryW(pszPath) ? S_OK : FailLast();
 }
@@ -111,9 +110,9 @@ HRESULT RemoveDir(const WCHAR* pszPath) {
 HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, const WCHAR* pszSpec) {
   pvEntries->clear();
   WString strDirectory = PathOrEmpty(pszDirectory);
-  HRESULT hr = S_OK;
-  if (InterceptFailure(NFault::EOp::Directory, strDirectory, &hr)) {
-    return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, strDirectory, nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
   }
   WString strPattern = strDirectory;
   if (!strPattern.empty() && !EndsWithSeparator(strPattern)) {

@@ -15,7 +15,6 @@ namespace NSPlatform {
 
 using NWin32::FailLast;
 using NWin32::FailWith;
-using NWin32::InterceptFailure;
 
 namespace {
 
@@ -92,9 +91,9 @@ HRESULT CFile::Open(const WCHAR* pszPath, DWORD dwAccess, DWORD dwShare, DWORD d
     return FailWith(ERROR_INVALID_PARAMETER);
   }
   m_strPath = pszPath;
-  HRESULT hr = S_OK;
-  if (InterceptFailure(NFault::EOp::Open, m_strPath, &hr)) {
-    return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Open, m_strPath, nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
   }
   if (RefusesWriter(pszPath, dwAccess, dwCreation, dwFlagsAndAttributes)) {
     return FailWith(ERROR_ACCESS_DENIED);
@@ -137,12 +136,12 @@ HRESULT CFile::Read(void* pv, DWORD cb, DWORD* pcbRead) {
   if (pcbRead != nullptr) {
     *pcbRead = 0;
   }
-  DWORD dwError = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Read, m_strPath, &cb, &dwError)) {
-    return FailWith(dwError);
-  }
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
+  }
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Read, m_strPath, nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
   }
   DWORD cbRead = 0;
   if (!::ReadFile(AsHandle(m_hNative), pv, cb, &cbRead, nullptr)) {
@@ -158,21 +157,19 @@ HRESULT CFile::Write(const void* pv, DWORD cb, DWORD* pcbWritten) {
   if (pcbWritten != nullptr) {
     *pcbWritten = 0;
   }
-  DWORD dwError = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Write, m_strPath, &cb, &dwError)) {
-    return FailWith(dwError);
-  }
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
+  DWORD dwInjected = ERROR_SUCCESS;
+  const bool bInjected = NFault::Intercept(NFault::EOp::Write, m_strPath, &cb, &dwInjected);
   DWORD cbWritten = 0;
-  if (!::WriteFile(AsHandle(m_hNative), pv, cb, &cbWritten, nullptr)) {
+  if (cb != 0 && !::WriteFile(AsHandle(m_hNative), pv, cb, &cbWritten, nullptr)) {
     return FailLast();
   }
   if (pcbWritten != nullptr) {
     *pcbWritten = cbWritten;
   }
-  return S_OK;
+  return bInjected ? FailWith(dwInjected) : S_OK;
 }
 
 HRESULT CFile::WriteGather(const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pcbWritten) {
@@ -191,13 +188,16 @@ HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, siz
     return FailWith(ERROR_INVALID_PARAMETER);
   }
   DWORD cbTotal = static_cast<DWORD>(ullTotal);
-  DWORD dwError = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Write, m_strPath, &cbTotal, &dwError)) {
-    return FailWith(dwError);
-  }
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
+  for (size_t i = 0; i < cBuffers; ++i) {
+    if (pBuffers[i].cb != 0 && pBuffers[i].pv == nullptr) {
+      return FailWith(ERROR_NOACCESS);
+    }
+  }
+  DWORD dwInjected = ERROR_SUCCESS;
+  const bool bInjected = NFault::Intercept(NFault::EOp::Write, m_strPath, &cbTotal, &dwInjected);
   // One buffer, or a short write that ends inside the first one, needs no copy.
   if (cBuffers == 0 || cbTotal <= pBuffers[0].cb) {
     const void* pv = cBuffers == 0 ? nullptr : pBuffers[0].pv;
@@ -210,7 +210,7 @@ HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, siz
     if (pcbWritten != nullptr) {
       *pcbWritten = cbWritten;
     }
-    return S_OK;
+    return bInjected ? FailWith(dwInjected) : S_OK;
   }
 
   std::vector<BYTE>& vGather = t_vGather;
@@ -242,19 +242,19 @@ HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, siz
   if (pcbWritten != nullptr) {
     *pcbWritten = cbWritten;
   }
-  return S_OK;
+  return bInjected ? FailWith(dwInjected) : S_OK;
 }
 
 HRESULT CFile::ReadAt(ULONGLONG ullOffset, void* pv, DWORD cb, DWORD* pcbRead) {
   if (pcbRead != nullptr) {
     *pcbRead = 0;
   }
-  DWORD dwError = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Read, m_strPath, &cb, &dwError)) {
-    return FailWith(dwError);
-  }
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
+  }
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Read, m_strPath, nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
   }
   OVERLAPPED ov = OverlappedAt(ullOffset);
   DWORD cbRead = 0;
@@ -276,22 +276,20 @@ HRESULT CFile::WriteAt(ULONGLONG ullOffset, const void* pv, DWORD cb, DWORD* pcb
   if (pcbWritten != nullptr) {
     *pcbWritten = 0;
   }
-  DWORD dwError = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Write, m_strPath, &cb, &dwError)) {
-    return FailWith(dwError);
-  }
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
+  DWORD dwInjected = ERROR_SUCCESS;
+  const bool bInjected = NFault::Intercept(NFault::EOp::Write, m_strPath, &cb, &dwInjected);
   OVERLAPPED ov = OverlappedAt(ullOffset);
   DWORD cbWritten = 0;
-  if (!::WriteFile(AsHandle(m_hNative), pv, cb, &cbWritten, &ov)) {
+  if (cb != 0 && !::WriteFile(AsHandle(m_hNative), pv, cb, &cbWritten, &ov)) {
     return FailLast();
   }
   if (pcbWritten != nullptr) {
     *pcbWritten = cbWritten;
   }
-  return S_OK;
+  return bInjected ? FailWith(dwInjected) : S_OK;
 }
 
 HRESULT CFile::Seek(LONGLONG llDistance, DWORD dwMethod, ULONGLONG* pullNewPosition) {
@@ -333,12 +331,12 @@ HRESULT CFile::SetEndOfFile() {
 }
 
 HRESULT CFile::Flush() {
-  HRESULT hr = S_OK;
-  if (InterceptFailure(NFault::EOp::Flush, m_strPath, &hr)) {
-    return hr;
-  }
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
+  }
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
   }
   return ::FlushFileBuffers(AsHandle(m_hNative)) ? S_OK : FailLast();
 }
@@ -410,12 +408,12 @@ HRESULT CFileMapping::Map(const CFile& file) {
 }
 
 HRESULT CFileMapping::Flush() {
-  HRESULT hr = S_OK;
-  if (InterceptFailure(NFault::EOp::Flush, m_strPath, &hr)) {
-    return hr;
-  }
   if (m_pView == nullptr) {
     return FailWith(ERROR_INVALID_HANDLE);
+  }
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
   }
   return ::FlushViewOfFile(m_pView, 0) ? S_OK : FailLast();
 }
@@ -438,17 +436,17 @@ void CFileMapping::Unmap() {
 // ---------------------------------------------------------------------------------------------
 
 HRESULT RemoveFile(const WCHAR* pszPath) {
-  HRESULT hr = S_OK;
-  if (InterceptFailure(NFault::EOp::Directory, NWin32::PathOrEmpty(pszPath), &hr)) {
-    return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, NWin32::PathOrEmpty(pszPath), nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
   }
   return ::DeleteFileW(pszPath) ? S_OK : FailLast();
 }
 
 HRESULT RenameFile(const WCHAR* pszFrom, const WCHAR* pszTo) {
-  HRESULT hr = S_OK;
-  if (InterceptFailure(NFault::EOp::Directory, NWin32::PathOrEmpty(pszFrom), &hr)) {
-    return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, NWin32::PathOrEmpty(pszFrom), nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
   }
   return ::MoveFileExW(pszFrom, pszTo, MOVEFILE_REPLACE_EXISTING) ? S_OK : FailLast();
 }
@@ -485,9 +483,9 @@ HRESULT GetAttributes(const WCHAR* pszPath, DWORD* pdwAttributes) {
 }
 
 HRESULT SetAttributes(const WCHAR* pszPath, DWORD dwAttributes) {
-  HRESULT hr = S_OK;
-  if (InterceptFailure(NFault::EOp::Directory, NWin32::PathOrEmpty(pszPath), &hr)) {
-    return hr;
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NFault::Intercept(NFault::EOp::Directory, NWin32::PathOrEmpty(pszPath), nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
   }
   // The directory bit cannot be set or cleared this way; zero would mean "no change" to the file
   // system, so a cleared set of attributes is spelt FILE_ATTRIBUTE_NORMAL.

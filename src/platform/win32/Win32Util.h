@@ -22,18 +22,6 @@ inline HRESULT FailLast() {
   return dwError != ERROR_SUCCESS ? KvHResultFromWin32(dwError) : E_FAIL;
 }
 
-// Asks the fault seam about an operation that transfers no byte count. True: the call must fail,
-// and the last error and *phr are already set.
-inline bool InterceptFailure(NFault::EOp eOp, const WString& strPath, HRESULT* phr) {
-  DWORD cbUnused = 0;
-  DWORD dwError = ERROR_SUCCESS;
-  if (!NFault::Intercept(eOp, strPath, &cbUnused, &dwError)) {
-    return false;
-  }
-  *phr = FailWith(dwError);
-  return true;
-}
-
 // The attributes both platforms report: FILE_ATTRIBUTE_DIRECTORY and FILE_ATTRIBUTE_READONLY, or
 // FILE_ATTRIBUTE_NORMAL for neither. The others the file system keeps (FILE_ATTRIBUTE_ARCHIVE on
 // every written file...) mean nothing to the engine.
