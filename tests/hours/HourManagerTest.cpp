@@ -171,6 +171,19 @@ TEST_F(HourTest, OpeningWithoutCreateFindsOrRefusesTheHour) {
   EXPECT_EQ(vChecks[0].strText, KV_W("GetFileSize(hHash, NULL)1548607)==sizeof(SHashFile)\n"));
   EXPECT_EQ(vChecks[0].strFunction, "CHourManager::OpenHash");
   EXPECT_EQ(vChecks[0].strFile, "HourManager.cpp");
+
+  // A repair (perhaps in another process) has deleted the index files and is about to make them
+  // anew: an open without create makes nothing, since an empty hash file left there would make the
+  // repair's own open fail and its first read answer 0x80070570.
+  for (const WCHAR* pszName : {kszHashFileName, kszDescriptorFileName, kszDataFileName}) {
+    SCOPED_TRACE(NSPlatform::WideToUtf8(pszName));
+    ResetHour();
+    WriteHour({{At(1, 2, 30), 0x3, {"abc"}}});
+    ASSERT_EQ(NSPlatform::RemoveFile(FilePath(pszName).c_str()), S_OK);
+    EXPECT_EQ(hour.Open(HourPath(), false, false), static_cast<HRESULT>(0x80070002));
+    hour.Close();
+    EXPECT_FALSE(NSPlatform::PathExists(FilePath(pszName).c_str()));
+  }
 }
 
 TEST_F(HourTest, AFrameOfTwoBuffersLandsByteExact) {
