@@ -4,7 +4,9 @@
 #include <kronvale/KronvaleResults.h>
 
 #include "archive/ArchiveImpl.h"
+#include "archive/ArchiveSettings.h"
 #include "hours/KronvaleUtils.h"
+#include "multipart/MultipartArchive.h"
 #include "support/Report.h"
 
 namespace NSArchive {
@@ -16,7 +18,29 @@ using NSRecords::klStateLocked;
 
 namespace {
 
-WString FromBstr(BSTR bstr) { return bstr ? WString(bstr, SysStringLen(bstr)) : WString(); }
+using NSMultipart::CMultipartArchive;
+
+// A path from the caller; empty (refused) when it holds a NUL, which the file system would take as
+// its end.
+WString FromBstr(BSTR bstr) {
+  WString str = bstr ? WString(bstr, SysStringLen(bstr)) : WString();
+  return str.find(WCHAR(0)) == WString::npos ? str : WString();
+}
+
+// The full path that a multipart archive keeps for its file.
+WString FullPath(const WString& strPath) {
+  WString strFull;
+  return SUCCEEDED(NSPlatform::GetFullPath(strPath.c_str(), &strFull)) ? strFull : strPath;
+}
+
+// The multipart archive behind a cached object, or null for an archive.
+CMultipartArchive* MultipartOf(IUnknown* pObject) {
+  IMultipartArchive* pMultipart = nullptr;
+  if (!pObject || FAILED(pObject->QueryInterface(IID_IMultipartArchive, reinterpret_cast<void**>(&pMultipart))))
+    return nullptr;
+  pMultipart->Release();
+  return static_cast<CMultipartArchive*>(pMultipart);
+}
 
 HRESULT HandOut(IUnknown* pArchive, IKronvale** ppKronvale) {
   return pArchive->QueryInterface(IID_IKronvale, reinterpret_cast<void**>(ppKronvale));
@@ -92,8 +116,18 @@ STDMETHODIMP CArchiveFactory::OpenArchiveEx(BSTR path, ULONG access, IKronvale**
     }
   }
   if (!NSPlatform::PathExists(strPath.c_str())) return khrPathNotFound;
-  // An archive in a file is a multipart archive, which this library does not open yet.
-  if (!NSPlatform::IsDirectory(strPath.c_str())) return E_NOTIMPL;
+  // An archive in a file is a multipart archive.
+  if (!NSPlatform::IsDirectory(strPath.c_str())) {
+    NSCom::CComObject<CMultipartArchive>* pMultipart = nullptr;
+    HRESULT hr = NSCom::CComObject<CMultipartArchive>::CreateInstance(&pMultipart);
+    if (!KV_SUCCEEDED(hr)) return hr;
+    NSCom::CComPtr<IUnknown> pHold(pMultipart->GetUnknown());
+    hr = pMultipart->Load(FullPath(strPath), static_cast<IArchiveFactoryEx*>(this));
+    if (!KV_SUCCEEDED(hr)) return hr;
+    m_cache[strKey] = pHold;
+    KV_LOG_MESSAGE(KV_W("Archive opened from disk: %s\n"), strPath.c_str());
+    return HandOut(pHold, ppKronvale);
+  }
   NSCom::CComObject<CArchiveImpl>* pArchive = nullptr;
   HRESULT hr = NSCom::CComObject<CArchiveImpl>::CreateInstance(&pArchive);
   if (!KV_SUCCEEDED(hr)) return hr;
@@ -129,7 +163,19 @@ STDMETHODIMP CArchiveFactory::DeleteArchive(BSTR path) {
     }
     hr = NSKronvaleUtils::DeleteFileSystemObject(strPath);
   } else if (NSPlatform::PathExists(strPath.c_str())) {
-    m_cache.erase(CacheKey(strPath));
+    // A file is deleted only when it is a multipart archive file we wrote; its partitions stay.
+    std::string strText;
+    hr = NSArchive::ReadWholeFile(strPath, &strText);
+    if (!KV_SUCCEEDED(hr)) return hr;
+    if (!CMultipartArchive::IsMultipartDocument(strText)) {
+      KV_LOG_ERROR(KV_W("Not a multipart archive file: %s\n"), strPath.c_str());
+      return E_INVALIDARG;
+    }
+    const auto it = m_cache.find(CacheKey(strPath));
+    if (it != m_cache.end()) {
+      if (CMultipartArchive* pMultipart = MultipartOf(it->second)) pMultipart->OnFileDeleted();
+      m_cache.erase(it);
+    }
     hr = NSPlatform::RemoveFile(strPath.c_str());
   } else {
     hr = khrPathNotFound;
@@ -138,10 +184,29 @@ STDMETHODIMP CArchiveFactory::DeleteArchive(BSTR path) {
   return S_OK;
 }
 
-STDMETHODIMP CArchiveFactory::CreateMultipartArchive(BSTR, IMultipartArchive** ppMultipartArchive) {
+// A path the cache already holds as a multipart archive hands that one out, as CreateArchive does;
+// any other existing path answers 0x800700B7 and is left alone.
+STDMETHODIMP CArchiveFactory::CreateMultipartArchive(BSTR path, IMultipartArchive** ppMultipartArchive) {
   KV_CHECK_POINTER(ppMultipartArchive);
   *ppMultipartArchive = nullptr;
-  return E_NOTIMPL;
+  const WString strPath = FromBstr(path);
+  if (strPath.empty()) return E_INVALIDARG;
+  CGuard guard(m_section);
+  const WString strKey = CacheKey(strPath);
+  const auto it = m_cache.find(strKey);
+  if (it != m_cache.end() && MultipartOf(it->second)) {
+    KV_LOG_MESSAGE(KV_W("successfull multipart archive creation: %s\n"), strPath.c_str());
+    return it->second->QueryInterface(IID_IMultipartArchive, reinterpret_cast<void**>(ppMultipartArchive));
+  }
+  NSCom::CComObject<CMultipartArchive>* pMultipart = nullptr;
+  HRESULT hr = NSCom::CComObject<CMultipartArchive>::CreateInstance(&pMultipart);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  NSCom::CComPtr<IUnknown> pHold(pMultipart->GetUnknown());
+  hr = pMultipart->Create(FullPath(strPath));
+  if (!KV_SUCCEEDED(hr)) return hr;
+  m_cache[strKey] = pHold;
+  KV_LOG_MESSAGE(KV_W("successfull multipart archive creation: %s\n"), strPath.c_str());
+  return pHold->QueryInterface(IID_IMultipartArchive, reinterpret_cast<void**>(ppMultipartArchive));
 }
 
 STDMETHODIMP CArchiveFactory::Set(LONG lState) {
