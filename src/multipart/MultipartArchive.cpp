@@ -94,7 +94,9 @@ HRESULT SerializeOptions(pugi::xml_node archive, bool bSave, SPartitionOptions* 
 
 // The document in strText, or invalid data when it is not XML with our root and namespace.
 HRESULT ParseDocument(const std::string& strText, pugi::xml_document* pDocument) {
-  const pugi::xml_parse_result result = pDocument->load_buffer(strText.data(), strText.size());
+  // A description of nothing but spaces is kept as it was written.
+  const pugi::xml_parse_result result =
+      pDocument->load_buffer(strText.data(), strText.size(), pugi::parse_default | pugi::parse_ws_pcdata_single);
   if (result.status == pugi::status_out_of_memory) return E_OUTOFMEMORY;
   const pugi::xml_node root = pDocument->document_element();
   if (!result || std::strcmp(root.name(), kszRootName) != 0 ||
@@ -138,13 +140,12 @@ HRESULT CMultipartArchive::Load(const WString& strPath, IArchiveFactoryEx* pFact
   KV_CHECK_POINTER(pFactory);
   std::string strText;
   HRESULT hr = NSArchive::ReadWholeFile(strPath, &strText);
-  if (!KV_SUCCEEDED(hr)) return hr;
   // The object is not published yet: the partitions are opened through the factory (which may be
   // in the middle of this very call) without the archive's lock.
   m_strPath = strPath;
-  hr = ReadDocument(strText, pFactory);
+  if (SUCCEEDED(hr)) hr = ReadDocument(strText, pFactory);
   if (FAILED(hr)) {
-    KV_LOG_ERROR(KV_W("Not a multipart archive file: %s\n"), strPath.c_str());
+    if (hr == khrInvalidData) KV_LOG_ERROR(KV_W("Not a multipart archive file: %s\n"), strPath.c_str());
     KV_SUCCEEDED(hr);
     FinalRelease();
     return hr;
