@@ -6,6 +6,7 @@
 #include "archive/ArchiveImpl.h"
 #include "archive/ArchiveSettings.h"
 #include "hours/KronvaleUtils.h"
+#include "multipart/MultipartArchive.h"
 #include "support/Report.h"
 
 namespace NSArchive {
@@ -16,6 +17,23 @@ using NSRecords::klStateHookRan;
 using NSRecords::klStateLocked;
 
 namespace {
+
+using NSMultipart::CMultipartArchive;
+
+// The full path that a multipart archive keeps for its file.
+WString FullPath(const WString& strPath) {
+  WString strFull;
+  return SUCCEEDED(NSPlatform::GetFullPath(strPath.c_str(), &strFull)) ? strFull : strPath;
+}
+
+// The multipart archive behind a cached object, or null for an archive.
+CMultipartArchive* MultipartOf(IUnknown* pObject) {
+  IMultipartArchive* pMultipart = nullptr;
+  if (!pObject || FAILED(pObject->QueryInterface(IID_IMultipartArchive, reinterpret_cast<void**>(&pMultipart))))
+    return nullptr;
+  pMultipart->Release();
+  return static_cast<CMultipartArchive*>(pMultipart);
+}
 
 // The path a client gave, refused (E_INVALIDARG, with a report) when it is empty or holds a NUL
 // character: the file system would see only the part before it, while our checks saw all of it.
@@ -120,8 +138,18 @@ STDMETHODIMP CArchiveFactory::OpenArchiveEx(BSTR path, ULONG access, IKronvale**
     }
   }
   if (!NSPlatform::PathExists(strPath.c_str())) return khrPathNotFound;
-  // An archive in a file is a multipart archive, which this library does not open yet.
-  if (!NSPlatform::IsDirectory(strPath.c_str())) return E_NOTIMPL;
+  // An archive in a file is a multipart archive.
+  if (!NSPlatform::IsDirectory(strPath.c_str())) {
+    NSCom::CComObject<CMultipartArchive>* pMultipart = nullptr;
+    hr = NSCom::CComObject<CMultipartArchive>::CreateInstance(&pMultipart);
+    if (!KV_SUCCEEDED(hr)) return hr;
+    NSCom::CComPtr<IUnknown> pHold(pMultipart->GetUnknown());
+    hr = pMultipart->Load(FullPath(strPath), static_cast<IArchiveFactoryEx*>(this));
+    if (!KV_SUCCEEDED(hr)) return hr;
+    m_cache[strKey] = pHold;
+    KV_LOG_MESSAGE(KV_W("Archive opened from disk: %s\n"), strPath.c_str());
+    return HandOut(pHold, ppKronvale);
+  }
   NSCom::CComObject<CArchiveImpl>* pArchive = nullptr;
   hr = NSCom::CComObject<CArchiveImpl>::CreateInstance(&pArchive);
   if (!KV_SUCCEEDED(hr)) return hr;
@@ -164,7 +192,19 @@ STDMETHODIMP CArchiveFactory::DeleteArchive(BSTR path) {
     hr = NSKronvaleUtils::DeleteFileSystemObject(strPath);
     if (FAILED(hr)) ReportPartialDeletion(strPath, vBefore, hr);
   } else if (NSPlatform::PathExists(strPath.c_str())) {
-    m_cache.erase(CacheKey(strPath));
+    // A file is deleted only when it is a multipart archive file we wrote; its partitions stay.
+    std::string strText;
+    hr = NSArchive::ReadWholeFile(strPath, &strText);
+    if (!KV_SUCCEEDED(hr)) return hr;
+    if (!CMultipartArchive::IsMultipartDocument(strText)) {
+      KV_LOG_ERROR(KV_W("Not a multipart archive file: %s\n"), strPath.c_str());
+      return E_INVALIDARG;
+    }
+    const auto it = m_cache.find(CacheKey(strPath));
+    if (it != m_cache.end()) {
+      if (CMultipartArchive* pMultipart = MultipartOf(it->second)) pMultipart->OnFileDeleted();
+      m_cache.erase(it);
+    }
     hr = NSPlatform::RemoveFile(strPath.c_str());
   } else {
     hr = khrPathNotFound;
@@ -173,10 +213,30 @@ STDMETHODIMP CArchiveFactory::DeleteArchive(BSTR path) {
   return S_OK;
 }
 
-STDMETHODIMP CArchiveFactory::CreateMultipartArchive(BSTR, IMultipartArchive** ppMultipartArchive) {
+// A path the cache already holds as a multipart archive hands that one out, as CreateArchive does;
+// any other existing path answers 0x800700B7 and is left alone.
+STDMETHODIMP CArchiveFactory::CreateMultipartArchive(BSTR path, IMultipartArchive** ppMultipartArchive) {
   KV_CHECK_POINTER(ppMultipartArchive);
   *ppMultipartArchive = nullptr;
-  return E_NOTIMPL;
+  WString strPath;
+  HRESULT hr = PathFromBstr(path, &strPath);
+  if (FAILED(hr)) return hr;
+  CGuard guard(m_section);
+  const WString strKey = CacheKey(strPath);
+  const auto it = m_cache.find(strKey);
+  if (it != m_cache.end() && MultipartOf(it->second)) {
+    KV_LOG_MESSAGE(KV_W("successfull multipart archive creation: %s\n"), strPath.c_str());
+    return it->second->QueryInterface(IID_IMultipartArchive, reinterpret_cast<void**>(ppMultipartArchive));
+  }
+  NSCom::CComObject<CMultipartArchive>* pMultipart = nullptr;
+  hr = NSCom::CComObject<CMultipartArchive>::CreateInstance(&pMultipart);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  NSCom::CComPtr<IUnknown> pHold(pMultipart->GetUnknown());
+  hr = pMultipart->Create(FullPath(strPath));
+  if (!KV_SUCCEEDED(hr)) return hr;
+  m_cache[strKey] = pHold;
+  KV_LOG_MESSAGE(KV_W("successfull multipart archive creation: %s\n"), strPath.c_str());
+  return pHold->QueryInterface(IID_IMultipartArchive, reinterpret_cast<void**>(ppMultipartArchive));
 }
 
 STDMETHODIMP CArchiveFactory::Set(LONG lState) {

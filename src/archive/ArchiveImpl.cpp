@@ -298,9 +298,28 @@ void CArchiveImpl::OnChange(LONG, LONG, LONG) {
   ClearStateBitsUnlocked(klStateHookRan);
 }
 
-void CArchiveImpl::SetOwner(IUnknown* pOwner) {
+void CArchiveImpl::SetOwner(IPartitionOwner* pOwner) {
   CGuard guard(m_section);
   m_pOwner = pOwner;
+}
+
+void CArchiveImpl::ReleaseOwner(IPartitionOwner* pOwner) {
+  CGuard guard(m_section);
+  if (m_pOwner == pOwner) m_pOwner = nullptr;
+}
+
+bool CArchiveImpl::HasOwner() {
+  CGuard guard(m_section);
+  return m_pOwner != nullptr;
+}
+
+CArchiveImpl* ArchiveImplOf(IUnknown* p) {
+  if (!p) return nullptr;
+  IRecordParent* pParent = nullptr;
+  if (FAILED(p->QueryInterface(__uuidof(IRecordParent), reinterpret_cast<void**>(&pParent))) || !pParent)
+    return nullptr;
+  pParent->Release();
+  return static_cast<CArchiveImpl*>(pParent);
 }
 
 // ---- Records --------------------------------------------------------------------------------------

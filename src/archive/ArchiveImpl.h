@@ -33,6 +33,18 @@ namespace NSArchive {
 
 class CArchiveFactory;
 
+// The multipart archive that holds an archive as a partition, as the partition sees it. Not a COM
+// interface: the partition keeps a plain pointer, which its owner clears before it goes.
+class IPartitionOwner {
+ public:
+  // The partition's quota changed: a partition that refused frames may take them again. Called
+  // under the partition's lock; the owner must not take a lock that waits for the partition.
+  virtual void OnPartitionQuotaChanged() = 0;
+
+ protected:
+  ~IPartitionOwner() = default;
+};
+
 // Between two size-and-quota passes. A pass walks every file of the archive's records, so it is not
 // run often; 30 s of writing at a few tens of MB/s stays inside the 2 GiB margin that each pass
 // frees beyond the limit.
@@ -135,8 +147,12 @@ class CArchiveImpl : public NSCom::CComObjectRootEx,
   ULONGLONG GetArchiveSize();
   ULONGLONG GetOpenHoursSize();
   bool IsQuotaExceeded() const { return m_lQuotaExceeded.load() != 0; }
-  // The multipart archive holding this archive as a partition (not counted); null when alone.
-  void SetOwner(IUnknown* pOwner);
+  // The multipart archive holding this archive as a partition (not counted); null when alone. A
+  // partition never deletes hours by itself and tells its owner when its quota changes.
+  void SetOwner(IPartitionOwner* pOwner);
+  // Clears the owner link when pOwner is the owner (an owner letting go never clears another's).
+  void ReleaseOwner(IPartitionOwner* pOwner);
+  bool HasOwner();
 
  protected:
   void OnChange(LONG lFirst, LONG lSecond, LONG lState) override;
@@ -156,6 +172,7 @@ class CArchiveImpl : public NSCom::CComObjectRootEx,
   HRESULT MakeRecord(const WString& strName, const WString& strClient, DWORD dwMode, const WString& strHandle,
                      IRecord** ppRecord);
   void TrimReaders(DWORD dwLimit);
+  void TellOwnerQuotaChanged();
   std::vector<NSCom::CComPtr<IRecord>> OpenWriters();
   void SizeScan();
   void StartFlusher(DWORD dwFlushTimeout);
@@ -169,7 +186,7 @@ class CArchiveImpl : public NSCom::CComObjectRootEx,
   ULONGLONG m_ullOpenHoursSize = 0;
   std::atomic<LONG> m_lQuotaExceeded{0};
   std::atomic<LONG> m_lBusy{0};
-  IUnknown* m_pOwner = nullptr;
+  IPartitionOwner* m_pOwner = nullptr;
   std::shared_ptr<NSSystem::CThread> m_pWorker;
   // The flusher is started and stopped outside the archive lock (its task takes that lock).
   std::mutex m_flusherMutex;
@@ -184,6 +201,10 @@ class CArchiveImpl : public NSCom::CComObjectRootEx,
   std::shared_ptr<SThreadCell> m_pFlusherCell;
   static void LetThreadGo(std::shared_ptr<NSSystem::CThread>& pThread, const std::shared_ptr<SThreadCell>& pCell);
 };
+
+// The archive object behind p when p is one of this library's archives (it answers IRecordParent),
+// else null. Adds no reference: the caller holds p.
+CArchiveImpl* ArchiveImplOf(IUnknown* p);
 
 // A record name is one directory name inside the archive: not empty, not "." or "..", without a
 // path separator of either platform.

@@ -70,6 +70,12 @@ WString NextDeletableHour(IRecordInternal* pRecord, const WString& strAfter) {
 
 // ---- Quotas ---------------------------------------------------------------------------------------
 
+// Under the lock: the owner clears its pointer under this lock before it goes, so the call cannot
+// reach an owner that is being destroyed.
+void CArchiveImpl::TellOwnerQuotaChanged() {
+  if (m_pOwner) m_pOwner->OnPartitionQuotaChanged();
+}
+
 STDMETHODIMP CArchiveImpl::SetQuota(ULONGLONG ullMinimumFreeDiskSpace, ULONGLONG ullMaximumArchiveSize) {
   HRESULT hr;
   {
@@ -81,6 +87,7 @@ STDMETHODIMP CArchiveImpl::SetQuota(ULONGLONG ullMinimumFreeDiskSpace, ULONGLONG
     m_settings.ullMinimumFreeDiskSpace = ullMinimumFreeDiskSpace;
     m_settings.ullMaximumArchiveSize = ullMaximumArchiveSize;
     hr = SerializeSettings(true);
+    TellOwnerQuotaChanged();
   }
   KV_SUCCEEDED(hr);
   return hr;
@@ -104,6 +111,7 @@ STDMETHODIMP CArchiveImpl::SetArchiveQuota(const SArchiveQuota* pQuota) {
       m_records.clear();
     }
     hr = SerializeSettings(true);
+    TellOwnerQuotaChanged();
   }
   KV_SUCCEEDED(hr);
   return hr;

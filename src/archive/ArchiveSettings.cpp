@@ -109,44 +109,6 @@ HRESULT BuildDocument(const SArchiveSettings& settings, std::string* pstrText) {
   return S_OK;
 }
 
-// Replaces the file with strText. The text goes to a file beside it first, which then takes the
-// old one's place, so that a failed save (a full disk) leaves the previous settings readable.
-HRESULT WriteWholeFile(const WString& strFile, const std::string& strText) {
-  const WString strNew = strFile + KV_W(".new");  // kszSettingsNewFile beside kszSettingsFileName
-  NSPlatform::CFile file;
-  HRESULT hr = file.Open(strNew.c_str(), GENERIC_WRITE, 0, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
-  if (FAILED(hr)) return hr;
-  DWORD cbWritten = 0;
-  hr = file.Write(strText.data(), static_cast<DWORD>(strText.size()), &cbWritten);
-  if (SUCCEEDED(hr) && cbWritten != strText.size()) hr = khrWriteFault;
-  if (SUCCEEDED(hr)) hr = file.Flush();
-  file.Close();
-  if (SUCCEEDED(hr)) hr = NSPlatform::RenameFile(strNew.c_str(), strFile.c_str());
-  if (FAILED(hr)) NSPlatform::RemoveFile(strNew.c_str());
-  return hr;
-}
-
-// The whole file; one larger than any settings file is invalid data.
-HRESULT ReadWholeFile(const WString& strFile, std::string* pstrText) {
-  NSPlatform::CFile file;
-  HRESULT hr = file.Open(strFile.c_str(), GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
-  if (FAILED(hr)) return hr;
-  ULONGLONG ullSize = 0;
-  if (FAILED(hr = file.GetSize(&ullSize))) return hr;
-  if (ullSize > kcbMaxFile) return khrInvalidData;
-  pstrText->assign(static_cast<size_t>(ullSize), '\0');
-  size_t cbDone = 0;
-  while (cbDone < pstrText->size()) {
-    DWORD cbRead = 0;
-    hr = file.Read(pstrText->data() + cbDone, static_cast<DWORD>(pstrText->size() - cbDone), &cbRead);
-    if (FAILED(hr)) return hr;
-    if (!cbRead) break;  // the file shrank meanwhile: parse what there is
-    cbDone += cbRead;
-  }
-  pstrText->resize(cbDone);
-  return S_OK;
-}
-
 // Reads the values present in the document into *pSettings, which the caller throws away on failure.
 HRESULT ReadValues(const pugi::xml_document& document, SArchiveSettings* pSettings) {
   const pugi::xml_node root = document.document_element();
@@ -194,6 +156,41 @@ HRESULT LoadSettings(const WString& strFile, SArchiveSettings* pSettings) {
 }
 
 }  // namespace
+
+HRESULT WriteWholeFile(const WString& strFile, const std::string& strText) {
+  const WString strNew = strFile + KV_W(".new");  // kszSettingsNewFile beside kszSettingsFileName
+  NSPlatform::CFile file;
+  HRESULT hr = file.Open(strNew.c_str(), GENERIC_WRITE, 0, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
+  if (FAILED(hr)) return hr;
+  DWORD cbWritten = 0;
+  hr = file.Write(strText.data(), static_cast<DWORD>(strText.size()), &cbWritten);
+  if (SUCCEEDED(hr) && cbWritten != strText.size()) hr = khrWriteFault;
+  if (SUCCEEDED(hr)) hr = file.Flush();
+  file.Close();
+  if (SUCCEEDED(hr)) hr = NSPlatform::RenameFile(strNew.c_str(), strFile.c_str());
+  if (FAILED(hr)) NSPlatform::RemoveFile(strNew.c_str());
+  return hr;
+}
+
+HRESULT ReadWholeFile(const WString& strFile, std::string* pstrText) {
+  NSPlatform::CFile file;
+  HRESULT hr = file.Open(strFile.c_str(), GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
+  if (FAILED(hr)) return hr;
+  ULONGLONG ullSize = 0;
+  if (FAILED(hr = file.GetSize(&ullSize))) return hr;
+  if (ullSize > kcbMaxFile) return khrInvalidData;
+  pstrText->assign(static_cast<size_t>(ullSize), '\0');
+  size_t cbDone = 0;
+  while (cbDone < pstrText->size()) {
+    DWORD cbRead = 0;
+    hr = file.Read(pstrText->data() + cbDone, static_cast<DWORD>(pstrText->size() - cbDone), &cbRead);
+    if (FAILED(hr)) return hr;
+    if (!cbRead) break;  // the file shrank meanwhile: parse what there is
+    cbDone += cbRead;
+  }
+  pstrText->resize(cbDone);
+  return S_OK;
+}
 
 HRESULT SerializeSettings(const WString& strFile, bool bSave, SArchiveSettings* pSettings) {
   KV_CHECK_POINTER(pSettings);

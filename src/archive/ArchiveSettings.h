@@ -18,6 +18,8 @@
 // was written with and must match on reading.
 #pragma once
 
+#include <string>
+
 #include "platform/wintypes.h"
 
 namespace NSArchive {
@@ -51,5 +53,15 @@ inline constexpr WCHAR kszArchiveDescriptionFile[] = KV_W("descriptor.ald");
 // an unsigned type), answers E_INVALIDARG. Failures other than the missing file are reported. On any
 // failure *pSettings is left as it was.
 HRESULT SerializeSettings(const WString& strFile, bool bSave, SArchiveSettings* pSettings);
+
+// The two halves of every small document file the engine keeps (settings, multipart archives).
+//
+// WriteWholeFile replaces strFile with strText. The text goes to strFile + ".new" first, which then
+// takes the old file's place, so that a failed save (a full disk) leaves the previous file readable
+// and no ".new" file behind.
+HRESULT WriteWholeFile(const WString& strFile, const std::string& strText);
+// ReadWholeFile reads the whole of strFile; a file larger than 1 MiB is not one of our documents and
+// answers 0x8007000D without being read.
+HRESULT ReadWholeFile(const WString& strFile, std::string* pstrText);
 
 }  // namespace NSArchive

@@ -154,4 +154,55 @@ TEST_F(ArchiveClientTest, FactoryStateAndDeletion) {
   EXPECT_EQ(static_cast<HRESULT>(0x80070003), m_pFactory->DeleteArchive(CBstr(strPath)));
 }
 
+// A multipart archive through the library's own class object: three partitions, frames written to
+// the active one, the file opened from the cache, and deleted without its partitions' frames.
+TEST_F(ArchiveClientTest, MultipartArchiveThroughThePublicInterfaces) {
+  const WString strFile = m_dir.Sub(KV_W("site.kvm"));
+  CPtr<IMultipartArchive> pMultipart;
+  NSTest::CLogCapture capture;
+  ASSERT_EQ(S_OK, m_pFactory->CreateMultipartArchive(CBstr(strFile), &pMultipart));
+  bool bCreated = false;
+  for (const NSTest::SLoggedReport& r : capture.Reports(KV_W("message")))
+    bCreated = bCreated || r.strText == KV_W("successfull multipart archive creation: ") + strFile + KV_W("\n");
+  EXPECT_TRUE(bCreated);
+  const WString astrDisks[3] = {m_dir.Sub(KV_W("d0")), m_dir.Sub(KV_W("d1")), m_dir.Sub(KV_W("d2"))};
+  for (const WString& strDisk : astrDisks) {
+    CPtr<IKronvale> pPartition;
+    ASSERT_EQ(S_OK, m_pFactory->CreateArchive(CBstr(strDisk), &pPartition));
+    ASSERT_EQ(S_OK, pMultipart->AddPartition(pPartition.p));
+  }
+  CPtr<IRecord> pWriter;
+  ASSERT_EQ(S_OK, pMultipart->CreateRecord(CBstr(KV_W("gate")), &pWriter));
+  BYTE abFrame[] = {9, 8, 7};
+  SFrameBuffer buffer = {abFrame, sizeof(abFrame)};
+  const FILETIME ft = {0x4F1A0000u, 0x01D71300u};
+  ASSERT_EQ(S_OK, pWriter->Write(ft, 0x5, &buffer, 1));
+  EXPECT_EQ(E_NOTIMPL, pMultipart->SetQuota(0, 0));
+
+  CPtr<IKronvale> pOpened;
+  ASSERT_EQ(S_OK, m_pFactory->OpenArchive(CBstr(strFile), &pOpened));
+  CPtr<IKronvale> pAsArchive;
+  ASSERT_EQ(S_OK, pMultipart->QueryInterface(IID_IKronvale, reinterpret_cast<void**>(&pAsArchive)));
+  EXPECT_EQ(pAsArchive.p, pOpened.p);
+  DWORD cPartitions = 0;
+  IKronvale** ppPartitions = nullptr;
+  ASSERT_EQ(S_OK, pMultipart->GetPartitions(&cPartitions, &ppPartitions));
+  EXPECT_EQ(3u, cPartitions);
+  for (DWORD i = 0; i < cPartitions; ++i) ppPartitions[i]->Release();
+  CoTaskMemFree(ppPartitions);
+
+  // The file goes alone; the frame stays on the first partition added, the active one.
+  ASSERT_EQ(S_OK, m_pFactory->DeleteArchive(CBstr(strFile)));
+  EXPECT_FALSE(NSPlatform::PathExists(strFile.c_str()));
+  CPtr<IKronvale> pDisk0;
+  ASSERT_EQ(S_OK, m_pFactory->OpenArchive(CBstr(astrDisks[0]), &pDisk0));
+  CPtr<IRecord> pReader;
+  ASSERT_EQ(S_OK, pDisk0->OpenRecord(CBstr(KV_W("gate")), &pReader));
+  DWORD dwFlags = 0;
+  EXPECT_EQ(S_FALSE, pReader->Read(ft, &dwFlags, nullptr, 0));
+  EXPECT_EQ(0x5u, dwFlags);
+  // The partitions are the factory's own archives: deleting them lets the library go.
+  for (const WString& strDisk : astrDisks) EXPECT_EQ(S_OK, m_pFactory->DeleteArchive(CBstr(strDisk)));
+}
+
 }  // namespace
