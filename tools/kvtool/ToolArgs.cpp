@@ -213,17 +213,13 @@ std::string FormatTime(ULONGLONG ullTicks, bool bFull) {
 
 std::string FormatSize(ULONGLONG ullBytes) {
   static const char* const s_apszUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-  if (ullBytes < 1024) return std::to_string(ullBytes) + " B";
   unsigned nUnit = 0;
-  double d = static_cast<double>(ullBytes);
-  while (d >= 1024 && nUnit < 6) {
-    d /= 1024;
-    ++nUnit;
-  }
-  char sz[32];
-  if (d < 10) std::snprintf(sz, sizeof(sz), "%.1f %s", static_cast<double>(static_cast<ULONGLONG>(d * 10)) / 10, s_apszUnits[nUnit]);
-  else std::snprintf(sz, sizeof(sz), "%llu %s", static_cast<unsigned long long>(d), s_apszUnits[nUnit]);
-  return sz;
+  while (nUnit < 6 && (ullBytes >> (10 * (nUnit + 1))) != 0) ++nUnit;
+  const ULONGLONG ullWhole = ullBytes >> (10 * nUnit);
+  if (nUnit == 0 || ullWhole >= 10) return std::to_string(ullWhole) + " " + s_apszUnits[nUnit];
+  // Truncated, never rounded up past what is there.
+  const ULONGLONG ullTenths = ((ullBytes >> (10 * (nUnit - 1))) & 1023) * 10 / 1024;
+  return std::to_string(ullWhole) + "." + std::to_string(ullTenths) + " " + s_apszUnits[nUnit];
 }
 
 std::string DescribeResult(HRESULT hr) {
