@@ -13,7 +13,7 @@ packages=(
   libpugixml-dev libboost-dev libcli11-dev librsvg2-bin
   mingw-w64 mingw-w64-tools g++-mingw-w64-x86-64-posix
   wine wine64 libwine-dev
-  dpkg-dev
+  dpkg-dev python3
 )
 
 sudo_cmd=()

@@ -45,6 +45,34 @@ bool ReadExactly(NSPlatform::CFile& file, ULONGLONG ullOffset, void* pv, DWORD c
   return SUCCEEDED(file.ReadAt(ullOffset, pv, cb, &cbRead)) && cbRead == cb;
 }
 
+// The offset in data.al of a last frame that reaches past the file's end.
+bool FindTornTail(const SHourDir& hour, ULONGLONG* pullOffset) {
+  NSPlatform::CFile data, descriptor;
+  ULONGLONG ullData = 0, ullDescriptor = 0;
+  SFrameInfo info = {};
+  if (FAILED(data.Open(NSPlatform::CombinePath(hour.strPath, kszDataFileName).c_str(), GENERIC_READ, kdwShareAll,
+                       OPEN_EXISTING, 0)) ||
+      FAILED(data.GetSize(&ullData)) ||
+      FAILED(descriptor.Open(NSPlatform::CombinePath(hour.strPath, kszDescriptorFileName).c_str(), GENERIC_READ,
+                             kdwShareAll, OPEN_EXISTING, 0)) ||
+      FAILED(descriptor.GetSize(&ullDescriptor)) || ullDescriptor < 2 * sizeof(SFrameInfo) ||
+      !ReadExactly(descriptor, ullDescriptor / sizeof(SFrameInfo) * sizeof(SFrameInfo) - sizeof(SFrameInfo), &info,
+                   sizeof(info)))
+    return false;
+  if (info.ullOffset + info.dwSize <= ullData || info.ullOffset > ullData) return false;
+  *pullOffset = info.ullOffset;
+  return true;
+}
+
+HRESULT CutDataFile(const SHourDir& hour, ULONGLONG ullSize) {
+  NSPlatform::CFile data;
+  HRESULT hr = data.Open(NSPlatform::CombinePath(hour.strPath, kszDataFileName).c_str(), GENERIC_READ | GENERIC_WRITE,
+                         kdwShareAll, OPEN_EXISTING, 0);
+  if (SUCCEEDED(hr)) hr = data.Seek(static_cast<LONGLONG>(ullSize), FILE_BEGIN, nullptr);
+  if (SUCCEEDED(hr)) hr = data.SetEndOfFile();
+  return hr;
+}
+
 }  // namespace
 
 HRESULT ListHours(const WString& strRecordPath, ULONGLONG ullFrom, ULONGLONG ullTo, std::vector<SHourDir>* pvHours) {
@@ -188,6 +216,20 @@ HRESULT RepairHour(const SHourDir& hour, SRepairResult* pResult) {
   HRESULT hr = manager.Repair(nullptr);
   if (FAILED(hr)) return hr;
   if (!NSPlatform::IsDirectory(hour.strPath.c_str())) return S_OK;  // nothing was left to keep
+  // The hour repair's walk keeps a last frame that lost no more than its header's size (it compares
+  // the buffers' size alone with what is left), and that frame stays torn. Such a frame is cut off
+  // here and the hour rebuilt once more, so that a repaired hour passes the check.
+  ULONGLONG ullCut = 0;
+  if (CheckHour(hour).bCorrupt && FindTornTail(hour, &ullCut)) {
+    hr = CutDataFile(hour, ullCut);
+    if (SUCCEEDED(hr)) {
+      manager.Open(hour.strPath, false, true);
+      manager.Close();
+      hr = manager.Repair(nullptr);
+    }
+    if (FAILED(hr)) return hr;
+    if (!NSPlatform::IsDirectory(hour.strPath.c_str())) return S_OK;
+  }
   hr = manager.Open(hour.strPath, false, true);
   if (SUCCEEDED(hr)) pResult->cAfter = manager.GetFrameCount();
   manager.Close();

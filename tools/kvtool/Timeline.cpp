@@ -74,12 +74,11 @@ std::string RenderTimeline(const std::string& strTitle, const std::vector<STimel
       break;
     }
   const ULONGLONG ullLabelEvery = dSpan / static_cast<double>(ullHourStep) > 12 ? 2 : 1;
-  ULONGLONG nTick = 0;
-  for (ULONGLONG t = (ullFrom + ullHourStep - 1) / ullHourStep * ullHourStep; t <= ullTo; t += ullHourStep, ++nTick) {
+  for (ULONGLONG t = (ullFrom + ullHourStep - 1) / ullHourStep * ullHourStep; t <= ullTo; t += ullHourStep) {
     const bool bDay = t % kullTicksPerDay == 0;
     str += "<line x1=\"" + Num(x(t)) + "\" y1=\"" + Num(kdTop - 4) + "\" x2=\"" + Num(x(t)) + "\" y2=\"" + Num(dAxis + (bDay ? 10 : 5)) +
            "\" stroke=\"" + (bDay ? "#495057" : "#ced4da") + "\" stroke-width=\"" + (bDay ? "1.5" : "1") + "\"/>\n";
-    if (bDay || nTick % ullLabelEvery == 0) {
+    if (bDay || (t / ullHourStep) % ullLabelEvery == 0) {
       const std::string strTime = FormatTime(t);
       str += "<text x=\"" + Num(x(t)) + "\" y=\"" + Num(dAxis + 22) + "\" text-anchor=\"middle\">" +
              (bDay ? strTime.substr(0, 10) : strTime.substr(11, 5)) + "</text>\n";

@@ -643,8 +643,9 @@ int Export(CKronvale& kronvale, const std::string& strPath, const std::string& s
   period.Get(Now(), &ullFrom, &ullTo);
   const SFrameFilter filter = filterOptions.Get();
   const bool bStream = strOut == "-";
-  const WString strOutDir = Wide(strOut);
+  WString strOutDir = Wide(strOut);
   if (!bStream) {
+    Check(NSPlatform::GetFullPath(Wide(strOut).c_str(), &strOutDir), "exporting to " + Quote(strOut));
     if (NSPlatform::PathExists(strOutDir.c_str()) && !NSPlatform::IsDirectory(strOutDir.c_str()))
       throw CToolError(ketFailure, "exporting to " + Quote(strOut) + ": it is a file, not a directory");
     if (!NSPlatform::IsDirectory(strOutDir.c_str()))
