@@ -47,10 +47,10 @@ std::string RenderTimeline(const std::string& strTitle, const std::vector<STimel
     const ULONGLONG ullClamped = std::clamp(ull, ullFrom, ullTo);
     return kdLeft + kdWidth * static_cast<double>(ullClamped - ullFrom) / dSpan;
   };
-  // A span at least half a pixel wide, so that a single frame shows.
+  // A span at least 1.5 pixels wide, so that a single frame shows.
   auto rect = [&](const std::pair<ULONGLONG, ULONGLONG>& span, double dY, double dHeight, const char* pszFill) {
     const double dX = x(span.first);
-    const double dW = std::max(x(span.second) - dX, 0.5);
+    const double dW = std::max(x(span.second) - dX, 1.5);
     return "<rect x=\"" + Num(dX) + "\" y=\"" + Num(dY) + "\" width=\"" + Num(dW) + "\" height=\"" + Num(dHeight) +
            "\" fill=\"" + pszFill + "\"/>\n";
   };
