@@ -15,6 +15,7 @@ endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${kit})
 set(configure ${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples -B ${example} -G Ninja -DCMAKE_PREFIX_PATH=${kit}
+    -DKronvale_DIR=${kit}/lib/cmake/Kronvale
     -DCMAKE_BUILD_TYPE=RelWithDebInfo)
 if(TOOLCHAIN)
   list(APPEND configure -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN})

@@ -124,10 +124,9 @@ def scenario(w):
         (["read", "arc", "nocam", "2021-03-07T10:00Z"], 1,
          "kvtool: opening record 'nocam': archive 'arc' has no such record"),
         (["read", "arc", "cam", "2021-03-07T10:00:00.3Z"], 1,
-         "kvtool: reading the frame at 2021-03-07T10:00:00.300Z of record 'cam': Element not found. (0x80070490)"),
+         "kvtool: reading the frame at 2021-03-07T10:00:00.300Z of record 'cam': {text} (0x80070490)"),
         (["read", "arc", "cam", "2021-03-07T09:00Z"], 1,
-         "kvtool: reading the frame at 2021-03-07T09:00:00.000Z of record 'cam': The system cannot find the file "
-         "specified. (0x80070002)"),
+         "kvtool: reading the frame at 2021-03-07T09:00:00.000Z of record 'cam': {text} (0x80070002)"),
         (["next", "arc", "cam", "2021-03-07T11:00:01.25Z"], 1,
          "kvtool: finding the next frame after 2021-03-07T11:00:01.250Z in record 'cam': there is none"),
         (["demo", "arc"], 4,
@@ -138,7 +137,11 @@ def scenario(w):
     ]
     for args, code, message in table:
         rc, out, err, _ = run(*args, cwd=w)
-        check(rc == code and message in err,
+        # {text} stands for the system's words for a result (Windows has its own), never empty.
+        head, _, tail = message.partition("{text}")
+        matches = message in err if not tail else (err.startswith(head) and err.rstrip().endswith(tail) and
+                                                   len(err.strip()) > len(head + tail) + 2)
+        check(rc == code and matches,
               f"kvtool {' '.join(args)}: exit {code} and {message!r} (got {rc}, {err.strip()!r})")
 
     # --- read --json gives back every buffer, none for the frame of none; offsets became UTC.

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -924,6 +925,7 @@ int Run(int argc, char** argv) {
   app.footer(kszExitCodes);
   app.set_version_flag("--version", kszVersion);
   app.require_subcommand(1);
+  app.allow_windows_style_options(false);  // an argument starting with / is a path, on Windows too
 
   // Every verb's options; only the chosen verb's are read.
   std::string strArchive, strRecord, strTime, strFlags, strOut, strFormat = "raw", strResolution, strTarget;
@@ -1052,7 +1054,12 @@ int Run(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    if (e.get_exit_code() == 0) return app.exit(e, std::cout, std::cerr);  // --help, --version: stdout
+    if (e.get_exit_code() == 0) {  // --help, --version: on stdout
+      std::ostringstream out, err;
+      app.exit(e, out, err);
+      std::fputs(out.str().c_str(), stdout);
+      return ketSuccess;
+    }
     throw CToolError(ketUsage, std::string(e.what()) + " (kvtool " +
                                    (app.get_subcommands().empty() ? std::string("") : app.get_subcommands()[0]->get_name() + " ") +
                                    "--help says more)");
@@ -1096,7 +1103,9 @@ int Run(int argc, char** argv) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+namespace {
+
+int Main(int argc, char** argv) {
   try {
     return Run(argc, argv);
   } catch (const CToolError& e) {
@@ -1109,3 +1118,25 @@ int main(int argc, char** argv) {
     return ketFailure;
   }
 }
+
+}  // namespace
+
+#ifdef _WIN32
+#include <fcntl.h>
+#include <io.h>
+
+// Windows hands the arguments over as UTF-16 (wmain, linked with -municode); the tool reads UTF-8
+// as on Linux. stdout is binary, so that exported bytes and line ends come out as they are.
+int wmain(int argc, wchar_t** wargv) {
+  _setmode(_fileno(stdout), _O_BINARY);
+  std::vector<std::string> vArgs;
+  for (int i = 0; i < argc; ++i)
+    vArgs.push_back(NSPlatform::WideToUtf8(WString(reinterpret_cast<const WCHAR*>(wargv[i]))));
+  std::vector<char*> vArgv;
+  for (auto& str : vArgs) vArgv.push_back(str.data());
+  vArgv.push_back(nullptr);
+  return Main(argc, vArgv.data());
+}
+#else
+int main(int argc, char** argv) { return Main(argc, argv); }
+#endif
