@@ -193,6 +193,16 @@ def scenario(w):
         seen.append((entry["time"], data))
     check(rc == 0 and seen == [(UTC[1], []), (UTC[2], ["gamma"])], f"cat - streams frames 2 and 3 ({seen}, {err})")
 
+    # --- copy takes whole hours to another archive; merge writes the frames passing a filter.
+    ok(w, "copy", "arc", "cam", "arc2", "--from", "2021-03-07T10:00:00.2Z", "--to", "2021-03-07T10:00:01Z")
+    copied = json.loads(ok(w, "info", "arc2", "--json")[0])["records"]
+    check([(r["name"], r["frames"], r["hours"]) for r in copied] == [("cam", 3, 1)],
+          f"copy takes the whole hour 10 with its 3 frames ({copied})")
+    ok(w, "merge", "arc2", "keys", "arc", "cam", "--mask", "0x1")
+    merged = json.loads(ok(w, "info", "arc2", "keys", "--json")[0])["records"]
+    check([(r["frames"], r["first"], r["last"]) for r in merged] == [(3, UTC[0], UTC[3])],
+          f"merge --mask 0x1 writes the 3 frames with flag 1 ({merged})")
+
     # --- set and rm.
     ok(w, "set", "arc", "--quota-free", "1G", "--max-hours", "48", "--flush-timeout", "0x3e8")
     info = json.loads(ok(w, "info", "arc", "--json")[0])

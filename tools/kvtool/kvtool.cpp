@@ -721,7 +721,10 @@ int Copy(CKronvale& kronvale, const std::string& strPath, const std::string& str
   archive.OpenRecord(strRecord, true, &pRecord);
   CPtr<IRecordFastCopy> pCopy;
   Check(pRecord->QueryInterface(IID_IRecordFastCopy, reinterpret_cast<void**>(&pCopy)), "asking record " + Quote(strRecord) + " for its fast copy");
-  Check(pCopy->CopyHoursTo(CBstr(Utf8(target.RecordPath(strRecord))), Ft(ullFrom), Ft(ullTo)),
+  WString strTargetRecord;
+  Check(NSPlatform::GetFullPath(target.RecordPath(strRecord).c_str(), &strTargetRecord),
+        "copying the hours of record " + Quote(strRecord) + " to archive " + Quote(strTarget));
+  Check(pCopy->CopyHoursTo(CBstr(Utf8(strTargetRecord)), Ft(ullFrom), Ft(ullTo)),
         "copying the hours of record " + Quote(strRecord) + " to archive " + Quote(strTarget));
   std::printf("hours of %s from %s to %s copied to %s\n", strRecord.c_str(), FormatTime(ullFrom).c_str(),
               FormatTime(ullTo).c_str(), strTarget.c_str());
