@@ -91,6 +91,36 @@ std::string Size(ULONGLONG ullBytes, bool bExact) {
   return bExact ? std::to_string(ullBytes) + " bytes" : FormatSize(ullBytes);
 }
 
+// Progress of long work on stderr, only when stderr is a terminal (a person watching), so that
+// scripts and tests see nothing of it. One line, rewritten in place, cleared at the end.
+bool StderrIsTerminal();
+
+class CProgress {
+ public:
+  CProgress(const char* pszWhat, ULONGLONG cTotal) : m_pszWhat(pszWhat), m_cTotal(cTotal), m_bShow(StderrIsTerminal()) {}
+  ~CProgress() {
+    if (m_bShow && m_bShown) std::fprintf(stderr, "\r%60s\r", "");
+  }
+  void Step(ULONGLONG cDone) {
+    if (!m_bShow || m_cTotal == 0) return;
+    const ULONGLONG ullNow = NSPlatform::GetTickCount64();
+    if (m_bShown && ullNow - m_ullLast < 200) return;
+    m_ullLast = ullNow;
+    m_bShown = true;
+    std::fflush(stdout);
+    std::fprintf(stderr, "\r%s: %llu of %llu (%llu%%)   ", m_pszWhat, static_cast<unsigned long long>(cDone),
+                 static_cast<unsigned long long>(m_cTotal), static_cast<unsigned long long>(cDone * 100 / m_cTotal));
+    std::fflush(stderr);
+  }
+
+ private:
+  const char* m_pszWhat;
+  ULONGLONG m_cTotal;
+  bool m_bShow;
+  bool m_bShown = false;
+  ULONGLONG m_ullLast = 0;
+};
+
 // A record name as the archive keeps it: one directory name, no separators, no "..", no NUL.
 void CheckRecordName(const std::string& strName) {
   if (strName.empty() || strName == "." || strName == ".." || strName.find_first_of("/\\:") != std::string::npos ||
@@ -464,13 +494,20 @@ int Verify(const std::string& strPath, const std::string& strRecord, const SPeri
   ULONGLONG ullFrom, ullTo;
   period.Get(Now(), &ullFrom, &ullTo);
   const auto vRecords = RecordsToCheck(strPath, strRecord);
+  std::vector<std::vector<SHourDir>> vvHours(vRecords.size());
+  ULONGLONG cAllHours = 0;
+  for (size_t i = 0; i < vRecords.size(); ++i) {
+    Check(ListHours(NSPlatform::CombinePath(Wide(strPath), Wide(vRecords[i])), ullFrom, ullTo, &vvHours[i]),
+          "listing the hours of record " + Quote(vRecords[i]));
+    cAllHours += vvHours[i].size();
+  }
+  CProgress progress("verifying hours", cAllHours);
   ULONGLONG cHours = 0, cFrames = 0, cCorrupt = 0;
   if (bJson) std::printf("{\"archive\":%s,\"corrupt\":[", JsonString(strPath).c_str());
-  for (const auto& strName : vRecords) {
-    std::vector<SHourDir> vHours;
-    Check(ListHours(NSPlatform::CombinePath(Wide(strPath), Wide(strName)), ullFrom, ullTo, &vHours),
-          "listing the hours of record " + Quote(strName));
-    for (const auto& hour : vHours) {
+  for (size_t i = 0; i < vRecords.size(); ++i) {
+    const std::string& strName = vRecords[i];
+    for (const auto& hour : vvHours[i]) {
+      progress.Step(cHours);
       const SHourCheck check = CheckHour(hour);
       ++cHours;
       cFrames += check.cFrames;
@@ -502,7 +539,10 @@ int Repair(const std::string& strPath, const std::string& strRecord, bool bDryRu
     std::vector<SHourDir> vHours;
     Check(ListHours(NSPlatform::CombinePath(Wide(strPath), Wide(strName)), 0, kullLastTime, &vHours),
           "listing the hours of record " + Quote(strName));
-    for (const auto& hour : vHours) {
+    CProgress progress("checking hours", vHours.size());
+    for (size_t k = 0; k < vHours.size(); ++k) {
+      const SHourDir& hour = vHours[k];
+      progress.Step(k);
       const SHourCheck check = CheckHour(hour);
       if (!check.bCorrupt) continue;
       SRepairResult result;
@@ -886,7 +926,9 @@ int Demo(CKronvale& kronvale, const std::string& strPath, unsigned nMinutes, boo
     std::vector<BYTE> vPicture(4096);
     ULONGLONG cFrames = 0;
     const ULONGLONG ullClock = NSPlatform::GetTickCount64();
+    CProgress progress("writing frames", (ullEnd - ullStart) / ullStep);
     for (ULONGLONG t = ullStart; t < ullEnd; t += ullStep, ++cFrames) {
+      progress.Step(cFrames);
       const ULONGLONG ullSecond = (t / kullTicksPerSecond) % 60;
       const DWORD dwFlags = (cFrames % 25 == 0 ? 0x1u : 0u) | (ullSecond >= 30 ? 0x2u : 0u);
       std::memcpy(vPicture.data(), &t, sizeof(t));
@@ -1124,9 +1166,15 @@ int Main(int argc, char** argv) {
 
 }  // namespace
 
+// The tool's only calls to the C runtime below stdio: whether stderr is a terminal, and (Windows)
+// the arguments in UTF-16 and a binary stdout.
 #ifdef _WIN32
 #include <fcntl.h>
 #include <io.h>
+
+namespace {
+bool StderrIsTerminal() { return _isatty(_fileno(stderr)) != 0; }
+}  // namespace
 
 // Windows hands the arguments over as UTF-16 (wmain, linked with -municode); the tool reads UTF-8
 // as on Linux. stdout is binary, so that exported bytes and line ends come out as they are.
@@ -1141,5 +1189,11 @@ int wmain(int argc, wchar_t** wargv) {
   return Main(argc, vArgv.data());
 }
 #else
+#include <unistd.h>
+
+namespace {
+bool StderrIsTerminal() { return isatty(fileno(stderr)) != 0; }
+}  // namespace
+
 int main(int argc, char** argv) { return Main(argc, argv); }
 #endif
