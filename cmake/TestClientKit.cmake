@@ -20,6 +20,12 @@ set(configure ${CMAKE_COMMAND} -S ${SOURCE_DIR}/examples -B ${example} -G Ninja 
 if(TOOLCHAIN)
   list(APPEND configure -DCMAKE_TOOLCHAIN_FILE=${TOOLCHAIN})
 endif()
+# A library built with sanitizers needs a client built with them.
+load_cache(${BUILD_DIR} READ_WITH_PREFIX kit_ KV_SANITIZE)
+if(kit_KV_SANITIZE)
+  list(JOIN kit_KV_SANITIZE "," sanitizers)
+  list(APPEND configure "-DCMAKE_CXX_FLAGS=-fsanitize=${sanitizers} -fno-omit-frame-pointer")
+endif()
 run(${configure})
 run(${CMAKE_COMMAND} --build ${example})
 string(REPLACE "|" ";" emulator "${EMULATOR}")
