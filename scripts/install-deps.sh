@@ -10,10 +10,10 @@ deps_dir="${KRONVALE_DEPS:-${XDG_CACHE_HOME:-$HOME/.cache}/kronvale}"
 packages=(
   g++ clang cmake ninja-build git ca-certificates
   googletest libgtest-dev libbenchmark-dev
-  libpugixml-dev libboost-dev
+  libpugixml-dev libboost-dev libcli11-dev librsvg2-bin
   mingw-w64 mingw-w64-tools g++-mingw-w64-x86-64-posix
   wine wine64 libwine-dev
-  dpkg-dev
+  dpkg-dev python3
 )
 
 sudo_cmd=()

@@ -251,10 +251,15 @@ std::string RealPath(const char* pszPath) {
   return realpath(pszPath, szResolved) != nullptr ? std::string(szResolved) : std::string();
 }
 
-TEST_F(ModuleExportsTest, ExportsAreExactlyTheTwoEntryPointsAndAreTheLibrarysOwnCode) {
+// A Linux client links libkronvale.so alone: besides the two entry points it exports the COM base a
+// client needs for strings and returned memory, each the library's own code.
+TEST_F(ModuleExportsTest, ExportsAreTheEntryPointsAndTheClientsComBaseAllTheLibrarysOwnCode) {
   const std::string strLibrary = RealPath(KV_TEST_BIN_DIR "/libkronvale.so");
   ASSERT_FALSE(strLibrary.empty());
-  for (const char* pszName : {"DllGetClassObject", "DllCanUnloadNow"}) {
+  for (const char* pszName : {"DllGetClassObject", "DllCanUnloadNow", "SysAllocString", "SysAllocStringLen",
+                              "SysAllocStringByteLen", "SysReAllocString", "SysReAllocStringLen", "SysStringLen",
+                              "SysStringByteLen", "SysFreeString", "CoTaskMemAlloc", "CoTaskMemRealloc",
+                              "CoTaskMemFree"}) {
     SCOPED_TRACE(pszName);
     void* pSymbol = m_library.Get<void*>(pszName);
     ASSERT_NE(nullptr, pSymbol);
@@ -262,9 +267,22 @@ TEST_F(ModuleExportsTest, ExportsAreExactlyTheTwoEntryPointsAndAreTheLibrarysOwn
     ASSERT_NE(0, dladdr(pSymbol, &info));
     EXPECT_EQ(strLibrary, RealPath(info.dli_fname));
   }
+  // The library's string functions agree with each other and with the BSTR layout.
+  auto pfnAlloc = m_library.Get<BSTR (*)(const OLECHAR*)>("SysAllocString");
+  auto pfnLen = m_library.Get<UINT (*)(BSTR)>("SysStringLen");
+  auto pfnByteLen = m_library.Get<UINT (*)(BSTR)>("SysStringByteLen");
+  auto pfnFree = m_library.Get<void (*)(BSTR)>("SysFreeString");
+  ASSERT_TRUE(pfnAlloc && pfnLen && pfnByteLen && pfnFree);
+  BSTR bstr = pfnAlloc(u"gate");
+  ASSERT_NE(nullptr, bstr);
+  EXPECT_EQ(4u, pfnLen(bstr));
+  EXPECT_EQ(8u, pfnByteLen(bstr));
+  EXPECT_EQ(8u, reinterpret_cast<const uint32_t*>(bstr)[-1]);
+  EXPECT_EQ(0, bstr[4]);
+  pfnFree(bstr);
   // No registration on Linux, and nothing of the library's insides is visible.
   for (const char* pszInternal : {"DllRegisterServer", "DllUnregisterServer", "DllMain", "CLSID_Kronvale",
-                                  "IID_IRecord", "GUID_NULL", "SysAllocString", "CoTaskMemAlloc"}) {
+                                  "IID_IRecord", "GUID_NULL"}) {
     EXPECT_EQ(nullptr, m_library.Get<void*>(pszInternal)) << pszInternal;
   }
 }

@@ -55,4 +55,9 @@
 #define _Inout_opt_
 #endif
 
+// The library's entry points, as <objbase.h> declares them on Windows: a Linux client that links
+// libkronvale.so calls DllGetClassObject directly.
+STDAPI DllGetClassObject(REFCLSID rclsid, REFIID riid, LPVOID* ppv);
+STDAPI DllCanUnloadNow();
+
 #endif  // KRONVALE_LINUX_SDKBASE_H
