@@ -119,8 +119,7 @@ def scenario(w):
         (["info", "plain"], 1,
          "kvtool: opening archive 'plain': the directory is not a Kronvale archive (it holds no settings.als)"),
         (["info", "afile"], 4,
-         "kvtool: opening archive 'afile': it is a file (a multipart archive), and multipart archives are not "
-         "supported by this build"),
+         "kvtool: opening archive 'afile': {text} (0x8007000D)"),
         (["read", "arc", "nocam", "2021-03-07T10:00Z"], 1,
          "kvtool: opening record 'nocam': archive 'arc' has no such record"),
         (["read", "arc", "cam", "2021-03-07T10:00:00.3Z"], 1,

@@ -146,16 +146,13 @@ class CKronvale {
   CPtr<IArchiveFactory> m_pFactory;
 };
 
-// Says what is at strPath when it is not an archive the tool can open: nothing, a file (a
-// multipart archive), or a directory without the archive's settings file.
+// Says what is at strPath when it is not an archive the tool can open: nothing, or a directory
+// without the archive's settings file. A file is a multipart archive, which the engine checks.
 void CheckIsArchive(const std::string& strPath) {
   const WString strWide = Wide(strPath);
   if (!NSPlatform::PathExists(strWide.c_str()))
     throw CToolError(ketNotFound, "opening archive " + Quote(strPath) + ": there is no such file or directory");
-  if (!NSPlatform::IsDirectory(strWide.c_str()))
-    throw CToolError(ketFailure, "opening archive " + Quote(strPath) +
-                                     ": it is a file (a multipart archive), and multipart archives are not supported by "
-                                     "this build");
+  if (!NSPlatform::IsDirectory(strWide.c_str())) return;  // a file: a multipart archive, the engine checks it
   if (!NSPlatform::PathExists(NSPlatform::CombinePath(strWide, KV_W("settings.als")).c_str()))
     throw CToolError(ketNotFound, "opening archive " + Quote(strPath) +
                                       ": the directory is not a Kronvale archive (it holds no settings.als)");
