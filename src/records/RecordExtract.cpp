@@ -25,6 +25,7 @@ using CGuard = NSSystem::CSectionGuard<NSSystem::CCriticalSection<0, 4000>>;
 
 constexpr ULONGLONG kullHour = NSKronvaleUtils::kullTicksPerHour;
 constexpr ULONGLONG kullSlot = 100000;  // 10 ms
+constexpr ULONGLONG kullSecond = 10000000;
 
 bool Passes(const SFrameFilter* pFilter, DWORD dwFlags) {
   return !pFilter || NSKronvaleUtils::IsFrameMatchesFilter(*pFilter, dwFlags);
@@ -399,10 +400,11 @@ STDMETHODIMP CRecordExtract::GetStatistic(FILETIME ftBegin, FILETIME ftEnd, FILE
   // per hour for an hour or coarser.
   std::vector<SStatisticCell> vCells;
   const ULONGLONG ullCell = cSlotsPerCell ? ULONGLONG{cSlotsPerCell} * kullSlot : kullHour;
-  ULONGLONG ullHourChecked = ~0ull;
+  ULONGLONG ullHourChecked = ~ULONGLONG{0};
   bool bHourPasses = true;
   SStatisticCell* pCell = nullptr;
-  ULONGLONG ullCellIndex = ~0ull;
+  ULONGLONG ullCellIndex = ~ULONGLONG{0};
+  ULONGLONG ullSecondAdded = ~ULONGLONG{0};
   for (auto it = m_vFrames.lower_bound(ullBegin); it != m_vFrames.end() && it->first <= ullEnd; ++it) {
     const ULONGLONG ullTime = it->first;
     const ULONGLONG ullHour = ullTime / kullHour;
@@ -424,10 +426,17 @@ STDMETHODIMP CRecordExtract::GetStatistic(FILETIME ftBegin, FILETIME ftEnd, FILE
       pCell->record.dwFlags = 0;
       pCell->record.dwCount = 0;
       pCell->ullFirstFrame = ullTime;
+      ullSecondAdded = ~ULONGLONG{0};
     }
     pCell->ullLastFrame = ullTime;
     if (!cSlotsPerCell) pCell->record.ftEnd = U64ToFileTime(ullTime);
-    pCell->record.dwFlags |= it->second.dwFlags;
+    // As an hour keeps flag counters per second, a cell's flags are those of its seconds whole.
+    const ULONGLONG ullSecond = ullTime / kullSecond;
+    if (ullSecond != ullSecondAdded) {
+      ullSecondAdded = ullSecond;
+      for (auto f = m_vFrames.lower_bound(ullSecond * kullSecond); f != m_vFrames.end() && f->first / kullSecond == ullSecond; ++f)
+        pCell->record.dwFlags |= f->second.dwFlags;
+    }
     if (Passes(pFilter, it->second.dwFlags)) ++pCell->record.dwCount;
   }
   // A cell whose flags together fail the filter is left out.
