@@ -360,7 +360,10 @@ STDMETHODIMP CRecord::Extract(FILETIME ftBegin, FILETIME ftSpan, const SFrameFil
     std::fill(vBuffers.begin(), vBuffers.end(), SFrameBuffer{nullptr, 0});
     DWORD dwFlags = 0;
     hr = Read(ftFrame, &dwFlags, vBuffers.data(), static_cast<DWORD>(lCount));
-    if (!KV_SUCCEEDED(hr)) return hr;
+    if (FAILED(hr)) {
+      KV_SUCCEEDED(hr);
+      return hr;
+    }
     hr = pNew->AppendFrame(ftFrame, dwFlags, vBuffers.data());
     if (FAILED(hr)) {
       for (SFrameBuffer& buffer : vBuffers) CoTaskMemFree(buffer.pData);

@@ -87,6 +87,11 @@ class CPacketWriter {
 // Reads an untrusted packet. Before any allocation it checks that the stream can still back it:
 // the bytes left in the stream are learnt once (Stat and Seek); a stream that cannot tell is read
 // in bounded steps, so that memory grows only as bytes actually arrive.
+//
+// A stream that tells its size is read ahead through a fixed buffer (small fields would otherwise
+// cost a read each); Finish seeks back over what was read ahead and not used, so that the stream is
+// left just after the packet, as the COM runtime requires. A stream that cannot tell is read field
+// by field, never beyond the packet.
 class CPacketReader {
  public:
   explicit CPacketReader(IStream* pStream) : m_pStream(pStream) {
@@ -100,27 +105,39 @@ class CPacketReader {
       m_ullLeft = stat.cbSize.QuadPart - uliPosition.QuadPart;
     }
   }
-  ULONGLONG Offset() const { return m_ullOffset; }
   // Whether the stream may still hold cb bytes (always true when it cannot tell).
-  bool Backs(ULONGLONG cb) const { return !m_bKnown || cb <= m_ullLeft; }
+  bool Backs(ULONGLONG cb) const { return !m_bKnown || cb <= m_ullLeft + (m_nEnd - m_nNext); }
 
   // Exactly cb bytes, or khrReadFault for a packet that ends early.
   HRESULT Get(void* pv, ULONG cb) {
-    KV_FUNC("CRecordExtract::UnmarshalInterface");
     BYTE* pb = static_cast<BYTE*>(pv);
-    for (ULONG cbDone = 0; cbDone < cb;) {
+    const ULONG cbBuffered = static_cast<ULONG>(std::min<size_t>(cb, m_nEnd - m_nNext));
+    std::memcpy(pb, m_ab + m_nNext, cbBuffered);
+    m_nNext += cbBuffered;
+    m_ullOffset += cbBuffered;
+    for (ULONG cbDone = cbBuffered; cbDone < cb;) {
+      // Small fields refill the buffer; large blocks are read straight into place.
+      const bool bFill = m_bKnown && cb - cbDone < sizeof(m_ab);
+      void* pTarget = bFill ? static_cast<void*>(m_ab) : pb + cbDone;
+      const ULONG cbAsk = bFill ? static_cast<ULONG>(std::min<ULONGLONG>(sizeof(m_ab), m_ullLeft)) : cb - cbDone;
       ULONG cbRead = 0;
-      const HRESULT hr = m_pStream->Read(pb + cbDone, cb - cbDone, &cbRead);
-      if (!KV_SUCCEEDED(hr)) return hr;
-      if (cbRead == 0 || cbRead > cb - cbDone) {
-        KV_LOG_ERROR(KV_W("Extract packet ends at byte %I64u, %u bytes short of its next field\n"),
-                     m_ullOffset + cbDone, static_cast<unsigned>(cb - cbDone));
-        return khrReadFault;
+      const HRESULT hr = cbAsk ? m_pStream->Read(pTarget, cbAsk, &cbRead) : S_OK;
+      if (FAILED(hr)) return Failed(hr);
+      if (cbRead == 0 || cbRead > cbAsk) return Short(cb - cbDone);
+      m_ullLeft -= std::min<ULONGLONG>(m_ullLeft, cbRead);
+      if (bFill) {
+        m_nNext = 0;
+        m_nEnd = cbRead;
+        const ULONG cbTake = std::min(cbRead, cb - cbDone);
+        std::memcpy(pb + cbDone, m_ab, cbTake);
+        m_nNext = cbTake;
+        cbDone += cbTake;
+        m_ullOffset += cbTake;
+      } else {
+        cbDone += cbRead;
+        m_ullOffset += cbRead;
       }
-      cbDone += cbRead;
     }
-    m_ullOffset += cb;
-    m_ullLeft -= std::min<ULONGLONG>(m_ullLeft, cb);
     return S_OK;
   }
   HRESULT GetU32(DWORD* pdw) {
@@ -163,12 +180,39 @@ class CPacketReader {
     return S_OK;
   }
 
+  // Leaves the stream just after the bytes used.
+  HRESULT Finish() {
+    KV_FUNC("CRecordExtract::UnmarshalInterface");
+    if (m_nEnd == m_nNext) return S_OK;
+    LARGE_INTEGER liBack;
+    liBack.QuadPart = -static_cast<LONGLONG>(m_nEnd - m_nNext);
+    const HRESULT hr = m_pStream->Seek(liBack, STREAM_SEEK_CUR, nullptr);
+    if (!KV_SUCCEEDED(hr)) return hr;
+    m_nNext = m_nEnd = 0;
+    return S_OK;
+  }
+
  private:
+  HRESULT Failed(HRESULT hr) {
+    KV_FUNC("CRecordExtract::UnmarshalInterface");
+    KV_SUCCEEDED(hr);
+    return hr;
+  }
+  HRESULT Short(ULONG cbMissing) {
+    KV_FUNC("CRecordExtract::UnmarshalInterface");
+    KV_LOG_ERROR(KV_W("Extract packet ends at byte %I64u, %u bytes short of its next field\n"), m_ullOffset,
+                 static_cast<unsigned>(cbMissing));
+    return khrReadFault;
+  }
+
   static constexpr DWORD kcbStep = 1024 * 1024;
   IStream* m_pStream;
   bool m_bKnown = false;
-  ULONGLONG m_ullLeft = 0;    // bytes the stream still holds, when m_bKnown
-  ULONGLONG m_ullOffset = 0;  // bytes of the packet read so far
+  ULONGLONG m_ullLeft = 0;    // bytes the stream still holds beyond the buffer, when m_bKnown
+  ULONGLONG m_ullOffset = 0;  // bytes of the packet used so far
+  size_t m_nNext = 0;         // the read-ahead buffer: next byte to use, end of what it holds
+  size_t m_nEnd = 0;
+  BYTE m_ab[64 * 1024];
 };
 
 }  // namespace
@@ -237,7 +281,10 @@ HRESULT CRecordExtract::LoadFrame(ULONGLONG ullTime, SFrame& frame) {
   DWORD dwFlags = 0;
   // The record hands out task memory for buffers without a block, and keeps none of it on failure.
   const HRESULT hr = m_pSource->Read(U64ToFileTime(ullTime), &dwFlags, v.data(), m_dwCount);
-  if (!KV_SUCCEEDED(hr)) return hr;
+  if (FAILED(hr)) {
+    KV_SUCCEEDED(hr);
+    return hr;
+  }
   frame.buffers = CBuffers(std::move(v));
   return S_OK;
 }
@@ -619,7 +666,8 @@ HRESULT CRecordExtract::ReadPacketLocked(IStream* pStream) {
     }
     m_vFrames.emplace_hint(m_vFrames.end(), ullTime, std::move(frame));
   }
-  return S_OK;
+  hr = reader.Finish();
+  return FAILED(hr) ? fail(hr) : S_OK;
 }
 
 // ---- IMarshal -----------------------------------------------------------------------------------

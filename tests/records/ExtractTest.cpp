@@ -49,13 +49,20 @@ std::string Packet(IRecord* pExtract, DWORD dwContext = MSHCTX_DIFFERENTMACHINE)
 }
 
 // Unmarshals a packet; the result, and the extract in *ppExtract on success.
-HRESULT Unmarshal(const std::string& strPacket, bool bTellsSize, IRecord** ppExtract) {
+// *pstrRest: what the stream still holds after the call.
+HRESULT Unmarshal(const std::string& strPacket, bool bTellsSize, IRecord** ppExtract, std::string* pstrRest = nullptr) {
   auto pShell = NewExtract();
   auto pMarshal = Query<IMarshal>(pShell, IID_IMarshal);
   NKvTest::CMemoryStream stream(strPacket, bTellsSize);
   IRecord* p = reinterpret_cast<IRecord*>(0x1);
   const HRESULT hr = pMarshal->UnmarshalInterface(&stream, IID_IRecord, reinterpret_cast<void**>(&p));
   EXPECT_EQ(1u, stream.m_cRef.load());  // nothing keeps the caller's stream
+  if (pstrRest) {
+    char ach[64];
+    ULONG cb = 0;
+    pstrRest->clear();
+    while (SUCCEEDED(stream.Read(ach, sizeof(ach), &cb)) && cb) pstrRest->append(ach, cb);
+  }
   if (FAILED(hr)) {
     EXPECT_EQ(nullptr, p);
     return hr;
@@ -69,40 +76,6 @@ std::string Frame(const FILETIME& ft, DWORD dwFlags, bool bHasData) {
   return U32(ft.dwLowDateTime) + U32(ft.dwHighDateTime) + U32(dwFlags) + std::string(1, bHasData ? '\1' : '\0');
 }
 std::string Buffer(const std::string& str) { return U32(static_cast<DWORD>(str.size())) + str; }
-
-// Everything a reader can learn from an extract or a record through IRecord, as text: each frame
-// with its flags and buffers, the walks both ways under a filter, and statistics at several
-// resolutions and join flags.
-std::string Describe(IRecord* p, DWORD dwCount) {
-  std::string str;
-  FILETIME ft = {0, 0};
-  while (SUCCEEDED(p->GetNext(ft, nullptr, &ft))) {
-    DWORD dwFlags = 0;
-    str += Show(ft) + " ";
-    for (const std::string& strBuffer : ReadFrame(p, ft, dwCount, &dwFlags)) str += "[" + strBuffer + "]";
-    str += " flags=" + std::to_string(dwFlags) + "\n";
-  }
-  const SFrameFilter odd = {1, efmAny};
-  ft = Ft(9999, 1, 1, 0);
-  while (SUCCEEDED(p->GetPrev(ft, &odd, &ft))) str += "odd<" + Show(ft) + "\n";
-  for (ULONGLONG ullResolution : {10 * 10000ull, 1000 * 10000ull, 60000 * 10000ull, 3600000 * 10000ull}) {
-    for (LONG lFlags : {0, 4, 8}) {
-      for (const SFrameFilter* pFilter : {static_cast<const SFrameFilter*>(nullptr), &odd}) {
-        DWORD cRuns = 0;
-        SRecordStatistic* pRuns = nullptr;
-        const HRESULT hr = p->GetStatistic(Ft(2000, 1, 1, 0), Ft(2100, 1, 1, 0), NSPlatform::U64ToFileTime(ullResolution),
-                                           pFilter, lFlags, &cRuns, &pRuns);
-        str += "stat hr=" + std::to_string(hr) + ":";
-        for (DWORD i = 0; i < cRuns; ++i)
-          str += " " + Show(pRuns[i].ftBegin) + ".." + Show(pRuns[i].ftEnd) + "/" + std::to_string(pRuns[i].dwFlags) + "/" +
-                 std::to_string(pRuns[i].dwCount);
-        CoTaskMemFree(pRuns);
-        str += "\n";
-      }
-    }
-  }
-  return str;
-}
 
 class ExtractTest : public ::testing::Test {
  protected:
@@ -343,8 +316,11 @@ TEST(ExtractFramesTest, FilledExtractsRoundTripThroughTheirPacket) {
   const std::string strPacket = Packet(pExtract);
   EXPECT_EQ(12u + 3 * 13 + 6 * 4 + 100001 + 1, strPacket.size());
   for (bool bTellsSize : {true, false}) {
+    // The stream is left just after the packet, whatever follows it.
     NSCom::CComPtr<IRecord> pCopy;
-    ASSERT_EQ(S_OK, Unmarshal(strPacket, bTellsSize, &pCopy));
+    std::string strRest;
+    ASSERT_EQ(S_OK, Unmarshal(strPacket + "tail", bTellsSize, &pCopy, &strRest));
+    EXPECT_EQ("tail", strRest);
     EXPECT_EQ(Describe(pExtract, 2), Describe(pCopy, 2));
     EXPECT_EQ(strPacket, Packet(pCopy));
   }
