@@ -46,8 +46,8 @@ NSCom::CComPtr<IStream> StreamOver(const std::string& str) {
   return pStream;
 }
 
-// A record of this program's own, living in another apartment: its Merge looks at the source it
-// is given and describes it.
+// A record of this program's own, living in another apartment: its Merge would describe the
+// source it is given, and tell whether it came by value.
 class CProbeRecord : public NSCom::CComObjectRootEx, public IRecord {
  public:
   BEGIN_COM_MAP(CProbeRecord)
@@ -74,7 +74,7 @@ class CProbeRecord : public NSCom::CComObjectRootEx, public IRecord {
     CLSID clsid = {};
     if (FAILED(pMarshal->GetUnmarshalClass(IID_IRecord, pSource, MSHCTX_LOCAL, nullptr, 0, &clsid))) return E_FAIL;
     s_bByValue = IsEqualCLSID(clsid, CLSID_RecordExtract);
-    s_strSeen = Describe(pSource, 2);
+    s_strSeen = Describe(pSource, 1);
     return S_OK;
   }
   static inline bool s_bByValue = false;
@@ -109,7 +109,9 @@ class ExtractMarshalTest : public ::testing::Test {
     if (m_pArchive) m_pArchive->Free();
     m_pArchive.Release();
     if (m_bInitialized) CoUninitialize();
-    if (m_pfnUnregister) EXPECT_EQ(S_OK, m_pfnUnregister());
+    if (m_pfnUnregister) {
+      EXPECT_EQ(S_OK, m_pfnUnregister());
+    }
   }
 
   NSModuleTest::CLibrary m_library;
@@ -196,32 +198,48 @@ TEST_F(ExtractMarshalTest, InProcessContextsAreRefused) {
   EXPECT_EQ(2, std::count(vTexts.begin(), vTexts.end(), strContext));
 }
 
-TEST_F(ExtractMarshalTest, AnInArgumentReachesAnotherApartmentByValue) {
-  // The probe lives in this multithreaded apartment; a single-threaded apartment calls it.
+// Between apartments of one process: an [in] extract reaches the callee by value (as an extract of
+// the callee's own, not a proxy). An [out] extract is marshaled by the runtime's stub for the
+// caller's apartment with MSHCTX_INPROC, which an extract refuses with the context report.
+TEST_F(ExtractMarshalTest, AnInExtractCrossesApartmentsByValue) {
+  // The probe and the record live in this multithreaded apartment; a single-threaded one calls them.
   NSCom::CComPtr<IRecord> pProbe;
   ASSERT_EQ(S_OK, NSCom::CComObject<CProbeRecord>::CreateInstance(IID_IRecord, reinterpret_cast<void**>(&pProbe)));
   IStream* pProbeStream = nullptr;
   ASSERT_EQ(S_OK, CoMarshalInterThreadInterfaceInStream(IID_IRecord, pProbe, &pProbeStream));
-  IStream* pExtractStream = nullptr;
-  ASSERT_EQ(S_OK, CoMarshalInterThreadInterfaceInStream(IID_IRecord, m_pRecord, &pExtractStream));
-  HRESULT hrCall = E_FAIL;
+  IStream* pRecordStream = nullptr;
+  ASSERT_EQ(S_OK, CoMarshalInterThreadInterfaceInStream(IID_IRecord, m_pRecord, &pRecordStream));
+  HRESULT hrExtract = E_FAIL, hrCall = E_FAIL, hrCreate = E_FAIL;
+  std::string strSent;
+  NSTest::CLogCapture capture;
   std::thread caller([&] {
     if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return;
     {
-      NSCom::CComPtr<IRecord> pProbeProxy, pRecordProxy, pExtract;
+      NSCom::CComPtr<IRecord> pProbeProxy, pRecordProxy, pOut, pIn;
       CoGetInterfaceAndReleaseStream(pProbeStream, IID_IRecord, reinterpret_cast<void**>(&pProbeProxy));
-      CoGetInterfaceAndReleaseStream(pExtractStream, IID_IRecord, reinterpret_cast<void**>(&pRecordProxy));
-      // An extract made through the record's proxy arrives here by value, then goes on by value.
+      CoGetInterfaceAndReleaseStream(pRecordStream, IID_IRecord, reinterpret_cast<void**>(&pRecordProxy));
       const FILETIME ftAll = {1000, 0xFFFFFFFFu};
-      if (pProbeProxy && pRecordProxy && SUCCEEDED(pRecordProxy->Extract(Ft(2021, 1, 1, 0), ftAll, nullptr, 2, &pExtract)))
-        hrCall = pProbeProxy->Merge(pExtract, nullptr, 0);
+      hrExtract = pRecordProxy ? pRecordProxy->Extract(Ft(2021, 1, 1, 0), ftAll, nullptr, 2, &pOut) : E_POINTER;
+      // An extract of this apartment, filled here, as an [in] argument.
+      hrCreate = CoCreateInstance(CLSID_RecordExtract, nullptr, CLSCTX_INPROC_SERVER, IID_IRecord, reinterpret_cast<void**>(&pIn));
+      if (SUCCEEDED(hrCreate)) {
+        const SFrameBuffer buffer = {reinterpret_cast<BYTE*>(const_cast<char*>("x")), 1};
+        hrCreate = pIn->Write(Ft(2021, 1, 1, 0), 1, &buffer, 1);
+      }
+      if (SUCCEEDED(hrCreate)) strSent = Describe(pIn, 1);
+      if (pProbeProxy && SUCCEEDED(hrCreate)) hrCall = pProbeProxy->Merge(pIn, nullptr, 0);
     }
     CoUninitialize();
   });
   caller.join();
+  EXPECT_EQ(S_OK, hrCreate);
+  EXPECT_EQ(E_INVALIDARG, hrExtract);
   EXPECT_EQ(S_OK, hrCall);
   EXPECT_TRUE(CProbeRecord::s_bByValue);
-  EXPECT_EQ(Describe(m_pRecord, 2), CProbeRecord::s_strSeen);
+  EXPECT_EQ(strSent, CProbeRecord::s_strSeen);
+  const WString strContext = W("MSHCTX_DIFFERENTMACHINE==dwDestCtx || MSHCTX_LOCAL==dwDestCtx\n");
+  const std::vector<WString> vTexts = Texts(capture, "TRASSDO");
+  EXPECT_GE(std::count(vTexts.begin(), vTexts.end(), strContext), 1);
 }
 
 }  // namespace
