@@ -355,7 +355,12 @@ STDMETHODIMP CRecord::Extract(FILETIME ftBegin, FILETIME ftSpan, const SFrameFil
   if (FAILED(GetNext(U64ToFileTime(ullFrom), pFilter, &ftFrame))) return (*ppExtract = pExtract.Detach(), S_OK);
   const ULONGLONG ullFirst = FileTimeToU64(ftFrame);
   const ULONGLONG ullLast = bByCount ? ~ULONGLONG{0} : ullFirst + std::min<ULONGLONG>(FileTimeToU64(ftSpan), ~ULONGLONG{0} - ullFirst);
-  std::vector<SFrameBuffer> vBuffers(static_cast<size_t>(lCount));
+  std::vector<SFrameBuffer> vBuffers;
+  try {
+    vBuffers.resize(static_cast<size_t>(lCount));
+  } catch (...) {
+    return E_OUTOFMEMORY;
+  }
   for (DWORD cTaken = 0;;) {
     std::fill(vBuffers.begin(), vBuffers.end(), SFrameBuffer{nullptr, 0});
     DWORD dwFlags = 0;

@@ -257,12 +257,12 @@ HRESULT CRecordExtract::AppendFrame(FILETIME ftFrameTime, DWORD dwFlags, const S
     return khrAlreadyExists;
   SFrame frame;
   frame.dwFlags = dwFlags;
-  // The copy of the records is made before the frame is inserted: nothing is taken over on failure.
-  if (pBuffers) frame.buffers = CBuffers(std::vector<SFrameBuffer>(pBuffers, pBuffers + m_dwCount));
   try {
+    if (pBuffers) frame.buffers = CBuffers(std::vector<SFrameBuffer>(pBuffers, pBuffers + m_dwCount));
     m_vFrames.emplace(ullTime, std::move(frame));
   } catch (...) {
-    // No node was made, so the frame was not moved: its blocks go back to the caller unfreed.
+    // Either the copy of the records or the node could not be made, so the frame was not moved:
+    // its blocks go back to the caller unfreed.
     frame.buffers.Forget();
     return E_OUTOFMEMORY;
   }
@@ -296,6 +296,15 @@ STDMETHODIMP CRecordExtract::Write(FILETIME ftFrame, DWORD dwFlags, const SFrame
   if (dwCount) KV_CHECK_POINTER(pBuff);
   for (DWORD i = 0; i < dwCount; ++i)
     if (!pBuff[i].pData && pBuff[i].dwDataSize) return E_INVALIDARG;
+  try {
+    return WriteLocked(ftFrame, dwFlags, pBuff, dwCount);
+  } catch (...) {
+    return NSCom::HResultFromCurrentException();
+  }
+}
+
+HRESULT CRecordExtract::WriteLocked(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount) {
+  KV_FUNC("CRecordExtract::Write");
   CGuard guard(m_section);
   // A fresh extract takes its buffer count from its first frame.
   if (m_dwCount == 0 && m_vFrames.empty()) {
@@ -416,6 +425,17 @@ STDMETHODIMP CRecordExtract::GetStatistic(FILETIME ftBegin, FILETIME ftEnd, FILE
   KV_CHECK_POINTERS(pdwCount && ppRecordStatistic);
   *pdwCount = 0;
   *ppRecordStatistic = nullptr;
+  try {
+    return StatisticLocked(ftBegin, ftEnd, ftResolution, pFilter, dwFlags, pdwCount, ppRecordStatistic);
+  } catch (...) {
+    return NSCom::HResultFromCurrentException();
+  }
+}
+
+HRESULT CRecordExtract::StatisticLocked(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution,
+                                        const SFrameFilter* pFilter, LONG dwFlags, DWORD* pdwCount,
+                                        SRecordStatistic** ppRecordStatistic) {
+  KV_FUNC("CRecordExtract::GetStatistic");
   CGuard guard(m_section);
   NSKronvaleUtils::ConformantFileTime(ftBegin);
   NSKronvaleUtils::ConformantFileTime(ftEnd);

@@ -144,6 +144,9 @@ class CRecordExtract : public NSCom::CComObjectRootEx,
   using CFrameMap = std::map<ULONGLONG, SFrame>;  // by frame time as a tick count
 
   HRESULT WritePacket(IStream** ppStream, DWORD dwDestCtx);
+  HRESULT WriteLocked(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount);
+  HRESULT StatisticLocked(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution, const SFrameFilter* pFilter,
+                          LONG dwFlags, DWORD* pdwCount, SRecordStatistic** ppRecordStatistic);
   HRESULT ReadPacketLocked(IStream* pStream);
   HRESULT LoadFrame(ULONGLONG ullTime, SFrame& frame);
   HRESULT GetPacket(DWORD dwDestCtx, IStream** ppStream);
