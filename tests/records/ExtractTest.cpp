@@ -304,8 +304,9 @@ TEST(ExtractFramesTest, LazyFramesAreLoadedOnceWhileMarshalingAndAppendsAreUniqu
 TEST(ExtractFramesTest, FilledExtractsRoundTripThroughTheirPacket) {
   auto pExtract = NewExtract();
   const std::string strBig(100000, 'q');
-  const SFrameBuffer aBuffers[2] = {{reinterpret_cast<BYTE*>(const_cast<char*>(strBig.data())), 100000},
-                                    {reinterpret_cast<BYTE*>(const_cast<char*>("k")), 1}};
+  const SFrameBuffer aBuffers[3] = {{reinterpret_cast<BYTE*>(const_cast<char*>(strBig.data())), 100000},
+                                    {reinterpret_cast<BYTE*>(const_cast<char*>("k")), 1},
+                                    {reinterpret_cast<BYTE*>(const_cast<char*>("j")), 1}};
   ASSERT_EQ(S_OK, pExtract->Write(Ft(2021, 1, 1, 3), 3, aBuffers, 2));  // fixes two buffers a frame
   ASSERT_EQ(S_OK, pExtract->Write(Ft(2021, 1, 1, 1), 1, aBuffers + 1, 1));
   ASSERT_EQ(S_OK, pExtract->Write(Ft(2021, 1, 1, 2), 2, nullptr, 0));
