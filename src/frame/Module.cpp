@@ -9,26 +9,16 @@
 #include "archive/ArchiveImpl.h"
 #include "platform/os.h"
 #include "records/Record.h"
+#include "records/RecordExtract.h"
 #include "support/Report.h"
 
 namespace NSFrame {
 
 namespace {
 
-// An entry whose class is not in the library yet: a cached standard class factory that answers
-// CLASS_E_CLASSNOTAVAILABLE to CreateInstance. When a class arrives, its entry becomes
-// OBJECT_ENTRY(clsid, CClass, scriptId): the class object comes from the class's
-// _ClassFactoryCreatorClass (DECLARE_CLASSFACTORY_EX for the archive factory) and instances from
-// its _CreatorClass.
-#define KV_OBJECT_ENTRY_NOT_AVAILABLE(clsid, scriptId)                                                   \
-  ::NSCom::SObjectMapEntry {                                                                             \
-    &(clsid), &::NSCom::CComClassObjectCreator<::NSCom::CComClassFactory>::CreateInstance,               \
-        &::NSCom::CComFailCreator<CLASS_E_CLASSNOTAVAILABLE>::CreateInstance, (scriptId), nullptr        \
-  }
-
 // Guarded by the module's critical section once installed (CComModule::Init).
 NSCom::SObjectMapEntry g_aObjectMap[] = {
-    KV_OBJECT_ENTRY_NOT_AVAILABLE(CLSID_RecordExtract, kidrRecordExtractScript),
+    OBJECT_ENTRY(CLSID_RecordExtract, ::NSRecords::CRecordExtract, kidrRecordExtractScript),
     OBJECT_ENTRY(CLSID_Kronvale, ::NSArchive::CArchiveImpl, kidrKronvaleScript),
     OBJECT_ENTRY(CLSID_Record, ::NSRecords::CRecord, kidrRecordScript),
 };

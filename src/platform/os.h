@@ -104,6 +104,9 @@ class CFile {
   // ERROR_NEGATIVE_SEEK. pullNewPosition is optional.
   HRESULT Seek(LONGLONG llDistance, DWORD dwMethod, ULONGLONG* pullNewPosition);
   HRESULT GetSize(ULONGLONG* pullSize) const;
+  // Creation, last-access and last-write times (UTC). Linux has no creation time: the last status
+  // change stands in for it.
+  HRESULT GetTimes(FILETIME* pftCreation, FILETIME* pftLastAccess, FILETIME* pftLastWrite) const;
   // Cuts or extends the file at the current position.
   HRESULT SetEndOfFile();
   // Writes the file's buffers through to the device.

@@ -8,6 +8,7 @@
 #include <kronvale/KronvaleResults.h>
 
 #include "hours/KronvaleUtils.h"
+#include "records/RecordExtract.h"
 #include "support/Report.h"
 
 namespace NSRecords {
@@ -385,9 +386,57 @@ STDMETHODIMP CRecord::CheckFrame(FILETIME ftFrame, const SFrameFilter* pFilter) 
   return Passes(pFilter, dwFlags) ? S_OK : S_FALSE;
 }
 
-STDMETHODIMP CRecord::Extract(FILETIME, FILETIME, const SFrameFilter*, LONG, IRecord** ppExtract) {
-  if (ppExtract) *ppExtract = nullptr;
-  return E_NOTIMPL;
+// The frames from 5 ms before ftBegin on that pass the filter, each read whole into the new extract:
+// up to a number of frames (ftSpan's high half 0xFFFFFFFF, its low half the number) or up to the
+// first frame's time plus the duration ftSpan. The walk ends at the limit or at the record's end; a
+// frame that cannot be read fails the whole extract.
+STDMETHODIMP CRecord::Extract(FILETIME ftBegin, FILETIME ftSpan, const SFrameFilter* pFilter, LONG lCount,
+                              IRecord** ppExtract) {
+  KV_FUNC("Extract");
+  KV_CHECK_POINTER(ppExtract);
+  *ppExtract = nullptr;
+  if (lCount <= 0 || static_cast<DWORD>(lCount) > CRecordExtract::kdwMaxBuffers) return E_INVALIDARG;
+  NSCom::CComObject<CRecordExtract>* pNew = nullptr;
+  HRESULT hr = NSCom::CComObject<CRecordExtract>::CreateInstance(&pNew);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  NSCom::CComPtr<IRecord> pExtract(static_cast<IRecord*>(pNew));
+  hr = pNew->Init(static_cast<IRecordEx*>(this), static_cast<DWORD>(lCount));
+  if (!KV_SUCCEEDED(hr)) return hr;
+  NSSystem::CLockGuard guard(*m_pLock);
+
+  const bool bByCount = ftSpan.dwHighDateTime == 0xFFFFFFFFu;
+  const DWORD cMaxFrames = ftSpan.dwLowDateTime;
+  // A frame up to 5 ms before the start belongs to the extract.
+  const ULONGLONG ullFrom = std::max<ULONGLONG>(FileTimeToU64(ftBegin), 100000) - 50000;
+  FILETIME ftFrame;
+  if (bByCount && cMaxFrames == 0) return (*ppExtract = pExtract.Detach(), S_OK);
+  if (FAILED(GetNext(U64ToFileTime(ullFrom), pFilter, &ftFrame))) return (*ppExtract = pExtract.Detach(), S_OK);
+  const ULONGLONG ullFirst = FileTimeToU64(ftFrame);
+  const ULONGLONG ullLast = bByCount ? ~ULONGLONG{0} : ullFirst + std::min<ULONGLONG>(FileTimeToU64(ftSpan), ~ULONGLONG{0} - ullFirst);
+  std::vector<SFrameBuffer> vBuffers;
+  try {
+    vBuffers.resize(static_cast<size_t>(lCount));
+  } catch (...) {
+    return E_OUTOFMEMORY;
+  }
+  for (DWORD cTaken = 0;;) {
+    std::fill(vBuffers.begin(), vBuffers.end(), SFrameBuffer{nullptr, 0});
+    DWORD dwFlags = 0;
+    hr = Read(ftFrame, &dwFlags, vBuffers.data(), static_cast<DWORD>(lCount));
+    if (FAILED(hr)) {
+      KV_SUCCEEDED(hr);
+      return hr;
+    }
+    hr = pNew->AppendFrame(ftFrame, dwFlags, vBuffers.data());
+    if (FAILED(hr)) {
+      for (SFrameBuffer& buffer : vBuffers) CoTaskMemFree(buffer.pData);
+      return hr;
+    }
+    if (bByCount && ++cTaken >= cMaxFrames) break;
+    if (FAILED(GetNext(ftFrame, pFilter, &ftFrame)) || FileTimeToU64(ftFrame) > ullLast) break;
+  }
+  *ppExtract = pExtract.Detach();
+  return S_OK;
 }
 
 STDMETHODIMP CRecord::ReservedRange(FILETIME, FILETIME) { return E_NOTIMPL; }
@@ -668,49 +717,9 @@ STDMETHODIMP CRecord::GetStatistic(FILETIME ftBegin, FILETIME ftEnd, FILETIME ft
   hr = CollectStatistic(FileTimeToU64(ftBegin), FileTimeToU64(ftEnd), ullResolution, pFilter, &vCells);
   if (FAILED(hr)) return hr;
 
-  // Runs: neighbouring cells with compatible flags join.
-  const LONGLONG llGap = (dwFlags & 4) ? 0 : static_cast<LONGLONG>(ullResolution);
-  const DWORD dwJoinMode = (dwFlags & 8) && pFilter ? NSKronvaleUtils::FilterMode(*pFilter) : 2;
-  std::vector<SStatisticCell> vRuns;
-  if (!vCells.empty()) {
-    SStatisticCell run = vCells.front();
-    for (size_t i = 1; i < vCells.size(); ++i) {
-      const SRecordStatistic& cell = vCells[i].record;
-      SRecordStatistic& r = run.record;
-      bool bJoin = Joins(dwJoinMode, r.dwFlags, cell.dwFlags);
-      if (bJoin && llGap) {
-        const LONGLONG llRunBegin = Ticks(r.ftBegin), llRunEnd = Ticks(r.ftEnd);
-        const LONGLONG llBegin = Ticks(cell.ftBegin), llEnd = Ticks(cell.ftEnd);
-        const bool bCellOutsideRun = llRunBegin - llGap >= llBegin || llBegin >= llRunEnd + llGap;
-        const bool bRunOutsideCell = llBegin - llGap >= llRunBegin || llRunBegin >= llEnd + llGap;
-        bJoin = !(bCellOutsideRun && bRunOutsideCell);
-      }
-      if (bJoin) {
-        if (Ticks(cell.ftBegin) < Ticks(r.ftBegin)) r.ftBegin = cell.ftBegin;
-        if (Ticks(cell.ftEnd) > Ticks(r.ftEnd)) r.ftEnd = cell.ftEnd;
-        r.dwCount += cell.dwCount;
-        r.dwFlags |= cell.dwFlags;
-        run.ullFirstFrame = std::min(run.ullFirstFrame, vCells[i].ullFirstFrame);
-        run.ullLastFrame = std::max(run.ullLastFrame, vCells[i].ullLastFrame);
-      } else {
-        if (Ticks(r.ftEnd) > Ticks(cell.ftBegin)) r.ftEnd = cell.ftBegin;
-        vRuns.push_back(run);
-        run = vCells[i];
-      }
-    }
-    vRuns.push_back(run);
-  }
-  ExactEnds(vRuns, pFilter, ullResolution < kullHour);
-
-  if (!vRuns.empty()) {
-    auto* pRuns = static_cast<SRecordStatistic*>(CoTaskMemAlloc(vRuns.size() * sizeof(SRecordStatistic)));
-    if (!pRuns) return E_OUTOFMEMORY;
-    for (size_t i = 0; i < vRuns.size(); ++i) pRuns[i] = vRuns[i].record;
-    *ppRecordStatistic = pRuns;
-    *pdwCount = static_cast<DWORD>(vRuns.size());
-    return S_OK;
-  }
-  return hr;
+  std::vector<SStatisticCell> vRuns = JoinStatisticRuns(vCells, ullResolution, pFilter, dwFlags);
+  ExactEnds(static_cast<IRecordEx*>(this), vRuns, pFilter, ullResolution < kullHour);
+  return HandOutStatistic(vRuns, hr, pdwCount, ppRecordStatistic);
 }
 
 // The cells of every hour from ullBegin to ullEnd, in time order: seconds or minutes for resolutions
@@ -779,11 +788,57 @@ HRESULT CRecord::CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLON
   return hr;
 }
 
+std::vector<SStatisticCell> JoinStatisticRuns(const std::vector<SStatisticCell>& vCells, ULONGLONG ullResolution,
+                                              const SFrameFilter* pFilter, LONG dwFlags) {
+  const LONGLONG llGap = (dwFlags & 4) ? 0 : static_cast<LONGLONG>(ullResolution);
+  const DWORD dwJoinMode = (dwFlags & 8) && pFilter ? NSKronvaleUtils::FilterMode(*pFilter) : 2;
+  std::vector<SStatisticCell> vRuns;
+  if (vCells.empty()) return vRuns;
+  SStatisticCell run = vCells.front();
+  for (size_t i = 1; i < vCells.size(); ++i) {
+    const SRecordStatistic& cell = vCells[i].record;
+    SRecordStatistic& r = run.record;
+    bool bJoin = Joins(dwJoinMode, r.dwFlags, cell.dwFlags);
+    if (bJoin && llGap) {
+      const LONGLONG llRunBegin = Ticks(r.ftBegin), llRunEnd = Ticks(r.ftEnd);
+      const LONGLONG llBegin = Ticks(cell.ftBegin), llEnd = Ticks(cell.ftEnd);
+      const bool bCellOutsideRun = llRunBegin - llGap >= llBegin || llBegin >= llRunEnd + llGap;
+      const bool bRunOutsideCell = llBegin - llGap >= llRunBegin || llRunBegin >= llEnd + llGap;
+      bJoin = !(bCellOutsideRun && bRunOutsideCell);
+    }
+    if (bJoin) {
+      if (Ticks(cell.ftBegin) < Ticks(r.ftBegin)) r.ftBegin = cell.ftBegin;
+      if (Ticks(cell.ftEnd) > Ticks(r.ftEnd)) r.ftEnd = cell.ftEnd;
+      r.dwCount += cell.dwCount;
+      r.dwFlags |= cell.dwFlags;
+      run.ullFirstFrame = std::min(run.ullFirstFrame, vCells[i].ullFirstFrame);
+      run.ullLastFrame = std::max(run.ullLastFrame, vCells[i].ullLastFrame);
+    } else {
+      if (Ticks(r.ftEnd) > Ticks(cell.ftBegin)) r.ftEnd = cell.ftBegin;
+      vRuns.push_back(run);
+      run = vCells[i];
+    }
+  }
+  vRuns.push_back(run);
+  return vRuns;
+}
+
+HRESULT HandOutStatistic(const std::vector<SStatisticCell>& vRuns, HRESULT hrWalk, DWORD* pdwCount,
+                         SRecordStatistic** ppRecordStatistic) {
+  if (vRuns.empty()) return hrWalk;
+  auto* pRuns = static_cast<SRecordStatistic*>(CoTaskMemAlloc(vRuns.size() * sizeof(SRecordStatistic)));
+  if (!pRuns) return E_OUTOFMEMORY;
+  for (size_t i = 0; i < vRuns.size(); ++i) pRuns[i] = vRuns[i].record;
+  *ppRecordStatistic = pRuns;
+  *pdwCount = static_cast<DWORD>(vRuns.size());
+  return S_OK;
+}
+
 // Moves each run's ends onto its first and last passing frames; a run of one frame lasts 10 ms.
 // With bEndsAfterRuns (cells of seconds or minutes) a run ends at the start of the cell after its
 // last one: a frame at that instant belongs to the next run or lies outside the period asked, so the
 // end always moves back onto the run's own last frame.
-void CRecord::ExactEnds(std::vector<SStatisticCell>& vRuns, const SFrameFilter* pFilter, bool bEndsAfterRuns) {
+void ExactEnds(IRecord* pRecord, std::vector<SStatisticCell>& vRuns, const SFrameFilter* pFilter, bool bEndsAfterRuns) {
   KV_FUNC("ExactEnds");
   for (SStatisticCell& cell : vRuns) {
     SRecordStatistic& run = cell.record;
@@ -797,9 +852,10 @@ void CRecord::ExactEnds(std::vector<SStatisticCell>& vRuns, const SFrameFilter* 
       run.ftEnd = U64ToFileTime(cell.ullLastFrame);
     } else {
       HRESULT hr = S_OK;
-      if (bEndsAfterRuns || CheckFrame(run.ftEnd, pFilter) != S_OK) hr = GetPrev(run.ftEnd, pFilter, &run.ftEnd);
+      if (bEndsAfterRuns || pRecord->CheckFrame(run.ftEnd, pFilter) != S_OK)
+        hr = pRecord->GetPrev(run.ftEnd, pFilter, &run.ftEnd);
       if (!KV_SUCCEEDED(hr)) return;
-      if (CheckFrame(run.ftBegin, pFilter) != S_OK) hr = GetNext(run.ftBegin, pFilter, &run.ftBegin);
+      if (pRecord->CheckFrame(run.ftBegin, pFilter) != S_OK) hr = pRecord->GetNext(run.ftBegin, pFilter, &run.ftBegin);
       if (!KV_SUCCEEDED(hr)) return;
     }
     if (Ticks(run.ftEnd) == Ticks(run.ftBegin))

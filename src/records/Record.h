@@ -19,6 +19,7 @@
 #include "com/ComKit.h"
 #include "hours/HourManager.h"
 #include "records/RecordInternal.h"
+#include "records/RecordStatistic.h"
 #include "records/StateControl.h"
 #include "support/Lock.h"
 
@@ -119,15 +120,8 @@ class CRecord : public NSCom::CComObjectRootEx,
   void CloseCurrentHour(bool bReport);
   WString HourDirectory(const WString& strHourPath) const;
   HRESULT Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftFound);
-  // A statistic record while runs are built, with the times of its first and last occupied slots.
-  struct SStatisticCell {
-    SRecordStatistic record;
-    ULONGLONG ullFirstFrame;
-    ULONGLONG ullLastFrame;
-  };
   HRESULT CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLONG ullResolution, const SFrameFilter* pFilter,
                            std::vector<SStatisticCell>* pvCells);
-  void ExactEnds(std::vector<SStatisticCell>& vRuns, const SFrameFilter* pFilter, bool bEndsAfterRuns);
   bool InCurrentHour(ULONGLONG ullTime, SYSTEMTIME* pst) const;
   HRESULT FindFromLevel(const WString* astrParts, int nStart, bool bForward, WString* pstrFound);
   bool SearchDown(const WString& strDirectory, const WString& strRelative, int nLevel, bool bForward,

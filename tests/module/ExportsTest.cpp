@@ -89,18 +89,14 @@ TEST_F(ModuleExportsTest, EachClassHasOneCachedClassObject) {
   EXPECT_EQ(3u, setIdentities.size());
 }
 
-// The extract is not in the library yet: its class object exists and refuses to make instances.
 // The archive factory makes archives by path only: its own CreateInstance answers E_NOTIMPL.
-TEST_F(ModuleExportsTest, ClassObjectsThatMakeNoBareInstances) {
-  for (const auto& c : {std::pair<const CLSID*, HRESULT>{&CLSID_RecordExtract, CLASS_E_CLASSNOTAVAILABLE},
-                        std::pair<const CLSID*, HRESULT>{&CLSID_Kronvale, E_NOTIMPL}}) {
-    IClassFactory* pFactory = nullptr;
-    ASSERT_EQ(S_OK, m_pfnGetClassObject(*c.first, IID_IClassFactory, reinterpret_cast<void**>(&pFactory)));
-    void* pv = reinterpret_cast<void*>(0x1);
-    EXPECT_EQ(c.second, pFactory->CreateInstance(nullptr, IID_IUnknown, &pv));
-    EXPECT_EQ(nullptr, pv);
-    pFactory->Release();
-  }
+TEST_F(ModuleExportsTest, ArchiveClassObjectMakesNoBareInstances) {
+  IClassFactory* pFactory = nullptr;
+  ASSERT_EQ(S_OK, m_pfnGetClassObject(CLSID_Kronvale, IID_IClassFactory, reinterpret_cast<void**>(&pFactory)));
+  void* pv = reinterpret_cast<void*>(0x1);
+  EXPECT_EQ(E_NOTIMPL, pFactory->CreateInstance(nullptr, IID_IUnknown, &pv));
+  EXPECT_EQ(nullptr, pv);
+  pFactory->Release();
 }
 
 // An outer object that only counts its references, to aggregate a record.
@@ -119,7 +115,7 @@ class COuter final : public IUnknown {
 
 // A record made by the class object, plain or aggregated, has no archive behind it and was never
 // opened for writing: it answers its interfaces and refuses to write.
-TEST_F(ModuleExportsTest, RecordClassMakesPlainAndAggregatedRecords) {
+TEST_F(ModuleExportsTest, RecordAndExtractClassesMakePlainAndAggregatedObjects) {
   IClassFactory* pFactory = nullptr;
   ASSERT_EQ(S_OK, m_pfnGetClassObject(CLSID_Record, IID_IClassFactory, reinterpret_cast<void**>(&pFactory)));
   IRecordEx* pRecord = nullptr;
@@ -132,23 +128,42 @@ TEST_F(ModuleExportsTest, RecordClassMakesPlainAndAggregatedRecords) {
   pCopy->Release();
   EXPECT_EQ(0u, pRecord->Release());
 
-  COuter outer;
-  void* pv = reinterpret_cast<void*>(0x1);
-  EXPECT_EQ(CLASS_E_NOAGGREGATION, pFactory->CreateInstance(&outer, IID_IRecord, &pv));
-  EXPECT_EQ(nullptr, pv);
-  IUnknown* pInner = nullptr;
-  ASSERT_EQ(S_OK, pFactory->CreateInstance(&outer, IID_IUnknown, reinterpret_cast<void**>(&pInner)));
-  IRecord* pAggregated = nullptr;
-  ASSERT_EQ(S_OK, pInner->QueryInterface(IID_IRecord, reinterpret_cast<void**>(&pAggregated)));
-  EXPECT_EQ(2u, outer.m_cRef);  // the interface's reference went to the outer object
-  IUnknown* pIdentity = nullptr;
-  ASSERT_EQ(S_OK, pAggregated->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&pIdentity)));
-  EXPECT_EQ(static_cast<IUnknown*>(&outer), pIdentity);
-  pIdentity->Release();
-  pAggregated->Release();
-  EXPECT_EQ(1u, outer.m_cRef);
-  EXPECT_EQ(0u, pInner->Release());
   pFactory->Release();
+
+  // An empty extract, by the COM runtime's route for a receiving extract: it answers the reading
+  // half of IRecord and its own marker interface, and nothing of a recording.
+  ASSERT_EQ(S_OK, m_pfnGetClassObject(CLSID_RecordExtract, IID_IClassFactory, reinterpret_cast<void**>(&pFactory)));
+  IRecord* pExtract = nullptr;
+  ASSERT_EQ(S_OK, pFactory->CreateInstance(nullptr, IID_IRecord, reinterpret_cast<void**>(&pExtract)));
+  IUnknown* pMarker = nullptr;
+  ASSERT_EQ(S_OK, pExtract->QueryInterface(IID_IRecordExtract, reinterpret_cast<void**>(&pMarker)));
+  pMarker->Release();
+  EXPECT_EQ(E_NOINTERFACE, pExtract->QueryInterface(IID_IRecordEx, reinterpret_cast<void**>(&pMarker)));
+  EXPECT_EQ(E_NOTIMPL, pExtract->GetPath(nullptr));
+  EXPECT_EQ(0u, pExtract->Release());
+  pFactory->Release();
+
+  // Both classes aggregate the same way.
+  for (const CLSID* pclsid : {&CLSID_Record, &CLSID_RecordExtract}) {
+    ASSERT_EQ(S_OK, m_pfnGetClassObject(*pclsid, IID_IClassFactory, reinterpret_cast<void**>(&pFactory)));
+    COuter outer;
+    void* pv = reinterpret_cast<void*>(0x1);
+    EXPECT_EQ(CLASS_E_NOAGGREGATION, pFactory->CreateInstance(&outer, IID_IRecord, &pv));
+    EXPECT_EQ(nullptr, pv);
+    IUnknown* pInner = nullptr;
+    ASSERT_EQ(S_OK, pFactory->CreateInstance(&outer, IID_IUnknown, reinterpret_cast<void**>(&pInner)));
+    IRecord* pAggregated = nullptr;
+    ASSERT_EQ(S_OK, pInner->QueryInterface(IID_IRecord, reinterpret_cast<void**>(&pAggregated)));
+    EXPECT_EQ(2u, outer.m_cRef);  // the interface's reference went to the outer object
+    IUnknown* pIdentity = nullptr;
+    ASSERT_EQ(S_OK, pAggregated->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&pIdentity)));
+    EXPECT_EQ(static_cast<IUnknown*>(&outer), pIdentity);
+    pIdentity->Release();
+    pAggregated->Release();
+    EXPECT_EQ(1u, outer.m_cRef);
+    EXPECT_EQ(0u, pInner->Release());
+    pFactory->Release();
+  }
 }
 
 TEST_F(ModuleExportsTest, CanUnloadNowFollowsClientsAndServerLocks) {

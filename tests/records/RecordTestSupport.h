@@ -93,6 +93,40 @@ inline std::vector<ULONGLONG> WalkForward(IRecord* pRecord, const SFrameFilter* 
   return v;
 }
 
+// Everything a reader can learn from an extract or a record through IRecord, as text: each frame
+// with its flags and buffers, the walks both ways under a filter, and statistics at several
+// resolutions and join flags.
+inline std::string Describe(IRecord* p, DWORD dwCount) {
+  std::string str;
+  FILETIME ft = {0, 0};
+  while (SUCCEEDED(p->GetNext(ft, nullptr, &ft))) {
+    DWORD dwFlags = 0;
+    str += Show(ft) + " ";
+    for (const std::string& strBuffer : ReadFrame(p, ft, dwCount, &dwFlags)) str += "[" + strBuffer + "]";
+    str += " flags=" + std::to_string(dwFlags) + "\n";
+  }
+  const SFrameFilter odd = {1, efmAny};
+  ft = Ft(9999, 1, 1, 0);
+  while (SUCCEEDED(p->GetPrev(ft, &odd, &ft))) str += "odd<" + Show(ft) + "\n";
+  for (ULONGLONG ullResolution : {10 * 10000ull, 1000 * 10000ull, 60000 * 10000ull, 3600000 * 10000ull}) {
+    for (LONG lFlags : {0, 4, 8}) {
+      for (const SFrameFilter* pFilter : {static_cast<const SFrameFilter*>(nullptr), &odd}) {
+        DWORD cRuns = 0;
+        SRecordStatistic* pRuns = nullptr;
+        const HRESULT hr = p->GetStatistic(Ft(2000, 1, 1, 0), Ft(2100, 1, 1, 0), NSPlatform::U64ToFileTime(ullResolution),
+                                           pFilter, lFlags, &cRuns, &pRuns);
+        str += "stat hr=" + std::to_string(hr) + ":";
+        for (DWORD i = 0; i < cRuns; ++i)
+          str += " " + Show(pRuns[i].ftBegin) + ".." + Show(pRuns[i].ftEnd) + "/" + std::to_string(pRuns[i].dwFlags) + "/" +
+                 std::to_string(pRuns[i].dwCount);
+        CoTaskMemFree(pRuns);
+        str += "\n";
+      }
+    }
+  }
+  return str;
+}
+
 inline std::vector<WString> Texts(const NSTest::CLogCapture& capture, const char* pszCategory) {
   std::vector<WString> v;
   for (const NSTest::SLoggedReport& r : capture.Reports(W(pszCategory))) v.push_back(r.strText);

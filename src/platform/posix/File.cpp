@@ -429,6 +429,17 @@ HRESULT CFile::GetSize(ULONGLONG* pullSize) const {
   return S_OK;
 }
 
+HRESULT CFile::GetTimes(FILETIME* pftCreation, FILETIME* pftLastAccess, FILETIME* pftLastWrite) const {
+  if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
+  if (!pftCreation || !pftLastAccess || !pftLastWrite) return Fail(ERROR_INVALID_PARAMETER);
+  struct stat st;
+  if (::fstat(static_cast<int>(m_hNative), &st) != 0) return FailErrno(errno);
+  *pftCreation = NPosix::FileTimeFromUnix(st.st_ctim.tv_sec, st.st_ctim.tv_nsec);
+  *pftLastAccess = NPosix::FileTimeFromUnix(st.st_atim.tv_sec, st.st_atim.tv_nsec);
+  *pftLastWrite = NPosix::FileTimeFromUnix(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
+  return S_OK;
+}
+
 HRESULT CFile::SetEndOfFile() {
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
   if (!(m_dwAccess & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);

@@ -323,6 +323,16 @@ HRESULT CFile::GetSize(ULONGLONG* pullSize) const {
   return S_OK;
 }
 
+HRESULT CFile::GetTimes(FILETIME* pftCreation, FILETIME* pftLastAccess, FILETIME* pftLastWrite) const {
+  if (!IsOpen()) {
+    return FailWith(ERROR_INVALID_HANDLE);
+  }
+  if (!::GetFileTime(AsHandle(m_hNative), pftCreation, pftLastAccess, pftLastWrite)) {
+    return FailLast();
+  }
+  return S_OK;
+}
+
 HRESULT CFile::SetEndOfFile() {
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);

@@ -1,0 +1,162 @@
+// An extract: a detached, in-memory copy of a run of frames of one record, which answers the reading
+// half of IRecord and marshals itself by value.
+//
+// A client gets one from IRecord::Extract (or makes an empty one with CoCreateInstance and fills it
+// with Write). Passed to another process or machine, the extract is not proxied: IMarshal writes
+// the whole extract into a packet and the receiving side builds its own complete copy from it, so
+// the receiver never reaches the archive.
+//
+// The by-value packet (all integers little-endian, fields back to back, no padding):
+//
+//   offset  size  field
+//   0       4     destination context, as given to the marshaling call
+//   4       4     frame count
+//   8       4     buffer count (m_dwCount)
+//   12      ...   per frame, in ascending time order:
+//                   8  frame time (FILETIME, low half first)
+//                   4  flags
+//                   1  has data: 1 when m_dwCount buffers follow, 0 when none do
+//                   per buffer (has data 1 only): 4 size n, then n bytes
+//
+// So an extract of no frames is exactly 12 bytes. The layout is the interchange format between
+// Windows and Linux builds and between versions: never change it; add nothing around it.
+//
+// A packet is untrusted input (it crosses a process or machine boundary). Unmarshaling refuses a
+// truncated packet, counts or sizes beyond what the stream holds, frame times that repeat or go
+// backwards, a has-data byte other than 0 or 1, and a buffer count outside 1..kdwMaxBuffers for an
+// extract that holds frames; it frees what it read, and never allocates more than the stream can
+// back (a stream that cannot tell its size is read in bounded steps as its bytes arrive).
+#pragma once
+
+#include <kronvale/kronvale.h>
+
+#include <map>
+#include <vector>
+
+#include "com/ComKit.h"
+#include "support/Lock.h"
+
+namespace NSRecords {
+
+class CRecordExtract : public NSCom::CComObjectRootEx,
+                       public NSCom::CComCoClass<CRecordExtract>,
+                       public IRecordExtract,
+                       public IRecord,
+                       public IMarshal {
+ public:
+  // The most buffers a frame of an extract may have.
+  static constexpr DWORD kdwMaxBuffers = 4096;
+  // Bytes of the packet before the first frame, and of each frame before its buffers.
+  static constexpr DWORD kcbPacketHeader = 12;
+  static constexpr DWORD kcbFrameHeader = 13;
+
+  CRecordExtract() = default;
+  ~CRecordExtract() = default;
+
+  BEGIN_COM_MAP(CRecordExtract)
+    COM_INTERFACE_ENTRY(IRecordExtract)
+    COM_INTERFACE_ENTRY(IRecord)
+    COM_INTERFACE_ENTRY(IMarshal)
+  END_COM_MAP()
+
+  void FinalRelease();
+
+  // Fixes the buffer count of every frame (1..kdwMaxBuffers) and the record absent frames are read
+  // from (may be null). Called once, before the first frame; E_INVALIDARG for a count out of range,
+  // E_UNEXPECTED when the extract already has a buffer count.
+  HRESULT Init(IRecord* pSource, DWORD dwCount);
+
+  // Adds a frame. pBuffers is null for a frame whose data stays with the source until it is needed,
+  // or m_dwCount buffer records whose data blocks (task memory) the extract owns from then on; the
+  // data is not copied. A time already held is refused: the caller keeps its blocks then.
+  HRESULT AppendFrame(FILETIME ftFrameTime, DWORD dwFlags, const SFrameBuffer* pBuffers);
+
+  // The packet of the whole extract in a new temporary-file stream (one reference, positioned at
+  // its end). Only MSHCTX_LOCAL and MSHCTX_DIFFERENTMACHINE are marshaled by value; any other
+  // context is refused with E_INVALIDARG. Frames not loaded yet are read from the source one at a
+  // time and kept. A failure leaves *ppStream null and the extract as it was (minus nothing: frames
+  // loaded before the failure stay loaded).
+  HRESULT MarshalToStream(IStream** ppStream, DWORD dwDestCtx);
+
+  // Reads a packet from pStream (from its current position) into this extract, which must be
+  // fresh (no buffer count, no frames). On failure the extract is left empty again.
+  HRESULT ReadPacket(IStream* pStream);
+
+  // IRecord: Write fills the extract (a fresh extract takes its buffer count from the first
+  // Write); Read, GetNext, GetPrev, GetStatistic and CheckFrame read it. SetDescription,
+  // GetDescription, GetPath, RemoveHour and GetName are E_NOTIMPL, as are Extract and Merge: an
+  // extract is not a recording.
+  STDMETHOD(SetDescription)(BSTR szDescription) override;
+  STDMETHOD(GetDescription)(BSTR* pszDescription) override;
+  STDMETHOD(GetPath)(BSTR* pszPath) override;
+  STDMETHOD(Write)(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount) override;
+  // Reads the frame stored at exactly ftFrame: its flags, and its first dwCount buffers, each in a
+  // new task-memory block the caller frees (pData on input is not used). dwCount above m_dwCount is
+  // HRESULT 0x80072024, an unknown time 0x80070490. A frame not loaded yet is read from the source
+  // first. On failure no block of this call is left with the caller.
+  STDMETHOD(Read)(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuff, DWORD dwCount) override;
+  STDMETHOD(GetNext)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftNextFrameTime) override;
+  STDMETHOD(GetPrev)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftPrevFrameTime) override;
+  STDMETHOD(GetStatistic)(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution, const SFrameFilter* pFilter,
+                          LONG dwFlags, DWORD* pdwCount, SRecordStatistic** ppRecordStatistic) override;
+  STDMETHOD(RemoveHour)(FILETIME ftHour) override;
+  STDMETHOD(GetName)(BSTR* pszName) override;
+  STDMETHOD(Extract)(FILETIME ftBegin, FILETIME ftEnd, const SFrameFilter* pFilter, LONG lCount,
+                     IRecord** ppExtract) override;
+  STDMETHOD(Merge)(IRecord* pSource, const SFrameFilter* pFilter, LONG lFlags) override;
+  STDMETHOD(CheckFrame)(FILETIME ftFrame, const SFrameFilter* pFilter) override;
+
+  // IMarshal. GetMarshalSizeMax and MarshalInterface build the packet once (with the context of
+  // the first call) and share it; MarshalInterface copies it whole into pStm and writes nothing
+  // else. UnmarshalInterface reads a packet into a fresh extract and answers its riid.
+  STDMETHOD(GetUnmarshalClass)(REFIID riid, void* pv, DWORD dwDestContext, void* pvDestContext, DWORD mshlflags,
+                               CLSID* pCid) override;
+  STDMETHOD(GetMarshalSizeMax)(REFIID riid, void* pv, DWORD dwDestContext, void* pvDestContext, DWORD mshlflags,
+                               DWORD* pSize) override;
+  STDMETHOD(MarshalInterface)(IStream* pStm, REFIID riid, void* pv, DWORD dwDestContext, void* pvDestContext,
+                              DWORD mshlflags) override;
+  STDMETHOD(UnmarshalInterface)(IStream* pStm, REFIID riid, void** ppv) override;
+  STDMETHOD(ReleaseMarshalData)(IStream* pStm) override;
+  STDMETHOD(DisconnectObject)(DWORD dwReserved) override;
+
+ private:
+  // The data blocks of one frame: m_dwCount buffer records, each owning task memory.
+  class CBuffers {
+   public:
+    CBuffers() = default;
+    explicit CBuffers(std::vector<SFrameBuffer> v) : m_v(std::move(v)) {}
+    CBuffers(CBuffers&& other) noexcept : m_v(std::move(other.m_v)) { other.m_v.clear(); }
+    CBuffers& operator=(CBuffers&& other) noexcept;
+    ~CBuffers() { Free(); }
+    bool Present() const { return !m_v.empty(); }
+    const std::vector<SFrameBuffer>& Get() const { return m_v; }
+    void Free();
+    // Lets go of the blocks without freeing them (their owner keeps them).
+    void Forget() { m_v.clear(); }
+
+   private:
+    std::vector<SFrameBuffer> m_v;
+  };
+  struct SFrame {
+    DWORD dwFlags = 0;
+    CBuffers buffers;  // absent until loaded from the source
+  };
+  using CFrameMap = std::map<ULONGLONG, SFrame>;  // by frame time as a tick count
+
+  HRESULT WritePacket(IStream** ppStream, DWORD dwDestCtx);
+  HRESULT WriteLocked(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount);
+  HRESULT StatisticLocked(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution, const SFrameFilter* pFilter,
+                          LONG dwFlags, DWORD* pdwCount, SRecordStatistic** ppRecordStatistic);
+  HRESULT ReadPacketLocked(IStream* pStream);
+  HRESULT LoadFrame(ULONGLONG ullTime, SFrame& frame);
+  HRESULT GetPacket(DWORD dwDestCtx, IStream** ppStream);
+  HRESULT Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftFound);
+
+  NSSystem::CCriticalSection<0, 4000> m_section;  // guards everything below
+  CFrameMap m_vFrames;
+  DWORD m_dwCount = 0;
+  NSCom::CComPtr<IRecord> m_pSource;  // may be null (an unmarshaled or client-filled extract)
+  NSCom::CComPtr<IStream> m_pPacket;  // the marshal cache, built on first use
+};
+
+}  // namespace NSRecords
