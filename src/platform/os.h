@@ -415,6 +415,10 @@ class COsThread {
   COsThread& operator=(const COsThread&) = delete;
   HRESULT Start(std::function<void()> fnBody);
   bool IsStarted() const;
+  // Whether the thread was ended from outside: on Windows by the process's exit (ExitProcess ends
+  // the other threads before a DLL's exit handlers run). Always false on Linux, where nothing ends
+  // a thread from outside. Safe to call from any thread.
+  bool HasEnded() const;
   void Join();
   bool SetAffinityMask(ULONGLONG ullMask);
   // THREAD_PRIORITY_* values. Linux maps them to nice values where the process may; a refusal

@@ -25,8 +25,8 @@ SLiveThreads& LiveThreads() {
 }
 
 // Registered with atexit when the first worker starts, which is after every static object the
-// workers use was made: exit runs it before their destructors. Signals each worker's stop event and
-// waits (at most ten seconds each) for its body to end; joining is left to the thread's owner.
+// workers use was made: exit runs it before their destructors. Signals each worker's stop event,
+// waits (at most ten seconds each) for its body to end, and joins it.
 void StopWorkersAtExit() {
   std::vector<std::shared_ptr<CThread>> vThreads;
   {
@@ -41,10 +41,16 @@ void StopWorkersAtExit() {
     for (int nWait = 0; nWait < 10000 && pThread->IsRunning() && !pThread->IsCurrent(); ++nWait)
       NSPlatform::SleepMs(1);
   }
-  // A worker that would not stop is left to the end of the process rather than joined here, which
-  // would hang the exit.
-  for (std::shared_ptr<CThread>& pThread : vThreads)
-    if (pThread->IsRunning() && !pThread->IsCurrent()) new std::shared_ptr<CThread>(std::move(pThread));
+  // Those that stopped are joined (exit runs on one thread: no owner joins them meanwhile). A worker
+  // that would not stop is left to the end of the process rather than joined, which would hang the
+  // exit.
+  for (std::shared_ptr<CThread>& pThread : vThreads) {
+    if (pThread->IsCurrent()) continue;
+    if (pThread->IsRunning())
+      new std::shared_ptr<CThread>(std::move(pThread));
+    else
+      pThread->Join();
+  }
 }
 
 void RegisterLiveThread(const std::weak_ptr<CThread>& pThread) {

@@ -94,7 +94,8 @@ class CThread : public std::enable_shared_from_this<CThread> {
   // The processor chosen at Start, or -1.
   int GetProcessor() const { return m_nProcessor; }
   unsigned GetExitCode() const { return m_nExitCode.load(); }
-  bool IsRunning() const { return m_bRunning.load(); }
+  // The body runs: started, not returned, and the thread not ended from outside (by process exit).
+  bool IsRunning() const { return m_bRunning.load() && !m_thread.HasEnded(); }
   DWORD GetThreadId() const { return m_thread.GetId(); }
   // Whether the calling thread is this worker.
   bool IsCurrent() const { return m_thread.GetId() == NSPlatform::GetCurrentThreadId(); }

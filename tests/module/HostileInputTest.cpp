@@ -71,6 +71,10 @@ class HostileInputTest : public ::testing::Test {
     m_strWitness = Tree(m_dir.Path());
   }
   void TearDown() override {
+    // The factory forgets the archive, so that the library holds no object after the test.
+    if (NSPlatform::PathExists(NSPlatform::CombinePath(Arc(), KV_W("settings.als")).c_str())) {
+      EXPECT_EQ(S_OK, m_pFactory->DeleteArchive(CBstr(Arc())));
+    }
     std::vector<NSPlatform::SDirEntry> v;
     NSPlatform::ListDir(m_dir.Path().c_str(), &v);
     std::string strNow;

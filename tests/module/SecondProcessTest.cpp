@@ -43,8 +43,10 @@ class CBstr {
 template <class I>
 struct CPtr {
   CPtr() = default;
-  ~CPtr() {
+  ~CPtr() { Reset(); }
+  void Reset() {
     if (p) p->Release();
+    p = nullptr;
   }
   CPtr(const CPtr&) = delete;
   CPtr& operator=(const CPtr&) = delete;
@@ -62,7 +64,8 @@ int RunSecondProcess(const WString& strArchive, const char* pszSuite = "SecondPr
   WCHAR szSelf[MAX_PATH] = {};
   ::GetModuleFileNameW(nullptr, szSelf, MAX_PATH);
   std::wstring strCommand = L"\"" + std::wstring(szSelf) + L"\" " + NSPlatform::Utf8ToWide(strFilter);
-  STARTUPINFOW si = {sizeof(si)};
+  STARTUPINFOW si = {};
+  si.cb = sizeof(si);
   PROCESS_INFORMATION pi = {};
   if (!::CreateProcessW(szSelf, strCommand.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) return -1;
   ::WaitForSingleObject(pi.hProcess, INFINITE);
@@ -112,6 +115,10 @@ TEST(RecordingProcess, ASecondProcessReadsButNeitherWritesNorDeletes) {
   EXPECT_EQ(S_OK, pWriter->Write(ftNext, 1, &buffer, 1));
   DWORD dwFlags = 0;
   EXPECT_EQ(S_FALSE, pWriter->Read(kftFrame, &dwFlags, nullptr, 0));
+  // The factory forgets the archive, so that the library holds no object after the test.
+  pWriter.Reset();
+  pArchive.Reset();
+  EXPECT_EQ(S_OK, pFactory->DeleteArchive(CBstr(strArchive)));
 }
 
 // Runs only as the second process (skipped when the variable is not set).

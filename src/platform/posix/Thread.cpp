@@ -215,6 +215,9 @@ HRESULT COsThread::Start(std::function<void()> fnBody) {
 
 bool COsThread::IsStarted() const { return m_pImpl != nullptr; }
 
+// Nothing ends a thread from outside on Linux: the owner knows when the body returned.
+bool COsThread::HasEnded() const { return false; }
+
 void COsThread::Join() {
   SThread* pThread = static_cast<SThread*>(m_pImpl);
   if (!pThread || !pThread->bStarted || pThread->bJoined) return;

@@ -103,6 +103,11 @@ HRESULT COsThread::Start(std::function<void()> fnBody) {
 
 bool COsThread::IsStarted() const { return m_pImpl != nullptr; }
 
+bool COsThread::HasEnded() const {
+  const SThread* pThread = static_cast<const SThread*>(m_pImpl);
+  return pThread && pThread->hThread && ::WaitForSingleObject(pThread->hThread, 0) == WAIT_OBJECT_0;
+}
+
 void COsThread::Join() {
   SThread* pThread = static_cast<SThread*>(m_pImpl);
   if (!pThread || pThread->bJoined) return;
