@@ -41,15 +41,19 @@ void StopWorkersAtExit() {
     for (int nWait = 0; nWait < 10000 && pThread->IsRunning() && !pThread->IsCurrent(); ++nWait)
       NSPlatform::SleepMs(1);
   }
-  // Those that stopped are joined (exit runs on one thread: no owner joins them meanwhile). A worker
-  // that would not stop is left to the end of the process rather than joined, which would hang the
-  // exit.
+  // A worker that would not stop is left to the end of the process rather than joined, which would
+  // hang the exit. On Linux those that stopped are joined (exit runs on one thread: no owner joins
+  // them meanwhile). Not on Windows: a DLL's exit handlers run either after ExitProcess ended every
+  // other thread, or inside FreeLibrary under the loader lock, which a thread needs to end.
   for (std::shared_ptr<CThread>& pThread : vThreads) {
     if (pThread->IsCurrent()) continue;
-    if (pThread->IsRunning())
+    if (pThread->IsRunning()) {
       new std::shared_ptr<CThread>(std::move(pThread));
-    else
-      pThread->Join();
+      continue;
+    }
+#ifndef _WIN32
+    pThread->Join();
+#endif
   }
 }
 
