@@ -128,10 +128,10 @@ TEST(SecondProcess, ReadsTheRecordingAndIsRefusedItsWriter) {
   const WString strArchive = NSPlatform::Utf8ToWide(pszArchive);
   // Kept loaded to the end of the process, as a host keeps it: the archive stays in the factory's
   // cache (this process must not delete the recorder's archive to empty it).
-  auto* pLibrary = new NSModuleTest::CLibrary;
-  ASSERT_TRUE(pLibrary->IsLoaded());
+  static NSModuleTest::CLibrary* s_pLibrary = new NSModuleTest::CLibrary;
+  ASSERT_TRUE(s_pLibrary->IsLoaded());
   CPtr<IArchiveFactory> pFactory;
-  ASSERT_EQ(S_OK, pLibrary->GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
+  ASSERT_EQ(S_OK, s_pLibrary->GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
   CPtr<IKronvale> pArchive;
   ASSERT_EQ(S_OK, pFactory->OpenArchive(CBstr(strArchive), &pArchive));
 
@@ -163,10 +163,10 @@ TEST(ExitingProcess, EndsCleanlyWhileItsArchiveWorks) {
 TEST(ExitWhileWorking, ExitsHoldingItsArchive) {
   const char* pszArchive = std::getenv(kszArchiveVariable);
   if (!pszArchive) GTEST_SKIP() << "runs as the second process of ExitingProcess only";
-  auto* pLibrary = new NSModuleTest::CLibrary;  // never unloaded: the process ends with it
-  ASSERT_TRUE(pLibrary->IsLoaded());
+  static NSModuleTest::CLibrary* s_pLibrary = new NSModuleTest::CLibrary;  // never unloaded: the process ends with it
+  ASSERT_TRUE(s_pLibrary->IsLoaded());
   IArchiveFactory* pFactory = nullptr;
-  ASSERT_EQ(S_OK, pLibrary->GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
+  ASSERT_EQ(S_OK, s_pLibrary->GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
   IKronvale* pArchive = nullptr;
   ASSERT_EQ(S_OK, pFactory->CreateArchive(CBstr(NSPlatform::Utf8ToWide(pszArchive)), &pArchive));
   ASSERT_EQ(S_OK, pArchive->SetFlushTimeout(1));
