@@ -132,6 +132,9 @@ class CArchiveImpl : public NSCom::CComObjectRootEx,
   // IStateControl: bit 0x80000 saves the settings now, bit 0x100000 defers that to the next open.
   STDMETHOD(Set)(LONG lState) override;
 
+  // IRecordParent: wakes the worker for a pass now (a pass already running is not started twice).
+  STDMETHOD_(void, OnOutOfSpace)() override;
+
   // One measurement of the archive and, when a limit is exceeded, the deletion of the oldest hours.
   // Does nothing when a pass is already running or the archive is freed.
   virtual void SizeAndQuotaPass();

@@ -148,6 +148,13 @@ std::vector<NSCom::CComPtr<IRecord>> CArchiveImpl::OpenWriters() {
 
 // ---- The pass -------------------------------------------------------------------------------------
 
+// A full volume cannot wait for the period: a recorder would lose up to a period of frames. The
+// worker runs its pass at once; a wake that comes while a pass runs gives one more pass right after
+// it, which sees the space the failed write wanted.
+STDMETHODIMP_(void) CArchiveImpl::OnOutOfSpace() {
+  if (m_pWorker) m_pWorker->Wake();
+}
+
 void CArchiveImpl::SizeAndQuotaPass() {
   // Released last of all: when the pass held the archive's last records, the archive goes here and
   // nothing after touches it.
@@ -324,8 +331,14 @@ HRESULT CArchiveImpl::RemoveOldests(LONGLONG llBytesToFree, LONG lHourLimit) {
 
 void CArchiveImpl::FlushRecords() {
   NSCom::CComPtr<IUnknown> pSelf(GetUnknown());  // released last, as in SizeAndQuotaPass
-  for (IRecord* pRecord : OpenWriters())
-    if (auto pInternal = Internal(pRecord)) pInternal->FlushCurrentHour();
+  bool bFull = false;
+  for (IRecord* pRecord : OpenWriters()) {
+    if (auto pInternal = Internal(pRecord)) {
+      const HRESULT hr = pInternal->FlushCurrentHour();
+      bFull = bFull || hr == khrDiskFull || hr == khrHandleDiskFull;
+    }
+  }
+  if (bFull) OnOutOfSpace();
 }
 
 void CArchiveImpl::StartFlusher(DWORD dwFlushTimeout) {

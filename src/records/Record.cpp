@@ -82,6 +82,7 @@ STDMETHODIMP CRecord::Create(IKronvale* pParent, const WCHAR* pszPath, DWORD dwH
     m_pParent = pParent;
     NSCom::CComPtr<IRecordParent> pArchive;
     m_bParentIsArchive = SUCCEEDED(pParent->QueryInterface(__uuidof(IRecordParent), reinterpret_cast<void**>(&pArchive)));
+    m_pArchiveParent = m_bParentIsArchive ? pArchive.p : nullptr;
   }
   if (!NSPlatform::IsDirectory(pszPath)) {
     const HRESULT hr = NSPlatform::CreateDirTree(pszPath);
@@ -326,16 +327,21 @@ STDMETHODIMP CRecord::Write(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer*
     if (m_lBusy.load() >= 1) return khrPending;
     hr = m_pCurrentHour->Write(st, dwFlags, reinterpret_cast<const SHourFrameBuffer*>(pBuff), dwCount);
     KV_SUCCEEDED(hr);
-    return hr;
+    return WakeRetentionWhenFull(hr);
   }
   if (!KV_ASSERT_TEXT(NSPlatform::FileTimeToSysTime(&ftFrame, &st), "bRes\n"))
     return NSPlatform::HResultFromLastError();
   if (m_lBusy.load() >= 1) return khrPending;
   CHourPtr pHour;
   hr = GetHourManager(NSKronvaleUtils::FormatHourPath(st), true, &pHour);
-  if (!KV_SUCCEEDED(hr)) return hr;
+  if (!KV_SUCCEEDED(hr)) return WakeRetentionWhenFull(hr);
   hr = pHour->Write(st, dwFlags, reinterpret_cast<const SHourFrameBuffer*>(pBuff), dwCount);
   KV_SUCCEEDED(hr);
+  return WakeRetentionWhenFull(hr);
+}
+
+HRESULT CRecord::WakeRetentionWhenFull(HRESULT hr) {
+  if ((hr == khrDiskFull || hr == khrHandleDiskFull) && m_pArchiveParent) m_pArchiveParent->OnOutOfSpace();
   return hr;
 }
 

@@ -116,6 +116,8 @@ class CRecord : public NSCom::CComObjectRootEx,
 
   bool IsWriter() const { return (m_dwAccessMode.load() & kdwAccessMask) == kdwAccessReadWrite; }
   HRESULT RefuseReader();
+  // Answers hr, first telling the archive when it says the volume is full.
+  HRESULT WakeRetentionWhenFull(HRESULT hr);
   HRESULT OpenHour(const WString& strHourPath, bool bCreate, CHourPtr* ppHour);
   void CloseCurrentHour(bool bReport);
   WString HourDirectory(const WString& strHourPath) const;
@@ -143,6 +145,7 @@ class CRecord : public NSCom::CComObjectRootEx,
   NSCom::CComPtr<IKronvale> m_pParent;
   std::shared_ptr<void> m_pWriterLock;  // a writer's hold on "record.lck"; none for readers
   bool m_bParentIsArchive = false;
+  IRecordParent* m_pArchiveParent = nullptr;  // m_pParent as an archive of ours (held through m_pParent)
   std::atomic<LONG> m_lBusy{0};
   std::atomic<DWORD> m_dwAccessMode{0};
 

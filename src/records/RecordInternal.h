@@ -10,7 +10,12 @@
 
 // Answered only by the archive objects of this library: a record writes only under such a parent.
 MIDL_INTERFACE("CE0FB241-3685-498B-958F-D311E035E672")
-IRecordParent : public IUnknown{};
+IRecordParent : public IUnknown {
+  // A write or a flush of one of the archive's records found the volume full: the archive measures
+  // itself and applies its quota now rather than at its next period, so that a recorder whose
+  // archive has a free-space limit goes on recording over its oldest hours. Takes no lock.
+  STDMETHOD_(void, OnOutOfSpace)() = 0;
+};
 __CRT_UUID_DECL(IRecordParent, 0xCE0FB241, 0x3685, 0x498B, 0x95, 0x8F, 0xD3, 0x11, 0xE0, 0x35, 0xE6, 0x72)
 
 // What the archive and the record's own maintenance need of a record beyond its public interfaces.

@@ -91,6 +91,7 @@ CThread::~CThread() {
 HRESULT CThread::StartBody(std::function<unsigned(CThread&)> fnBody) {
   if (m_thread.IsStarted()) return KvHResultFromWin32(ERROR_INVALID_STATE);
   if (!m_pStopEvent || !m_pStopEvent->IsValid()) return E_OUTOFMEMORY;
+  m_bStopRequested = false;
   m_pStopEvent->Reset();
   m_bRunning = true;
   const bool bTimerResolution = !(m_dwOwnerFlags & kThreadKeepTimerResolution);
@@ -117,7 +118,20 @@ HRESULT CThread::StartBody(std::function<unsigned(CThread&)> fnBody) {
 }
 
 void CThread::Stop() {
+  m_bStopRequested = true;
   if (m_pStopEvent) m_pStopEvent->Set();
+}
+
+void CThread::Wake() {
+  if (m_pStopEvent) m_pStopEvent->Set();
+}
+
+bool CThread::TakeWake() {
+  if (m_bStopRequested.load() || !m_pStopEvent) return false;
+  m_pStopEvent->Reset();
+  // A Stop between the two looks sets its flag before the event: either it is seen here, or its
+  // event comes after the reset and ends the next wait.
+  return !m_bStopRequested.load();
 }
 
 void CThread::Join() { m_thread.Join(); }
@@ -154,7 +168,7 @@ LONG CPeriodicWorker::RunCycle() {
   return NextPeriodicWait(m_options, nElapsedMs);
 }
 
-void CPeriodicWorker::Run(const std::shared_ptr<CStopEvent>& pStopEvent) {
+void CPeriodicWorker::Run(const std::shared_ptr<CStopEvent>& pStopEvent, const std::function<bool()>& fnTakeWake) {
   const LONG nPeriod = static_cast<LONG>(m_options.dwPeriod);
   LONG nNext = nPeriod;
   // The result of a cycle run at start is not used: the first wait is the full period.
@@ -162,7 +176,8 @@ void CPeriodicWorker::Run(const std::shared_ptr<CStopEvent>& pStopEvent) {
   if (!pStopEvent) return;
   for (;;) {
     LONG nWait = std::min(std::max<LONG>(nNext, 1), nPeriod);
-    if (WaitForStop(*pStopEvent, static_cast<DWORD>(nWait)) != WAIT_TIMEOUT) return;
+    const DWORD dwWait = WaitForStop(*pStopEvent, static_cast<DWORD>(nWait));
+    if (dwWait != WAIT_TIMEOUT && !(dwWait == WAIT_OBJECT_0 && fnTakeWake && fnTakeWake())) return;
     nNext = RunCycle();
   }
 }
@@ -172,7 +187,10 @@ HRESULT StartPeriodic(const std::shared_ptr<CThread>& pThread, const SPeriodicOp
   if (!pThread) return E_POINTER;
   auto pWorker = std::make_shared<CPeriodicWorker>(options, std::move(fnTask));
   std::shared_ptr<CStopEvent> pStopEvent = pThread->GetStopEvent();
-  return pThread->Start([pWorker, pStopEvent]() { pWorker->Run(pStopEvent); });
+  // A raw pointer: the thread object outlives its body (destroying it joins).
+  CThread* pRaw = pThread.get();
+  return pThread->Start(
+      [pWorker, pStopEvent, pRaw]() { pWorker->Run(pStopEvent, [pRaw] { return pRaw->TakeWake(); }); });
 }
 
 }  // namespace NSSystem

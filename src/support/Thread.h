@@ -78,13 +78,20 @@ class CThread : public std::enable_shared_from_this<CThread> {
 
   // Signals the stop event; the body decides when to end.
   void Stop();
+  // Signals the stop event without asking for a stop: a periodic worker runs its task now instead
+  // of at the end of its wait (any other body would take the wake for a stop). A body whose stop
+  // event fired calls TakeWake to tell the two apart.
+  void Wake();
+  // After the stop event fired: when it was a wake and no stop was asked, resets the event and
+  // answers true; answers false for a stop.
+  bool TakeWake();
   // Waits for the body to end; safe to call twice, and a no-op on the thread itself.
   void Join();
   // Stop and Join.
   void StopAndJoin();
 
   std::shared_ptr<CStopEvent> GetStopEvent() const { return m_pStopEvent; }
-  bool IsStopRequested() { return m_pStopEvent && m_pStopEvent->Wait(0) == WAIT_OBJECT_0; }
+  bool IsStopRequested() const { return m_bStopRequested.load(); }
   DWORD GetOwnerFlags() const { return m_dwOwnerFlags; }
   // Takes effect at the next Start.
   void SetPriorityField(int nPriority) { m_nPriority = nPriority; }
@@ -111,6 +118,7 @@ class CThread : public std::enable_shared_from_this<CThread> {
   std::shared_ptr<CStopEvent> m_pStopEvent;
   std::atomic<unsigned> m_nExitCode{0};
   std::atomic<bool> m_bRunning{false};
+  std::atomic<bool> m_bStopRequested{false};  // set before the stop event, so a wake is told apart
   NSPlatform::COsThread m_thread;
 };
 
@@ -140,7 +148,9 @@ class CPeriodicWorker {
  public:
   CPeriodicWorker(const SPeriodicOptions& options, std::function<void()> fnTask);
   virtual ~CPeriodicWorker() = default;
-  void Run(const std::shared_ptr<CStopEvent>& pStopEvent);
+  // fnTakeWake, when given, is asked each time the stop event fires: true means a wake (run the
+  // task now and go on), false a stop.
+  void Run(const std::shared_ptr<CStopEvent>& pStopEvent, const std::function<bool()>& fnTakeWake = {});
 
  protected:
   virtual bool ReadCounter(LONGLONG* pllCounter);
@@ -155,7 +165,7 @@ class CPeriodicWorker {
   std::function<void()> m_fnTask;
 };
 
-// Starts a periodic worker on pThread; the thread's stop event ends it.
+// Starts a periodic worker on pThread; the thread's Stop ends it and its Wake runs the task at once.
 HRESULT StartPeriodic(const std::shared_ptr<CThread>& pThread, const SPeriodicOptions& options,
                       std::function<void()> fnTask);
 

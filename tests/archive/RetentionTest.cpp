@@ -11,10 +11,15 @@
 #include <iterator>
 #endif
 
+#include <kronvale/KronvaleResults.h>
+
 #include "archive/ArchiveImpl.h"
 #include "records/RecordTestSupport.h"
+#include "common/SmallVolume.h"
 
 using namespace NKvRecordTest;
+using NSKronvale::khrDiskFull;
+using NSKronvale::khrNotFound;
 using NSArchive::CArchiveImpl;
 namespace NFault = NSPlatform::NFault;
 
@@ -313,6 +318,145 @@ TEST_F(RetentionTest, BufferedHoursAreFlushedWithinTheTimeout) {
   EXPECT_TRUE(bFound);
 #endif
 }
+
+// The disk fills under a recorder whose archive keeps a free-space limit. The failed write wakes the
+// worker, whose pass deletes the oldest hours at once instead of at its next period (30 s away), and
+// the recorder goes on: it loses only the frames refused while the pass ran. The volume is the
+// seam's: writes fail and no space is free until the engine deletes an hour, as a real full disk
+// behaves.
+TEST_F(RetentionTest, RecordingGoesOnWhenTheDiskFills) {
+  auto pCam = Writer("cam");
+  NFault::OverrideFreeSpace(1ull << 40);
+  SetQuota(64 * 1048576ull, 0);
+  const std::string strFrame(10000, 'f');
+  for (WORD h = 0; h < 6; ++h)
+    for (WORD m = 0; m < 60; m += 10) ASSERT_EQ(S_OK, WriteFrame(pCam, Ft(2021, 1, 1, h, m), 1, {strFrame}));
+  m_pObject->SizeAndQuotaPass();
+  ASSERT_TRUE(Has("cam", 0));
+
+  NSTest::CLogCapture capture;
+  // From 05:50 on the recorder offers a frame every ten seconds of recording time.
+  std::vector<int> vAcknowledged, vRefused;
+  bool bFull = false;
+  for (int n = 0; n < 400 && vAcknowledged.size() < 20; ++n) {
+    const FILETIME ft = Plus(Ft(2021, 1, 1, 5, 50), static_cast<LONGLONG>(n) * 10000000);
+    if (n == 10) {
+      NFault::Arm({NFault::EOp::Write, 1, ERROR_DISK_FULL, true, -1, W("cam")});
+      NFault::OverrideFreeSpace(0);
+      bFull = true;
+    }
+    // Space comes back when the engine deleted an hour.
+    if (bFull && !Has("cam", 0)) {
+      NFault::Disarm(NFault::EOp::Write);
+      NFault::OverrideFreeSpace(1ull << 40);
+      bFull = false;
+    }
+    const HRESULT hr = WriteFrame(pCam, ft, 1, {strFrame});
+    if (hr == S_OK) {
+      if (n >= 10) vAcknowledged.push_back(n);
+    } else {
+      ASSERT_EQ(khrDiskFull, hr);
+      ASSERT_TRUE(vAcknowledged.empty()) << "refused after recording resumed";
+      vRefused.push_back(n);
+      // The recorder drops the frame and goes on with the next, a few milliseconds later; the pass
+      // must come well before the worker's period would have run it.
+      NSPlatform::SleepMs(50);
+    }
+  }
+  ASSERT_FALSE(vRefused.empty());
+  ASSERT_EQ(20u, vAcknowledged.size()) << "recording did not resume";
+  for (int i = 0; i < 1000 && Has("cam", 4); ++i) NSPlatform::SleepMs(10);  // the pass ends
+  // Every hour but the open one went, the oldest first.
+  std::vector<WString> vRemoved;
+  for (const WString& s : Texts(capture, "message"))
+    if (s.rfind(W("Removing old hour: "), 0) == 0) vRemoved.push_back(s);
+  ASSERT_EQ(5u, vRemoved.size());
+  for (WORD h = 0; h < 5; ++h) {
+    EXPECT_EQ(W("Removing old hour: ") + HourDir("cam", h) + W("\n"), vRemoved[h]);
+    EXPECT_FALSE(Has("cam", h));
+  }
+  // Nothing acknowledged is lost: the frames of the open hour from before the disk filled, and
+  // those after; the refused ones are not there.
+  for (WORD m = 0; m < 60; m += 10) EXPECT_EQ(std::vector<std::string>{strFrame}, ReadFrame(pCam, Ft(2021, 1, 1, 5, m), 1));
+  for (int n : vAcknowledged)
+    EXPECT_EQ(std::vector<std::string>{strFrame}, ReadFrame(pCam, Plus(Ft(2021, 1, 1, 5, 50), n * 10000000ll), 1));
+  DWORD dwFlags = 0;
+  SFrameBuffer buffer = {};
+  for (int n : vRefused)
+    EXPECT_EQ(khrNotFound, pCam->Read(Plus(Ft(2021, 1, 1, 5, 50), n * 10000000ll), &dwFlags, &buffer, 0));
+}
+
+// A buffered archive learns of the full disk from its flusher, and wakes the worker the same way.
+TEST_F(RetentionTest, AFlusherThatMeetsAFullDiskWakesTheWorker) {
+  ASSERT_EQ(S_OK, m_pArchive->SetFlushTimeout(20));
+  auto pCam = Writer("cam");
+  NFault::OverrideFreeSpace(1ull << 40);
+  SetQuota(64 * 1048576ull, 0);
+  for (WORD h = 0; h < 3; ++h) ASSERT_EQ(S_OK, WriteFrame(pCam, Ft(2021, 1, 1, h), 1, {"buffered"}));
+  NFault::OverrideFreeSpace(0);
+  NFault::Arm({NFault::EOp::Flush, 1, ERROR_DISK_FULL, true, -1, W("cam")});
+  ASSERT_EQ(S_OK, WriteFrame(pCam, Ft(2021, 1, 1, 2, 1), 1, {"buffered"}));
+  for (int i = 0; i < 1000 && (Has("cam", 0) || Has("cam", 1)); ++i) NSPlatform::SleepMs(10);
+  EXPECT_FALSE(Has("cam", 0));
+  EXPECT_FALSE(Has("cam", 1));
+  EXPECT_TRUE(Has("cam", 2));
+  ASSERT_EQ(S_OK, m_pArchive->SetFlushTimeout(0));
+}
+
+#ifndef _WIN32
+// The same story on a real volume that fills: the failed append comes from the file system itself
+// (ENOSPC in the middle of a frame, or while a new hour is made), and the hour it failed in must
+// take later frames as if nothing happened.
+TEST(DiskFullTest, RecordingGoesOnWhenARealVolumeFills) {
+  NKvTest::CTempDir dir;
+  NKvTest::CSmallVolume volume(dir.Sub(KV_W("volume")), 24);
+  if (!volume.IsMounted()) GTEST_SKIP() << "this process may not mount a small file system";
+  NSCom::CComObject<CArchiveImpl>* p = nullptr;
+  ASSERT_EQ(S_OK, NSCom::CComObject<CArchiveImpl>::CreateInstance(&p));
+  NSCom::CComPtr<IKronvale> pArchive(p);
+  ASSERT_EQ(S_OK, p->Create(dir.Sub(Native("volume/arc"))));
+  const SArchiveQuota quota = {4 * 1048576ull, 0, 0, 0};
+  ASSERT_EQ(S_OK, Query<IKronvaleQuota>(pArchive, IID_IKronvaleQuota)->SetArchiveQuota(&quota));
+  NSCom::CComPtr<IRecord> pCam;
+  ASSERT_EQ(S_OK, pArchive->CreateRecord(NSCom::CComBSTR(KV_W("cam")), &pCam));
+
+  // 100 kB a minute of recording time: about 6 MB an hour, so the volume fills in the fourth hour.
+  std::vector<FILETIME> vAcknowledged;
+  int cRefused = 0, cAfter = 0;
+  for (int n = 0; n < 3000 && cAfter < 100; ++n) {
+    const FILETIME ft = Plus(Ft(2021, 1, 1, 0), static_cast<LONGLONG>(n) * 600000000);
+    const std::string strFrame(100000, static_cast<char>('a' + n % 26));
+    const HRESULT hr = WriteFrame(pCam, ft, 1, {strFrame});
+    if (hr == S_OK) {
+      vAcknowledged.push_back(ft);
+      cAfter += cRefused > 0;
+    } else {
+      ASSERT_TRUE(hr == khrDiskFull || hr == static_cast<HRESULT>(0x80070027)) << std::hex << hr;
+      ASSERT_EQ(0, cAfter) << "refused after recording resumed";
+      ++cRefused;
+      NSPlatform::SleepMs(20);
+    }
+  }
+  ASSERT_GT(cRefused, 0) << "the volume never filled";
+  ASSERT_EQ(100, cAfter) << "recording did not resume";
+  // The oldest hours went; every acknowledged frame of the hours left reads back whole.
+  EXPECT_FALSE(NSPlatform::IsDirectory(dir.Sub(Native("volume/arc/cam/2021/01/01/00")).c_str()));
+  size_t cChecked = 0;
+  for (size_t i = 0; i < vAcknowledged.size(); ++i) {
+    const ULONGLONG n = (U(vAcknowledged[i]) - U(Ft(2021, 1, 1, 0))) / 600000000;
+    const char szHour[] = {static_cast<char>('0' + n / 60 / 10), static_cast<char>('0' + n / 60 % 10), 0};
+    if (!NSPlatform::IsDirectory(dir.Sub(Native(("volume/arc/cam/2021/01/01/" + std::string(szHour)).c_str())).c_str()))
+      continue;
+    ++cChecked;
+    EXPECT_EQ(std::vector<std::string>{std::string(100000, static_cast<char>('a' + n % 26))},
+              ReadFrame(pCam, vAcknowledged[i], 1))
+        << Show(vAcknowledged[i]);
+  }
+  EXPECT_GE(cChecked, 100u);
+  pCam.Release();
+  pArchive->Free();
+}
+#endif
 
 }  // namespace
 

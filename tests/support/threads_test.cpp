@@ -353,3 +353,24 @@ TEST(Periodic, RealWorkerRunsUntilStoppedAndNotAfter) {
   NSPlatform::SleepMs(30);
   EXPECT_EQ(nAtStop, nCycles.load());
 }
+
+// A periodic worker woken runs its task at once, however long its period, and a wake never passes
+// for a stop: the stop that follows a storm of wakes still ends it, and it is not woken after.
+TEST(Periodic, AWakeRunsTheTaskNowAndNeverHidesAStop) {
+  for (int nRound = 0; nRound < 20; ++nRound) {
+    auto pThread = CThread::Create();
+    std::atomic<int> nCycles{0};
+    ASSERT_EQ(S_OK, StartPeriodic(pThread, {0, 3600000}, [&] { ++nCycles; }));
+    pThread->Wake();
+    EXPECT_TRUE(WaitUntil([&] { return nCycles.load() >= 1; }));
+    EXPECT_FALSE(pThread->IsStopRequested());
+    std::thread waker([&] {
+      for (int i = 0; i < 1000; ++i) pThread->Wake();
+    });
+    pThread->Stop();
+    waker.join();
+    pThread->Join();
+    EXPECT_FALSE(pThread->IsRunning());
+    EXPECT_TRUE(pThread->IsStopRequested());
+  }
+}

@@ -67,6 +67,7 @@ def main():
     work = tempfile.mkdtemp(prefix="kvtool-test-")
     try:
         scenario(work)
+        full_volume(work)
     finally:
         shutil.rmtree(work, ignore_errors=True)
     if failures:
@@ -253,6 +254,35 @@ def scenario(w):
     ok(w, "rm", "arc", "door")
     check(json.loads(ok(w, "info", "arc", "--json")[0])["records"][0]["name"] == "cam" and
           not os.path.exists(os.path.join(w, "arc", "door")), "rm removes the record")
+
+
+def full_volume(w):
+    """An archive without a free-space limit on a volume more than 90% full: info warns (on stderr,
+    its output unchanged) and names the cure; with a limit set, it does not. Needs a small volume of
+    its own, which only a process that may mount gets (native runs as root)."""
+    vol = os.path.join(w, "vol")
+    os.mkdir(vol)
+    if len(KVTOOL) != 1 or subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4m", "kronvale-test", vol],
+                                          capture_output=True).returncode != 0:
+        print("full volume: skipped (cannot mount a small volume here)")
+        return
+    try:
+        ok(w, "write", "vol/arc", "cam", "2021-03-07T10:00:00Z", "--create", "x")
+        rc, out, err, _ = run("info", "vol/arc", cwd=w)
+        check(rc == 0 and "warning" not in err and "no limit (recording stops when the disk is full" in out,
+              f"info on a roomy volume: no warning, the hint beside 'keep free' ({err!r})")
+        st = os.statvfs(vol)
+        with open(os.path.join(vol, "filler"), "wb") as f:
+            f.write(b"\0" * (st.f_bavail * st.f_frsize - st.f_blocks * st.f_frsize // 20))
+        rc, out, err, _ = run("info", "vol/arc", "--json", cwd=w)
+        check(rc == 0 and json.loads(out)["minimum_free_disk_space"] == 0 and
+              "kvtool: warning: archive 'vol/arc' has no free-space limit and its volume is" in err and
+              "kvtool set 'vol/arc' --quota-free 2G" in err, f"info on a full volume warns ({err!r})")
+        ok(w, "set", "vol/arc", "--quota-free", "1M")
+        rc, out, err, _ = run("info", "vol/arc", cwd=w)
+        check(rc == 0 and not err, f"info with a free-space limit does not warn ({err!r})")
+    finally:
+        subprocess.run(["umount", "-l", vol], capture_output=True)
 
 
 if __name__ == "__main__":

@@ -380,6 +380,20 @@ SRecordSummary SummariseRecord(CArchive& archive, const std::string& strRecord, 
   return summary;
 }
 
+// An archive without a free-space limit stops recording when its volume fills, where one with a
+// limit deletes its oldest hours and goes on: say so while there is still room to act.
+void WarnWithoutFreeSpaceLimit(const std::string& strPath, const SArchiveInfo& info) {
+  if (info.ullMinimumFreeDiskSpace) return;
+  ULONGLONG ullFree = 0, ullTotal = 0;
+  if (FAILED(NSPlatform::GetFreeDiskSpace(Wide(strPath).c_str(), &ullFree, &ullTotal, nullptr)) || !ullTotal) return;
+  const ULONGLONG ullUsedPercent = (ullTotal - std::min(ullFree, ullTotal)) * 100 / ullTotal;
+  if (ullUsedPercent <= 90) return;
+  std::fprintf(stderr,
+               "kvtool: warning: archive %s has no free-space limit and its volume is %llu%% full; when the disk "
+               "is full, recording stops. Set one: kvtool set %s --quota-free 2G\n",
+               Quote(strPath).c_str(), static_cast<unsigned long long>(ullUsedPercent), Quote(strPath).c_str());
+}
+
 int Info(CKronvale& kronvale, const std::string& strPath, const std::string& strRecord, bool bJson, bool bBytes) {
   CArchive archive(kronvale, strPath, false);
   SArchiveInfo info = {};
@@ -400,6 +414,7 @@ int Info(CKronvale& kronvale, const std::string& strPath, const std::string& str
   std::vector<SRecordSummary> vSummaries;
   for (const auto& strName : vRecords) vSummaries.push_back(SummariseRecord(archive, strName, true));
   const ULONGLONG ullSize = MeasureTree(Wide(strPath));
+  WarnWithoutFreeSpaceLimit(strPath, info);
   if (bJson) {
     std::printf("{\"archive\":%s,\"bytes_on_disk\":%llu,\"free_disk_space\":%llu,\"minimum_free_disk_space\":%llu,"
                 "\"maximum_archive_size\":%llu,\"maximum_hours\":%ld,\"flush_timeout_ms\":%u,\"records\":[",
@@ -422,7 +437,9 @@ int Info(CKronvale& kronvale, const std::string& strPath, const std::string& str
   std::printf("archive            %s\n", strPath.c_str());
   std::printf("size on disk       %s (measured now)\n", Size(ullSize, bBytes).c_str());
   std::printf("free on the volume %s\n", Size(info.ullFreeDiskSpace, bBytes).c_str());
-  std::printf("keep free          %s\n", info.ullMinimumFreeDiskSpace ? Size(info.ullMinimumFreeDiskSpace, bBytes).c_str() : "no limit");
+  std::printf("keep free          %s\n", info.ullMinimumFreeDiskSpace ? Size(info.ullMinimumFreeDiskSpace, bBytes).c_str()
+                                                                    : "no limit (recording stops when the disk is full: "
+                                                                      "kvtool set ARCHIVE --quota-free 2G)");
   std::printf("maximum size       %s\n", info.ullMaximumArchiveSize ? Size(info.ullMaximumArchiveSize, bBytes).c_str() : "no limit");
   std::printf("hours per record   %s\n", quota.lMaximumArchiveHours > 0 ? std::to_string(quota.lMaximumArchiveHours).c_str() : "no limit");
   std::printf("flush timeout      %s\n", info.dwFlushTimeout ? (std::to_string(info.dwFlushTimeout) + " ms").c_str() : "0 (writes through)");
