@@ -847,20 +847,21 @@ bool CHourManager::RemoveHour() {
   return RemoveHourLocked();
 }
 
-bool CHourManager::RemoveHour(const WString& strPath) {
+bool CHourManager::RemoveHour(const WString& strPath, HRESULT* phrWhy) {
   KV_HOUR_LOCK(false);
   CloseLocked();
   if (m_strPath != strPath) {
     m_strPath = strPath;
     m_ftHourStart = {0, 0};
   }
-  return RemoveHourLocked();
+  return RemoveHourLocked(phrWhy);
 }
 
-bool CHourManager::RemoveHourLocked() {
+bool CHourManager::RemoveHourLocked(HRESULT* phrWhy) {
   KV_FUNC("CHourManager::RemoveHour");
   KV_LOG_MESSAGE(KV_W("deleting hour: %s\n"), m_strPath.c_str());
   const HRESULT hr = NSKronvaleUtils::DeleteFileSystemObject(m_strPath);
+  if (phrWhy) *phrWhy = hr == S_OK ? S_OK : FAILED(hr) ? hr : E_FAIL;
   if (hr != S_OK) return false;
   KV_LOG_MESSAGE(KV_W("hour %s deleted successfully\n"), m_strPath.c_str());
   // Year, month, day and the record directory at most, each only while it is empty.

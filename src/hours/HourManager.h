@@ -145,8 +145,9 @@ class CHourManager {
   // Closes and deletes the hour directory (of the last Open), then up to four parent levels while
   // they are empty. True when the hour directory itself was deleted.
   bool RemoveHour();
-  // The same for the hour directory strPath, without opening it first.
-  bool RemoveHour(const WString& strPath);
+  // The same for the hour directory strPath, without opening it first; *phrWhy, when given, gets
+  // what stopped the deletion (S_OK when the hour went).
+  bool RemoveHour(const WString& strPath, HRESULT* phrWhy = nullptr);
 
   const WString& GetPath() const { return m_strPath; }
 
@@ -161,7 +162,7 @@ class CHourManager {
   bool RefreshAppended(ULONGLONG ullFrom, ULONGLONG ullTo);
   bool LastEntryShown(ULONGLONG ullDescriptorSize);
   bool IsCorruptedLocked();
-  bool RemoveHourLocked();
+  bool RemoveHourLocked(HRESULT* phrWhy = nullptr);
   HRESULT AppendFrame(const SYSTEMTIME& st, DWORD dwFlags, const SHourFrameBuffer* pBuffers, DWORD dwCount,
                       SFrameInfo* pInfo);
   HRESULT AppendDescriptor(const SFrameInfo& info, DWORD* pdwIndex);

@@ -63,9 +63,15 @@ STDMETHODIMP CRecord::RemoveHour(FILETIME ftHour) {
     KV_LOG_MESSAGE(KV_W("Removing old hour: %s\n"), strDirectory.c_str());
     if (strHourPath == m_strCurrentHourPath) CloseCurrentHour(false);
   }
-  // The files go outside the record lock: the record goes on serving other hours meanwhile.
+  // The files go outside the record lock: the record goes on serving other hours meanwhile. A
+  // deletion that stops answers why (a file held by another process, a read-only file...).
   CHourManager hour(std::make_shared<NSSystem::SLock>());
-  return hour.RemoveHour(strDirectory) ? S_OK : E_FAIL;
+  HRESULT hr = S_OK;
+  if (!hour.RemoveHour(strDirectory, &hr)) {
+    KV_LOG_ERROR(KV_W("Failed to delete hour '%s' (0x%X)\n"), strDirectory.c_str(), static_cast<unsigned>(hr));
+    return hr;
+  }
+  return S_OK;
 }
 
 // ---- Repair ---------------------------------------------------------------------------------------

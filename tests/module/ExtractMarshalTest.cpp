@@ -239,6 +239,55 @@ TEST_F(ExtractMarshalTest, AnInExtractCrossesApartmentsByValue) {
   EXPECT_EQ(strSent, CProbeRecord::s_strSeen);
 }
 
+// One block for all of a frame's buffers: in the caller's apartment the record lays them out one
+// after another in it; across apartments only the first buffer, which brought the block, is filled
+// in place, and each following one comes back in a task-memory block of its own that the caller
+// frees. The bytes are the same either way.
+TEST_F(ExtractMarshalTest, AReadIntoOneBlockIsCarvedOnlyInTheCallersApartment) {
+  const FILETIME ft = Ft(2021, 5, 1, 12, 0, 2, 20);
+  const std::string strFirst(200, 'c');
+  const std::string strSecond = Show(ft);
+  auto read = [&](IRecord* pRecord, std::string* pFirst, std::string* pSecond, bool* pbCarved) {
+    std::vector<BYTE> vBlock(1024);
+    SFrameBuffer aBuffers[2] = {{vBlock.data(), 1024}, {nullptr, 0}};
+    DWORD dwFlags = 0;
+    const HRESULT hr = pRecord->Read(ft, &dwFlags, aBuffers, 2);
+    if (FAILED(hr)) return hr;
+    *pFirst = std::string(reinterpret_cast<char*>(aBuffers[0].pData), aBuffers[0].dwDataSize);
+    *pSecond = std::string(reinterpret_cast<char*>(aBuffers[1].pData), aBuffers[1].dwDataSize);
+    *pbCarved = aBuffers[1].pData == vBlock.data() + 200;
+    const bool bInside = aBuffers[1].pData >= vBlock.data() && aBuffers[1].pData < vBlock.data() + vBlock.size();
+    if (!bInside) CoTaskMemFree(aBuffers[1].pData);
+    return aBuffers[0].pData == vBlock.data() ? hr : E_UNEXPECTED;
+  };
+  std::string strA, strB;
+  bool bCarved = false;
+  ASSERT_EQ(S_OK, read(m_pRecord, &strA, &strB, &bCarved));
+  EXPECT_EQ(strFirst, strA);
+  EXPECT_EQ(strSecond, strB);
+  EXPECT_TRUE(bCarved);
+
+  IStream* pStream = nullptr;
+  ASSERT_EQ(S_OK, CoMarshalInterThreadInterfaceInStream(IID_IRecord, m_pRecord, &pStream));
+  HRESULT hrRead = E_FAIL;
+  std::string strC, strD;
+  bool bCarvedAcross = true;
+  std::thread other([&] {
+    if (FAILED(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return;
+    {
+      NSCom::CComPtr<IRecord> pProxy;
+      if (SUCCEEDED(CoGetInterfaceAndReleaseStream(pStream, IID_IRecord, reinterpret_cast<void**>(&pProxy))))
+        hrRead = read(pProxy, &strC, &strD, &bCarvedAcross);
+    }
+    CoUninitialize();
+  });
+  other.join();
+  ASSERT_EQ(S_OK, hrRead);
+  EXPECT_EQ(strFirst, strC);
+  EXPECT_EQ(strSecond, strD);
+  EXPECT_FALSE(bCarvedAcross);
+}
+
 }  // namespace
 
 #endif  // _WIN32

@@ -136,6 +136,16 @@ TEST_F(RecordMaintenanceTest, RemoveHourClosesTheOpenHourAndEmptyParents) {
   // The next write makes the hour again.
   ASSERT_EQ(S_OK, WriteFrame(m_pWriter, Ft(2021, 3, 8, 10, 1), 1, {"c"}));
   EXPECT_EQ((std::vector<ULONGLONG>{U(Ft(2021, 3, 7, 10)), U(Ft(2021, 3, 8, 10, 1))}), WalkForward(m_pWriter));
+
+  // A file the system will not delete (held by another process on Windows) stops the removal, and
+  // the answer says so instead of a bare E_FAIL.
+  NSPlatform::NFault::Arm({NSPlatform::NFault::EOp::Directory, 1, ERROR_SHARING_VIOLATION, true, -1, W("data.al")});
+  NSTest::CLogCapture refused;
+  EXPECT_EQ(khrSharingViolation, m_pWriter->RemoveHour(Ft(2021, 3, 7, 10)));
+  NSPlatform::NFault::Reset();
+  EXPECT_TRUE(Logged(refused, "error", W("Failed to delete hour '") + Dir("cam/2021/03/07/10") + W("' (0x80070020)\n")));
+  EXPECT_EQ(S_OK, m_pWriter->RemoveHour(Ft(2021, 3, 7, 10)));
+  EXPECT_FALSE(NSPlatform::PathExists(Dir("cam/2021/03/07").c_str()));
 }
 
 TEST_F(RecordMaintenanceTest, MergeCopiesThePassingFramesOfAnotherRecord) {
