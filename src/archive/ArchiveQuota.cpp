@@ -1,6 +1,9 @@
 // The archive's limits: quotas, the size-and-quota pass of its worker, the deletion of the oldest
 // hours, and the flusher of buffered hours.
 #include <algorithm>
+#include <functional>
+#include <queue>
+#include <tuple>
 #include <kronvale/KronvaleResults.h>
 
 #include "archive/ArchiveImpl.h"
@@ -238,21 +241,19 @@ HRESULT CArchiveImpl::CheckQuota() {
   return RemoveOldests(std::max(llNeedFree, llNeedSize), lHourLimit);
 }
 
-HRESULT CArchiveImpl::RemoveOldests(LONGLONG llBytesToFree, LONG lHourLimit) {
-  WString strPath;
-  {
-    CGuard guard(m_section);
-    // A partition's space is its multipart archive's business.
-    if ((llBytesToFree <= 0 && lHourLimit <= 0) || m_pOwner) return S_FALSE;
-    strPath = m_strPath;
-  }
-  if (strPath.empty()) return S_FALSE;
-  const std::vector<NSCom::CComPtr<IRecord>> vWriters = OpenWriters();
+namespace {
 
-  LONGLONG llFreed = 0;
-  unsigned cDeleted = 0;
-  // Deletes one hour of a record, adding its size to llFreed.
-  auto deleteHour = [&](IRecord* pRecord, const WString& strHour) {
+// One record during a deletion: its objects and the next hour it may lose ("" when none is left).
+struct SRemovalRecord {
+  NSCom::CComPtr<IRecord> pRecord;
+  NSCom::CComPtr<IRecordInternal> pInternal;
+};
+
+// Deletes hours of records and adds up what they took on disk.
+class CHourRemover {
+ public:
+  // Deletes strHour ("" does nothing) of pRecord; a refusal is reported and not counted.
+  void Delete(IRecord* pRecord, const WString& strHour) {
     if (strHour.empty()) return;
     FILETIME ft = {0, 0};
     int nYear = 0, nMonth = 0, nDay = 0, nHour = 0;
@@ -268,60 +269,95 @@ HRESULT CArchiveImpl::RemoveOldests(LONGLONG llBytesToFree, LONG lHourLimit) {
       KV_LOG_WARNING(KV_W("Failed to delete hour '%s' (0x%X)\n"), strDirectory.c_str(), static_cast<unsigned>(hr));
       return;
     }
-    ++cDeleted;
-    llFreed += static_cast<LONGLONG>(ullSize);
-  };
+    ++m_cDeleted;
+    m_llFreed += static_cast<LONGLONG>(ullSize);
+  }
+  LONGLONG Freed() const { return m_llFreed; }
+  unsigned Deleted() const { return m_cDeleted; }
 
-  struct SPending {
-    NSCom::CComPtr<IRecord> pRecord;
-    NSCom::CComPtr<IRecordInternal> pInternal;
+ private:
+  LONGLONG m_llFreed = 0;
+  unsigned m_cDeleted = 0;
+};
+
+// Byte phase: the oldest hour of the whole archive first, whichever record holds it, until
+// llBytesToFree bytes went or no record has an hour left to lose. The queue holds each record's
+// next hour; between records at the same hour, the one that reached it last goes first, then the
+// order of the table.
+void FreeOldestBytes(const std::vector<SRemovalRecord>& vRecords, LONGLONG llBytesToFree, CHourRemover& remover) {
+  struct SNext {
     WString strHour;
+    LONGLONG llTie;
+    size_t nRecord;
+    bool operator>(const SNext& other) const {
+      return std::tie(strHour, llTie) > std::tie(other.strHour, other.llTie);
+    }
   };
-  std::vector<SPending> vPendingHours;
-  for (IRecord* pRecord : vWriters)
-    if (auto pInternal = Internal(pRecord))
-      vPendingHours.push_back({pRecord, pInternal, NextDeletableHour(pInternal, WString())});
+  std::priority_queue<SNext, std::vector<SNext>, std::greater<SNext>> queue;
+  for (size_t i = 0; i < vRecords.size(); ++i) {
+    WString strHour = NextDeletableHour(vRecords[i].pInternal, WString());
+    if (!strHour.empty()) queue.push({std::move(strHour), static_cast<LONGLONG>(i), i});
+  }
+  LONGLONG llReached = 0;
+  while (!queue.empty()) {
+    SNext next = queue.top();
+    queue.pop();
+    const SRemovalRecord& record = vRecords[next.nRecord];
+    remover.Delete(record.pRecord, next.strHour);
+    WString strAfter = NextDeletableHour(record.pInternal, next.strHour);
+    if (!strAfter.empty()) queue.push({std::move(strAfter), --llReached, next.nRecord});
+    if (remover.Freed() >= llBytesToFree) break;
+  }
+}
 
-  if (!KV_ASSERT(vPendingHours.size())) {
-  } else {
-    // Byte phase: the oldest hour of the whole archive first, whichever record holds it.
+// Hour-count phase: each record down to lHourLimit hours, oldest hours first; a record that stays
+// above the limit (its hours being written) is reported.
+void TrimHourCounts(const std::vector<SRemovalRecord>& vRecords, LONG lHourLimit, CHourRemover& remover) {
+  for (const SRemovalRecord& record : vRecords) {
+    WString strHour = NextDeletableHour(record.pInternal, WString());
+    while (!strHour.empty() && static_cast<LONGLONG>(record.pInternal->GetHourCount()) > lHourLimit) {
+      remover.Delete(record.pRecord, strHour);
+      strHour = NextDeletableHour(record.pInternal, strHour);
+    }
+    const DWORD cHours = record.pInternal->GetHourCount();
+    if (static_cast<LONGLONG>(cHours) > lHourLimit)
+      KV_LOG_WARNING(KV_W("Per record hour count limit of %d hours was exceeded for record '%s' currently containig %d hours\n"),
+                     static_cast<int>(lHourLimit), RecordPath(record.pRecord).c_str(), static_cast<int>(cHours));
+  }
+}
+
+}  // namespace
+
+HRESULT CArchiveImpl::RemoveOldests(LONGLONG llBytesToFree, LONG lHourLimit) {
+  WString strPath;
+  {
+    CGuard guard(m_section);
+    // A partition's space is its multipart archive's business.
+    if ((llBytesToFree <= 0 && lHourLimit <= 0) || m_pOwner) return S_FALSE;
+    strPath = m_strPath;
+  }
+  if (strPath.empty()) return S_FALSE;
+  std::vector<SRemovalRecord> vRecords;
+  for (IRecord* pRecord : OpenWriters())
+    if (auto pInternal = Internal(pRecord)) vRecords.push_back({pRecord, pInternal});
+
+  CHourRemover remover;
+  // An archive over its limit without a record written to has nothing to delete: a failed check.
+  if (KV_ASSERT_TEXT(!vRecords.empty(), "vPendingHours.size()\n")) {
     if (llBytesToFree > 0) {
-      while (!vPendingHours.empty()) {
-        std::stable_sort(vPendingHours.begin(), vPendingHours.end(),
-                         [](const SPending& a, const SPending& b) { return a.strHour < b.strHour; });
-        while (!vPendingHours.empty() && vPendingHours.front().strHour.empty()) vPendingHours.erase(vPendingHours.begin());
-        if (vPendingHours.empty()) break;
-        SPending& front = vPendingHours.front();
-        deleteHour(front.pRecord, front.strHour);
-        front.strHour = NextDeletableHour(front.pInternal, front.strHour);
-        if (llFreed >= llBytesToFree) break;
-      }
-      if (llFreed > 0 && llFreed < llBytesToFree)
+      FreeOldestBytes(vRecords, llBytesToFree, remover);
+      if (remover.Freed() > 0 && remover.Freed() < llBytesToFree)
         KV_LOG_WARNING(KV_W("%d MB out of requested %d MB were freed for archive '%s'\n"),
-                       static_cast<int>(llFreed / kllMiB), static_cast<int>(llBytesToFree / kllMiB), strPath.c_str());
+                       static_cast<int>(remover.Freed() / kllMiB), static_cast<int>(llBytesToFree / kllMiB),
+                       strPath.c_str());
     }
-    // Hour-count phase: each record down to the limit, oldest hours first.
-    if (lHourLimit) {
-      for (IRecord* pRecord : vWriters) {
-        auto pInternal = Internal(pRecord);
-        if (!pInternal) continue;
-        WString strHour = NextDeletableHour(pInternal, WString());
-        while (!strHour.empty() && static_cast<LONGLONG>(pInternal->GetHourCount()) > lHourLimit) {
-          deleteHour(pRecord, strHour);
-          strHour = NextDeletableHour(pInternal, strHour);
-        }
-        const DWORD cHours = pInternal->GetHourCount();
-        if (static_cast<LONGLONG>(cHours) > lHourLimit)
-          KV_LOG_WARNING(KV_W("Per record hour count limit of %d hours was exceeded for record '%s' currently containig %d hours\n"),
-                         static_cast<int>(lHourLimit), RecordPath(pRecord).c_str(), static_cast<int>(cHours));
-      }
-    }
+    if (lHourLimit) TrimHourCounts(vRecords, lHourLimit, remover);
   }
   HRESULT hr = S_OK;
-  if (!cDeleted) {
+  if (!remover.Deleted()) {
     hr = khrNothingDeleted;
-  } else if (llFreed) {
-    m_lQuotaExceeded.exchange(llFreed < llBytesToFree ? 1 : 0);
+  } else if (remover.Freed()) {
+    m_lQuotaExceeded.exchange(remover.Freed() < llBytesToFree ? 1 : 0);
   }
   KV_SUCCEEDED(hr);
   return hr;

@@ -126,6 +126,25 @@ TEST_F(RetentionTest, TheOldestHoursGoFirstAcrossRecords) {
   EXPECT_EQ(S_OK, WriteFrame(pA, Ft(2021, 1, 1, 3, 30), 1, {"more"}));
 }
 
+// Records holding the same hour lose it one after the other, the record that reached it last
+// first, as deletions have always gone (operators compare these reports between versions).
+TEST_F(RetentionTest, TheOrderOfDeletionBetweenRecordsAtTheSameHour) {
+  auto pA = Writer("a");
+  auto pB = Writer("b");
+  FillHours(pA, {0, 2, 9});
+  FillHours(pB, {1, 2, 8});
+  m_pObject->SizeAndQuotaPass();
+  NSTest::CLogCapture capture;
+  SetQuota(0, 1);
+  EXPECT_EQ(S_OK, m_pObject->CheckQuota());
+  std::vector<WString> vRemoved;
+  for (const WString& str : Texts(capture, "message"))
+    if (str.rfind(W("Removing old hour: "), 0) == 0) vRemoved.push_back(str.substr(19));
+  const std::vector<WString> vExpected = {HourDir("a", 0) + W("\n"), HourDir("b", 1) + W("\n"),
+                                          HourDir("b", 2) + W("\n"), HourDir("a", 2) + W("\n")};
+  EXPECT_EQ(vExpected, vRemoved);
+}
+
 TEST_F(RetentionTest, EachLimitOnItsOwn) {
   auto pA = Writer("a");
   FillHours(pA, {0, 1, 2, 3, 4});
@@ -162,7 +181,7 @@ TEST_F(RetentionTest, EachLimitOnItsOwn) {
   EXPECT_FALSE(Has("b", 1));
   EXPECT_TRUE(Has("c", 5));
   EXPECT_TRUE(Logged(capture, "warning",
-                     W("Failed to delete hour '") + HourDir("c", 5) + W("' (0x80004005)\n")));
+                     W("Failed to delete hour '") + HourDir("c", 5) + W("' (0x80070005)\n")));
   EXPECT_TRUE(Logged(capture, "warning",
                      W("Per record hour count limit of 1 hours was exceeded for record '") + m_dir.Sub(Native("arc/c")) +
                          W("' currently containig 2 hours\n")));
