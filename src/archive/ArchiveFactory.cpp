@@ -39,9 +39,9 @@ CMultipartArchive* MultipartOf(IUnknown* pObject) {
 // character: the file system would see only the part before it, while our checks saw all of it.
 HRESULT PathFromBstr(BSTR bstr, WString* pstrPath) {
   KV_FUNC("CArchiveFactory");
-  pstrPath->assign(bstr ? bstr : KV_W(""), bstr ? SysStringLen(bstr) : 0);
+  *pstrPath = NSCom::BstrText(bstr);
   if (pstrPath->empty()) return E_INVALIDARG;
-  if (pstrPath->find(WCHAR(0)) != WString::npos) {
+  if (NSCom::HasEmbeddedNul(bstr)) {
     KV_LOG_ERROR(KV_W("Refused an archive path holding a NUL character: %s\n"), pstrPath->c_str());
     return E_INVALIDARG;
   }

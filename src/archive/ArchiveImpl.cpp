@@ -29,8 +29,6 @@ constexpr WCHAR kszReaderLimitKey[] = KV_W("software\\morvane\\vistrel");
 constexpr WCHAR kszReaderLimitValue[] = KV_W("archive_max_readers_count");
 constexpr DWORD kdwDefaultReaderLimit = 100;
 
-WString FromBstr(BSTR bstr) { return bstr ? WString(bstr, SysStringLen(bstr)) : WString(); }
-
 std::atomic<DWORD>& ReaderLimit() {
   static std::atomic<DWORD> s_dwLimit{ReadReaderLimit()};
   return s_dwLimit;
@@ -355,7 +353,7 @@ HRESULT CArchiveImpl::CheckRecordName(const WString& strName) {
 }
 
 STDMETHODIMP CArchiveImpl::CreateRecordInternal(BSTR name, IRecord** ppRecord, LONG /*lPublic*/) {
-  const WString strName = FromBstr(name);
+  const WString strName = NSCom::BstrText(name);
   CGuard guard(m_section);
   KV_LOG_MESSAGE(KV_W("Creating record '%s' in archive '%s'.\n"), strName.c_str(), m_strPath.c_str());
   KV_CHECK_POINTER(ppRecord);
@@ -369,8 +367,8 @@ STDMETHODIMP CArchiveImpl::CreateRecordInternal(BSTR name, IRecord** ppRecord, L
 }
 
 STDMETHODIMP CArchiveImpl::OpenRecordInternal(BSTR client, BSTR name, ULONG mode, IRecord** ppRecord, LONG) {
-  const WString strClient = FromBstr(client);
-  const WString strName = FromBstr(name);
+  const WString strClient = NSCom::BstrText(client);
+  const WString strName = NSCom::BstrText(name);
   CGuard guard(m_section);
   if (HasState(klStateLocked)) return khrLocked;
   KV_LOG_MESSAGE(KV_W("Opening record '%s' in archive '%s' for client '%s' in mode 0x%08X.\n"), strName.c_str(),
@@ -458,7 +456,7 @@ STDMETHODIMP CArchiveImpl::GetRecords(BSTR** ppszRecordName, DWORD* pdwRecordNam
 // Locks every object of the record (their clients then get 0x8007006C), drops them from the table
 // and deletes the record's directory.
 STDMETHODIMP CArchiveImpl::DeleteRecord(BSTR name) {
-  const WString strName = FromBstr(name);
+  const WString strName = NSCom::BstrText(name);
   WString strDirectory;
   {
     CGuard guard(m_section);

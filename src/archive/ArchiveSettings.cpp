@@ -72,15 +72,6 @@ bool ParseNumber(const char* pszText, T* pValue) {
   return true;
 }
 
-class CStringWriter : public pugi::xml_writer {
- public:
-  void write(const void* pv, size_t cb) override { m_str.append(static_cast<const char*>(pv), cb); }
-  const std::string& Text() const { return m_str; }
-
- private:
-  std::string m_str;
-};
-
 // The document's text, UTF-8 with its declaration.
 HRESULT BuildDocument(const SArchiveSettings& settings, std::string* pstrText) {
   pugi::xml_document document;
@@ -103,9 +94,7 @@ HRESULT BuildDocument(const SArchiveSettings& settings, std::string* pstrText) {
   });
   if (FAILED(hr)) return hr;
 
-  CStringWriter writer;
-  document.save(writer, "  ", pugi::format_indent, pugi::encoding_utf8);
-  *pstrText = writer.Text();
+  *pstrText = DocumentText(document);
   return S_OK;
 }
 
@@ -156,6 +145,16 @@ HRESULT LoadSettings(const WString& strFile, SArchiveSettings* pSettings) {
 }
 
 }  // namespace
+
+std::string DocumentText(const pugi::xml_document& document) {
+  class CStringWriter : public pugi::xml_writer {
+   public:
+    void write(const void* pv, size_t cb) override { m_str.append(static_cast<const char*>(pv), cb); }
+    std::string m_str;
+  } writer;
+  document.save(writer, "  ", pugi::format_indent, pugi::encoding_utf8);
+  return std::move(writer.m_str);
+}
 
 HRESULT WriteWholeFile(const WString& strFile, const std::string& strText) {
   const WString strNew = strFile + KV_W(".new");  // kszSettingsNewFile beside kszSettingsFileName

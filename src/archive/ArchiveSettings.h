@@ -22,6 +22,10 @@
 
 #include "platform/wintypes.h"
 
+namespace pugi {
+class xml_document;
+}
+
 namespace NSArchive {
 
 struct SArchiveSettings {
@@ -63,5 +67,7 @@ HRESULT WriteWholeFile(const WString& strFile, const std::string& strText);
 // ReadWholeFile reads the whole of strFile; a file larger than 1 MiB is not one of our documents and
 // answers 0x8007000D without being read.
 HRESULT ReadWholeFile(const WString& strFile, std::string* pstrText);
+// A document as these files hold it: UTF-8, indented by two spaces.
+std::string DocumentText(const pugi::xml_document& document);
 
 }  // namespace NSArchive

@@ -146,4 +146,16 @@ class CComBSTR {
   }
 };
 
+// A client's BSTR as text, embedded zeros kept (a null BSTR is empty).
+inline WString BstrText(BSTR bstr) { return bstr ? WString(bstr, SysStringLen(bstr)) : WString(); }
+
+// Whether a client's BSTR holds a NUL before its end: the file system would see only the part
+// before it, where our checks saw all of it.
+inline bool HasEmbeddedNul(BSTR bstr) {
+  const UINT cch = bstr ? SysStringLen(bstr) : 0;
+  for (UINT i = 0; i < cch; ++i)
+    if (bstr[i] == 0) return true;
+  return false;
+}
+
 }  // namespace NSCom

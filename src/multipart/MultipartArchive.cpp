@@ -41,18 +41,7 @@ constexpr char kszTypeULong[] = "ULONG";
 
 constexpr BYTE kbMaxOrder = 0xFF;
 
-WString FromBstr(BSTR bstr) { return bstr ? WString(bstr, SysStringLen(bstr)) : WString(); }
-
-bool HasEmbeddedNul(BSTR bstr) {
-  const UINT cch = bstr ? SysStringLen(bstr) : 0;
-  return std::find(bstr, bstr + cch, WCHAR(0)) != bstr + cch;
-}
-
-class CStringWriter : public pugi::xml_writer {
- public:
-  void write(const void* pv, size_t cb) override { m_str.append(static_cast<const char*>(pv), cb); }
-  std::string m_str;
-};
+using NSCom::HasEmbeddedNul;
 
 // Saves or loads the two options of one partition under its "archive" element: one routine for
 // both directions, so the keys cannot drift apart.
@@ -232,14 +221,12 @@ HRESULT CMultipartArchive::BuildDocument(std::string* pstrText) {
   for (auto& entry : m_vPartitions) {
     NSCom::CComBSTR bstrPath;
     if (FAILED(hr = entry.first->GetPath(&bstrPath))) return hr;
-    if (FAILED(hr = addArchive(FromBstr(bstrPath), entry.second.options))) return hr;
+    if (FAILED(hr = addArchive(NSCom::BstrText(bstrPath), entry.second.options))) return hr;
   }
   for (const SAbsentPartition& absent : m_vAbsent)
     if (FAILED(hr = addArchive(absent.strPath, absent.options))) return hr;
 
-  CStringWriter writer;
-  document.save(writer, "  ", pugi::format_indent, pugi::encoding_utf8);
-  *pstrText = std::move(writer.m_str);
+  *pstrText = NSArchive::DocumentText(document);
   return S_OK;
 }
 
@@ -499,7 +486,7 @@ HRESULT CMultipartArchive::MakeRecord(BSTR name, IRecord** ppRecord) {
     HRESULT hr = NSCom::CComObject<CMultipartRecord>::CreateInstance(&pObject);
     if (FAILED(hr)) return hr;
     NSCom::CComPtr<IRecord> pRecord(pObject);
-    pObject->Init(this, FromBstr(name), bWriter);
+    pObject->Init(this, NSCom::BstrText(name), bWriter);
     CGuard guard(m_section);
     if (FAILED(hr = RefuseWhenLocked())) return hr;
     HRESULT hrFirst = khrInvalidState;
@@ -555,7 +542,7 @@ STDMETHODIMP CMultipartArchive::GetRecords(BSTR** ppszRecordName, DWORD* pdwReco
         DWORD cNames = 0;
         if (!KV_SUCCEEDED(entry.first->GetRecords(&pNames, &cNames))) continue;
         for (DWORD i = 0; i < cNames; ++i) {
-          names.insert(FromBstr(pNames[i]));
+          names.insert(NSCom::BstrText(pNames[i]));
           SysFreeString(pNames[i]);
         }
         CoTaskMemFree(pNames);
@@ -610,7 +597,7 @@ STDMETHODIMP CMultipartArchive::SetDescription(BSTR szDescription) {
     CGuard guard(m_section);
     HRESULT hr = RefuseWhenLocked();
     if (FAILED(hr)) return hr;
-    m_szDescrition = FromBstr(szDescription);
+    m_szDescrition = NSCom::BstrText(szDescription);
     hr = Save();
     if (!KV_SUCCEEDED(hr)) return hr;
     return S_OK;
