@@ -1,6 +1,9 @@
 // The packet stream: an IStream over a delete-on-close temporary file.
 #include "records/StreamOnFile.h"
 
+#include <algorithm>
+#include <vector>
+
 #include <kronvale/KronvaleResults.h>
 
 #include <cstring>
@@ -100,25 +103,34 @@ STDMETHODIMP CStreamOnFile::CopyTo(IStream* pstm, ULARGE_INTEGER cb, ULARGE_INTE
       return khrLockViolation;
     }
   }
-  BYTE abChunk[kcbCopyChunk];
+  // The file is read a block at a time; a target of ours takes each block in one write, any other
+  // stream in Writes of at most kcbCopyChunk bytes. After a failed write the position is left just
+  // after the bytes the target took.
+  std::vector<BYTE> vBlock(static_cast<size_t>(std::min<ULONGLONG>(cb.QuadPart, kcbCopyBlock)));
   HRESULT hr = S_OK;
-  for (ULONGLONG ullLeft = cb.QuadPart; ullLeft > 0;) {
-    const DWORD cbAsk = static_cast<DWORD>(ullLeft < kcbCopyChunk ? ullLeft : kcbCopyChunk);
+  for (ULONGLONG ullLeft = cb.QuadPart; ullLeft > 0 && SUCCEEDED(hr);) {
+    const DWORD cbAsk = static_cast<DWORD>(std::min<ULONGLONG>(ullLeft, vBlock.size()));
     DWORD cbRead = 0;
-    if (FAILED(m_file.Read(abChunk, cbAsk, &cbRead))) {
+    if (FAILED(m_file.Read(vBlock.data(), cbAsk, &cbRead))) {
       hr = E_FAIL;
       break;
     }
     if (cbRead == 0) break;  // the end of this stream
+    DWORD cbTaken = 0;
     if (pTarget) {
       DWORD cbWritten = 0;
-      if (FAILED(pTarget->m_file.Write(abChunk, cbRead, &cbWritten)) || cbWritten != cbRead) hr = E_FAIL;
+      if (FAILED(pTarget->m_file.Write(vBlock.data(), cbRead, &cbWritten)) || cbWritten != cbRead) hr = E_FAIL;
+      cbTaken = cbWritten;
     } else {
-      ULONG cbWritten = 0;
-      hr = pstm->Write(abChunk, cbRead, &cbWritten);
-      if (SUCCEEDED(hr) && cbWritten != cbRead) hr = STG_E_WRITEFAULT;
+      while (cbTaken < cbRead && SUCCEEDED(hr)) {
+        const ULONG cbChunk = std::min<ULONG>(cbRead - cbTaken, kcbCopyChunk);
+        ULONG cbWritten = 0;
+        hr = pstm->Write(vBlock.data() + cbTaken, cbChunk, &cbWritten);
+        if (SUCCEEDED(hr) && cbWritten != cbChunk) hr = STG_E_WRITEFAULT;
+        if (SUCCEEDED(hr)) cbTaken += cbChunk;
+      }
     }
-    if (FAILED(hr)) break;
+    if (FAILED(hr) && cbTaken < cbRead) m_file.Seek(-static_cast<LONGLONG>(cbRead - cbTaken), FILE_CURRENT, nullptr);
     ullLeft -= cbRead;
   }
   if (pOurs) pOurs->Release();

@@ -42,8 +42,9 @@ class CStreamOnFile final : public IStream {
   // IStream. Seek never fails (a refused move leaves the position and reports it). SetSize above
   // 0xFFFFFFFF is STG_E_INVALIDFUNCTION with the file as it was; otherwise the file is cut or
   // extended there and the position left at the new size. CopyTo copies cb bytes from the current
-  // position in chunks of kcbCopyChunk, straight into the file when the target is one of ours, and
-  // does not report the counts. Commit, Revert and Clone are E_NOTIMPL.
+  // position, read kcbCopyBlock at a time: straight into the file when the target is one of ours,
+  // through the target's Write in chunks of at most kcbCopyChunk otherwise. It does not report the
+  // counts. Commit, Revert and Clone are E_NOTIMPL.
   STDMETHOD(Seek)(LARGE_INTEGER dlibMove, DWORD dwOrigin, ULARGE_INTEGER* plibNewPosition) override;
   STDMETHOD(SetSize)(ULARGE_INTEGER libNewSize) override;
   STDMETHOD(CopyTo)(IStream* pstm, ULARGE_INTEGER cb, ULARGE_INTEGER* pcbRead, ULARGE_INTEGER* pcbWritten) override;
@@ -58,6 +59,7 @@ class CStreamOnFile final : public IStream {
   STDMETHOD(Clone)(IStream** ppstm) override;
 
   static constexpr ULONG kcbCopyChunk = 1024;
+  static constexpr ULONG kcbCopyBlock = 256 * 1024;
 
  private:
   CStreamOnFile() = default;
