@@ -1,6 +1,7 @@
 #include "hours/HourManager.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <new>
 #include <stdexcept>
@@ -10,6 +11,7 @@
 #include "com/ComBase.h"
 #include "hours/KronvaleUtils.h"
 #include "support/Report.h"
+#include "support/WideFormat.h"
 
 namespace NSHours {
 
@@ -783,10 +785,19 @@ HRESULT CHourManager::Repair(IProgress* pProgress) {
     m_hashMapping.Unmap();
     m_hashFile.Close();
   }
-  // 2.
+  // 2. The old index files go. They are first moved aside under names of their own: a process
+  // reading the hour may hold them open, and on Windows a deleted file that another process holds
+  // keeps its name until that process lets go, so the new file could not be made under it (or,
+  // under Wine, the old one would be opened again). What cannot be deleted now (held elsewhere) is
+  // left under its new name and goes with the hour.
+  static std::atomic<unsigned> s_nAside{0};
   for (const WCHAR* pszName : {kszHashFileName, kszDescriptorFileName}) {
-    const HRESULT hr = NSPlatform::RemoveFile(FilePath(pszName).c_str());
+    const WString strFile = FilePath(pszName);
+    const WString strAside = NSSupport::FormatWide(KV_W("%s.%I64u-%u.old"), strFile.c_str(), NSPlatform::GetTickCount64(),
+                                                   s_nAside.fetch_add(1));
+    const HRESULT hr = NSPlatform::RenameFile(strFile.c_str(), strAside.c_str());
     if (FAILED(hr) && hr != KvHResultFromWin32(ERROR_FILE_NOT_FOUND) && !KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+    if (SUCCEEDED(hr)) NSPlatform::RemoveFile(strAside.c_str());
   }
   // 3. Without its data file the hour holds nothing worth keeping.
   HRESULT hr = OpenLocked(true, m_bBuffered);

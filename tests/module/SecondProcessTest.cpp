@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #ifdef _WIN32
 #include <windows.h>
@@ -55,38 +56,78 @@ struct CPtr {
   I* p = nullptr;
 };
 
-// Runs this test program again with the tests of one suite only and the archive's path in the
-// environment; its exit code (0 when every expectation held there, and no sanitizer complained).
-int RunSecondProcess(const WString& strArchive, const char* pszSuite = "SecondProcess") {
-  const std::string strFilter = std::string("--gtest_filter=") + pszSuite + ".*";
+// This test program run again with the tests of one suite only and the archive's path in the
+// environment. Wait answers its exit code (0 when every expectation held there, and no sanitizer
+// complained).
+class CSecondProcess {
+ public:
+  CSecondProcess(const WString& strArchive, const char* pszSuite) {
+    const std::string strFilter = std::string("--gtest_filter=") + pszSuite + ".*";
 #ifdef _WIN32
-  ::SetEnvironmentVariableA(kszArchiveVariable, NSPlatform::WideToUtf8(strArchive).c_str());
-  WCHAR szSelf[MAX_PATH] = {};
-  ::GetModuleFileNameW(nullptr, szSelf, MAX_PATH);
-  std::wstring strCommand = L"\"" + std::wstring(szSelf) + L"\" " + NSPlatform::Utf8ToWide(strFilter);
-  STARTUPINFOW si = {};
-  si.cb = sizeof(si);
-  PROCESS_INFORMATION pi = {};
-  if (!::CreateProcessW(szSelf, strCommand.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) return -1;
-  ::WaitForSingleObject(pi.hProcess, INFINITE);
-  DWORD dwExit = 1;
-  ::GetExitCodeProcess(pi.hProcess, &dwExit);
-  ::CloseHandle(pi.hThread);
-  ::CloseHandle(pi.hProcess);
-  ::SetEnvironmentVariableA(kszArchiveVariable, nullptr);
-  return static_cast<int>(dwExit);
+    ::SetEnvironmentVariableA(kszArchiveVariable, NSPlatform::WideToUtf8(strArchive).c_str());
+    WCHAR szSelf[MAX_PATH] = {};
+    ::GetModuleFileNameW(nullptr, szSelf, MAX_PATH);
+    std::wstring strCommand = L"\"" + std::wstring(szSelf) + L"\" " + NSPlatform::Utf8ToWide(strFilter);
+    STARTUPINFOW si = {};
+    si.cb = sizeof(si);
+    PROCESS_INFORMATION pi = {};
+    if (::CreateProcessW(szSelf, strCommand.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) {
+      ::CloseHandle(pi.hThread);
+      m_hProcess = pi.hProcess;
+    }
+    ::SetEnvironmentVariableA(kszArchiveVariable, nullptr);
 #else
-  ::setenv(kszArchiveVariable, NSPlatform::WideToUtf8(strArchive).c_str(), 1);
-  char szSelf[4096] = {};
-  if (::readlink("/proc/self/exe", szSelf, sizeof(szSelf) - 1) <= 0) return -1;
-  char* apszArgs[] = {szSelf, const_cast<char*>(strFilter.c_str()), nullptr};
-  pid_t pid = 0;
-  const int nSpawn = ::posix_spawn(&pid, szSelf, nullptr, nullptr, apszArgs, environ);
-  ::unsetenv(kszArchiveVariable);
-  int nStatus = 0;
-  if (nSpawn != 0 || ::waitpid(pid, &nStatus, 0) != pid) return -1;
-  return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
+    ::setenv(kszArchiveVariable, NSPlatform::WideToUtf8(strArchive).c_str(), 1);
+    char szSelf[4096] = {};
+    if (::readlink("/proc/self/exe", szSelf, sizeof(szSelf) - 1) > 0) {
+      char* apszArgs[] = {szSelf, const_cast<char*>(strFilter.c_str()), nullptr};
+      if (::posix_spawn(&m_pid, szSelf, nullptr, nullptr, apszArgs, environ) != 0) m_pid = 0;
+    }
+    ::unsetenv(kszArchiveVariable);
 #endif
+  }
+  ~CSecondProcess() { Wait(); }
+  CSecondProcess(const CSecondProcess&) = delete;
+  CSecondProcess& operator=(const CSecondProcess&) = delete;
+
+  int Wait() {
+#ifdef _WIN32
+    if (!m_hProcess) return m_nExit;
+    ::WaitForSingleObject(m_hProcess, INFINITE);
+    DWORD dwExit = 1;
+    ::GetExitCodeProcess(m_hProcess, &dwExit);
+    ::CloseHandle(m_hProcess);
+    m_hProcess = nullptr;
+    m_nExit = static_cast<int>(dwExit);
+#else
+    if (!m_pid) return m_nExit;
+    int nStatus = 0;
+    m_nExit = ::waitpid(m_pid, &nStatus, 0) == m_pid && WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
+    m_pid = 0;
+#endif
+    return m_nExit;
+  }
+
+ private:
+#ifdef _WIN32
+  HANDLE m_hProcess = nullptr;
+#else
+  pid_t m_pid = 0;
+#endif
+  int m_nExit = -1;
+};
+
+int RunSecondProcess(const WString& strArchive, const char* pszSuite = "SecondProcess") {
+  return CSecondProcess(strArchive, pszSuite).Wait();
+}
+
+// Waits (at most a minute) for a file another process makes when it reaches a point.
+bool WaitForFile(const WString& strPath) {
+  for (int i = 0; i < 6000; ++i) {
+    if (NSPlatform::PathExists(strPath.c_str())) return true;
+    NSPlatform::SleepMs(10);
+  }
+  return false;
 }
 
 }  // namespace
@@ -180,4 +221,97 @@ TEST(ExitWhileWorking, ExitsHoldingItsArchive) {
     ASSERT_EQ(S_OK, pWriter->Write(ft, 1, &buffer, 1));
   }
   std::exit(0);
+}
+
+// A writer repairs an hour torn by a crash while a reading process has that hour open (its files
+// and its index mapped): the repair must neither fail for the reader's handles nor leave the hour
+// without its index, and the reader goes on reading what it has.
+TEST(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
+  NSModuleTest::CLibrary library;
+  ASSERT_TRUE(library.IsLoaded());
+  CPtr<IArchiveFactory> pFactory;
+  ASSERT_EQ(S_OK, library.GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
+  NKvTest::CTempDir dir;
+  const WString strArchive = dir.Sub(KV_W("arc"));
+  BYTE abData[] = {'f', 'r', 'a', 'm', 'e'};
+  const SFrameBuffer buffer = {abData, sizeof(abData)};
+  auto at = [](DWORD dwSeconds) {
+    const ULONGLONG ull = (ULONGLONG{kftFrame.dwHighDateTime} << 32 | kftFrame.dwLowDateTime) + ULONGLONG{dwSeconds} * 10000000;
+    return FILETIME{static_cast<DWORD>(ull), static_cast<DWORD>(ull >> 32)};
+  };
+  {
+    CPtr<IKronvale> pArchive;
+    ASSERT_EQ(S_OK, pFactory->CreateArchive(CBstr(strArchive), &pArchive));
+    CPtr<IRecord> pWriter;
+    ASSERT_EQ(S_OK, pArchive->CreateRecord(CBstr(KV_W("cam")), &pWriter));
+    for (DWORD i = 0; i < 3; ++i) ASSERT_EQ(S_OK, pWriter->Write(at(i), 1, &buffer, 1));
+    pWriter.Reset();
+    // Its records let go of their files, as a crashed recorder's would.
+    ASSERT_EQ(S_OK, pArchive->Free());
+  }
+  // The crash tore the last frame of the hour.
+  std::vector<NSPlatform::SDirEntry> vYears;
+  WString strHour = strArchive + KV_W("/cam");
+  for (int nLevel = 0; nLevel < 4; ++nLevel) {
+    std::vector<NSPlatform::SDirEntry> v;
+    ASSERT_EQ(S_OK, NSPlatform::ListDir(strHour.c_str(), &v));
+    WString strNext;
+    for (const auto& entry : v)
+      if (entry.IsDirectory()) strNext = entry.strName;
+    ASSERT_FALSE(strNext.empty());
+    strHour = NSPlatform::CombinePath(strHour, strNext);
+  }
+  const WString strData = NSPlatform::CombinePath(strHour, KV_W("data.al"));
+  std::string strBytes;
+  ASSERT_EQ(S_OK, NKvTest::ReadFileBytes(strData, &strBytes));
+  strBytes.resize(strBytes.size() - 30);
+  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(strData, strBytes));
+
+  CSecondProcess reader(strArchive, "HoldingReader");
+  ASSERT_TRUE(WaitForFile(dir.Sub(KV_W("ready"))));
+  {
+    CPtr<IKronvale> pArchive;
+    ASSERT_EQ(S_OK, pFactory->OpenArchive(CBstr(strArchive), &pArchive));
+    CPtr<IRecord> pWriter;
+    ASSERT_EQ(S_OK, pArchive->CreateRecord(CBstr(KV_W("cam")), &pWriter));
+    DWORD dwFlags = 0;
+    EXPECT_EQ(S_FALSE, pWriter->Read(at(1), &dwFlags, nullptr, 0));
+    EXPECT_EQ(S_FALSE, pWriter->Read(at(0), &dwFlags, nullptr, 0));
+    EXPECT_EQ(khrNotFound, pWriter->Read(at(2), &dwFlags, nullptr, 0));
+    EXPECT_EQ(S_OK, pWriter->Write(at(3), 1, &buffer, 1));
+    ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(dir.Sub(KV_W("done")), "done"));
+    EXPECT_EQ(0, reader.Wait());
+    EXPECT_EQ(S_FALSE, pWriter->Read(at(3), &dwFlags, nullptr, 0));
+    pWriter.Reset();
+    pArchive.Reset();
+  }
+  for (const WCHAR* pszName : {KV_W("descriptor.alh"), KV_W("descriptor.ald")})
+    EXPECT_TRUE(NSPlatform::PathExists(NSPlatform::CombinePath(strHour, pszName).c_str()));
+  EXPECT_EQ(S_OK, pFactory->DeleteArchive(CBstr(strArchive)));
+}
+
+TEST(HoldingReader, HoldsTheHourOpenUntilTold) {
+  const char* pszArchive = std::getenv(kszArchiveVariable);
+  if (!pszArchive) GTEST_SKIP() << "runs as the second process of RepairingProcess only";
+  const WString strArchive = NSPlatform::Utf8ToWide(pszArchive);
+  WString strDirectory = strArchive;
+  while (!strDirectory.empty() && !NSPlatform::IsPathSeparator(strDirectory.back())) strDirectory.pop_back();
+  static NSModuleTest::CLibrary* s_pLibrary = new NSModuleTest::CLibrary;
+  ASSERT_TRUE(s_pLibrary->IsLoaded());
+  CPtr<IArchiveFactory> pFactory;
+  ASSERT_EQ(S_OK, s_pLibrary->GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
+  CPtr<IKronvale> pArchive;
+  ASSERT_EQ(S_OK, pFactory->OpenArchive(CBstr(strArchive), &pArchive));
+  CPtr<IRecord> pReader;
+  ASSERT_EQ(S_OK, pArchive->OpenRecord(CBstr(KV_W("cam")), &pReader));
+  SFrameBuffer buffer = {nullptr, 0};
+  DWORD dwFlags = 0;
+  ASSERT_EQ(S_OK, pReader->Read(kftFrame, &dwFlags, &buffer, 1));
+  CoTaskMemFree(buffer.pData);
+  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(strDirectory + KV_W("ready"), "ready"));
+  ASSERT_TRUE(WaitForFile(strDirectory + KV_W("done")));
+  // What it had open still reads.
+  buffer = {nullptr, 0};
+  EXPECT_EQ(S_OK, pReader->Read(kftFrame, &dwFlags, &buffer, 1));
+  CoTaskMemFree(buffer.pData);
 }
