@@ -65,7 +65,7 @@ HRESULT CArchiveImpl::FinalConstruct() {
   if (m_pWorker) {
     const HRESULT hr = NSSystem::StartPeriodic(m_pWorker, {0, kdwQuotaPeriodMs},
                                                [this, pCell = m_pWorkerCell] { SizeAndQuotaPass(); });
-    KV_SUCCEEDED(hr);
+    KV_REPORT_IF_FAILED(hr);
   }
   return S_OK;
 }
@@ -203,7 +203,7 @@ STDMETHODIMP CArchiveImpl::Set(LONG lState) {
     {
       CGuard guard(m_section);
       const HRESULT hr = SerializeSettings(true);
-      KV_SUCCEEDED(hr);
+      KV_REPORT_IF_FAILED(hr);
     }
     const LONG lValue = lState & ~klStateSaveSettings;
     const LONG lPrevious = ExchangeState(lValue);
@@ -291,7 +291,7 @@ void CArchiveImpl::OnChange(LONG, LONG, LONG) {
     NSCom::CComPtr<IStateControl> pState;
     HRESULT hr = entry.second.pRecord->QueryInterface(__uuidof(IStateControl), reinterpret_cast<void**>(&pState));
     if (SUCCEEDED(hr)) hr = pState->Change(lState & klStateLocked, ~lState & klStateLocked);
-    KV_SUCCEEDED(hr);
+    KV_REPORT_IF_FAILED(hr);
   }
   ClearStateBitsUnlocked(klStateHookRan);
 }
@@ -362,7 +362,7 @@ STDMETHODIMP CArchiveImpl::CreateRecordInternal(BSTR name, IRecord** ppRecord, L
   HRESULT hr = CheckRecordName(strName);
   if (FAILED(hr)) return hr;
   hr = MakeRecord(strName, WString(), kdwModeReadWrite, strName + KV_W("-rw"), ppRecord);
-  KV_SUCCEEDED(hr);
+  KV_REPORT_IF_FAILED(hr);
   return hr;
 }
 
@@ -386,7 +386,7 @@ STDMETHODIMP CArchiveImpl::OpenRecordInternal(BSTR client, BSTR name, ULONG mode
   const bool bShared = (mode & kdwModeKindMask) == kdwModeReadWrite;
   const WString strHandle = bShared ? strName + KV_W("-rw") : strName + KV_W("-") + strClient + KV_W("-r");
   const HRESULT hr = MakeRecord(strName, bShared ? WString() : strClient, mode, strHandle, ppRecord);
-  KV_SUCCEEDED(hr);
+  KV_REPORT_IF_FAILED(hr);
   return hr;
 }
 

@@ -92,7 +92,7 @@ STDMETHODIMP CArchiveImpl::SetQuota(ULONGLONG ullMinimumFreeDiskSpace, ULONGLONG
     hr = SerializeSettings(true);
     TellOwnerQuotaChanged();
   }
-  KV_SUCCEEDED(hr);
+  KV_REPORT_IF_FAILED(hr);
   return hr;
 }
 
@@ -116,7 +116,7 @@ STDMETHODIMP CArchiveImpl::SetArchiveQuota(const SArchiveQuota* pQuota) {
     hr = SerializeSettings(true);
     TellOwnerQuotaChanged();
   }
-  KV_SUCCEEDED(hr);
+  KV_REPORT_IF_FAILED(hr);
   return hr;
 }
 
@@ -359,7 +359,7 @@ HRESULT CArchiveImpl::RemoveOldests(LONGLONG llBytesToFree, LONG lHourLimit) {
   } else if (remover.Freed()) {
     m_lQuotaExceeded.exchange(remover.Freed() < llBytesToFree ? 1 : 0);
   }
-  KV_SUCCEEDED(hr);
+  KV_REPORT_IF_FAILED(hr);
   return hr;
 }
 
@@ -388,7 +388,7 @@ void CArchiveImpl::StartFlusher(DWORD dwFlushTimeout) {
   m_pFlusherCell = std::make_shared<SThreadCell>();
   const HRESULT hr = NSSystem::StartPeriodic(m_pFlusher, {0, dwFlushTimeout},
                                              [this, pCell = m_pFlusherCell] { FlushRecords(); });
-  KV_SUCCEEDED(hr);
+  KV_REPORT_IF_FAILED(hr);
 }
 
 void CArchiveImpl::StopFlusher() {

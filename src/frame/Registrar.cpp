@@ -367,7 +367,7 @@ namespace {
 HRESULT Reported(HRESULT hr, const WCHAR* pszOperation, ERegistryRoot eRoot, const WString& strPath) {
   KV_FUNC("CRegistrar::Apply");
   if (FAILED(hr)) {
-    KV_VERIFY(SUCCEEDED(_ARE(hr)));
+    KV_REPORT_IF_FAILED(hr);
     KV_LOG_ERROR(KV_W("Registrar: %s %s\\%s failed\n"), pszOperation, RegistryRootName(eRoot), strPath.c_str());
   }
   return hr;

@@ -79,16 +79,16 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered) {
   if (!NSPlatform::IsDirectory(m_strPath.c_str())) {
     if (!bCreate) return KvHResultFromWin32(ERROR_FILE_NOT_FOUND);
     const HRESULT hr = NSPlatform::CreateDirTree(m_strPath.c_str());
-    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+    if (!KV_SUCCEEDED(hr)) return hr;
   }
   // 2.-6.
   m_bBuffered = bBuffered;
   HRESULT hr = OpenHash(bCreate);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   hr = OpenDescriptor(bCreate);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   hr = OpenFile(bCreate);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   m_bWritable = bCreate;
   // The copy was taken before descriptor.ald was open; when it shows the last listed frame it shows
   // every earlier one too (frames are stored one after the other), whenever they were appended.
@@ -102,22 +102,22 @@ HRESULT CHourManager::OpenHash(bool bCreate) {
   // process is about to make the hour's index files anew.
   HRESULT hr = m_hashFile.Open(FilePath(kszHashFileName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
                                bCreate ? OPEN_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, &bExisted);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   if (!bExisted && bCreate) {
     // Extended, not written: the file system gives zeros, which is an empty hour.
     hr = m_hashFile.Seek(sizeof(SHashFile), FILE_BEGIN, nullptr);
     if (SUCCEEDED(hr)) hr = m_hashFile.SetEndOfFile();
-    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+    if (!KV_SUCCEEDED(hr)) return hr;
   }
   ULONGLONG ullSize = 0;
   hr = m_hashFile.GetSize(&ullSize);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   if (!KV_ASSERT_TEXT(
           ::NSReport::NDetail::RecordValue("_AR(", "GetFileSize(hHash, NULL)", ullSize) == sizeof(SHashFile),
           "_AR(GetFileSize(hHash, NULL))==sizeof(SHashFile)\n"))
     return khrFileCorrupt;
   hr = m_hashMapping.Map(m_hashFile);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   if (!m_pHashCopy) m_pHashCopy.reset(new SHashFile);  // filled by the refresh below
   RefreshLocked();
   return S_OK;
@@ -127,9 +127,9 @@ HRESULT CHourManager::OpenDescriptor(bool bCreate) {
   const DWORD dwFlags = FILE_ATTRIBUTE_NORMAL | (m_bBuffered ? 0u : FILE_FLAG_WRITE_THROUGH);
   HRESULT hr = m_descriptor.Open(FilePath(kszDescriptorFileName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
                                  bCreate ? OPEN_ALWAYS : OPEN_EXISTING, dwFlags);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   hr = m_descriptor.GetSize(&m_ullDescriptorSize);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   // Creating, or created before a crash that came ahead of the reserved entry: index 0 must be
   // taken before any frame is appended, since a slot holding 0 means "no frame".
   if (bCreate && m_ullDescriptorSize == 0) {
@@ -138,7 +138,7 @@ HRESULT CHourManager::OpenDescriptor(bool bCreate) {
     hr = m_descriptor.WriteAt(0, &reserved, sizeof(reserved), &cbWritten);
     if (SUCCEEDED(hr) && cbWritten != sizeof(reserved)) hr = khrWriteFault;
     m_ullDescriptorSize = cbWritten;
-    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+    if (!KV_SUCCEEDED(hr)) return hr;
   }
   return S_OK;
 }
@@ -147,10 +147,10 @@ HRESULT CHourManager::OpenFile(bool bCreate) {
   const DWORD dwFlags = FILE_ATTRIBUTE_NORMAL | (m_bBuffered ? 0u : FILE_FLAG_WRITE_THROUGH);
   HRESULT hr = m_file.Open(FilePath(kszDataFileName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
                            bCreate ? OPEN_ALWAYS : OPEN_EXISTING, dwFlags);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   // The position stays at the end from here on: appends are gathered writes at the position.
   hr = m_file.Seek(0, FILE_END, &m_ullDataSize);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   return S_OK;
 }
 
@@ -286,11 +286,11 @@ HRESULT CHourManager::Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFram
   const ULONGLONG ullDescriptorBefore = m_ullDescriptorSize;
   SFrameInfo info = {};
   hr = AppendFrame(st, dwFlags, pBuffers, dwCount, &info);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return TakeBack(ullDataBefore, ullDescriptorBefore, hr);
+  if (!KV_SUCCEEDED(hr)) return TakeBack(ullDataBefore, ullDescriptorBefore, hr);
   // 4.-5.
   DWORD dwIndex = kdwNoIndex;
   hr = AppendDescriptor(info, &dwIndex);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return TakeBack(ullDataBefore, ullDescriptorBefore, hr);
+  if (!KV_SUCCEEDED(hr)) return TakeBack(ullDataBefore, ullDescriptorBefore, hr);
   if (!KV_ASSERT_TEXT(kdwNoIndex != dwIndex, "-1!=uFrameInfoUnion.dwIndex\n")) return E_UNEXPECTED;
   // 6.-7.
   StoreSlot(st, dwIndex, dwFlags);
@@ -318,7 +318,7 @@ HRESULT CHourManager::RestoreTail() {
   if (SUCCEEDED(hr)) hr = m_file.SetEndOfFile();
   if (SUCCEEDED(hr)) hr = m_descriptor.Seek(static_cast<LONGLONG>(m_ullTailDescriptor), FILE_BEGIN, nullptr);
   if (SUCCEEDED(hr)) hr = m_descriptor.SetEndOfFile();
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   m_ullDataSize = m_ullTailData;
   m_ullDescriptorSize = m_ullTailDescriptor;
   m_bTailToRestore = false;
@@ -342,7 +342,7 @@ HRESULT CHourManager::Flush() {
   HRESULT hr = m_file.Flush();
   if (SUCCEEDED(hr)) hr = m_descriptor.Flush();
   if (SUCCEEDED(hr)) hr = m_hashMapping.Flush();
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) {
+  if (!KV_SUCCEEDED(hr)) {
     flushing.unlock();
     NSSystem::CLockGuard guard(*m_pLock);
     if (m_file.IsOpen()) m_bUnflushed = true;
@@ -430,7 +430,7 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   if (!dwCount && !pdwFlags) return S_FALSE;
   SFrameInfo info;
   HRESULT hr = ReadFrameInfo(dwIndex, &info);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   if (!dwCount) {
     *pdwFlags = info.dwFlags;
     return S_FALSE;
@@ -438,7 +438,7 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   // 5.-6.
   SFrameHeader oFrameHeader;
   hr = ReadExact(m_file, info.ullOffset, &oFrameHeader, sizeof(oFrameHeader));
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  if (!KV_SUCCEEDED(hr)) return hr;
   if (!KV_ASSERT_TEXT(SFrameHeader::MakeSignature() == oFrameHeader.ullSignature,
                       "SFrameHeader::MakeSignature()==oFrameHeader.ullSignature\n"))
     return khrFileCorrupt;
@@ -472,7 +472,7 @@ HRESULT CHourManager::ReadBuffers(const SFrameHeader& oFrameHeader, ULONGLONG ul
       return fail(khrFileCorrupt);
     DWORD dwStored = 0;
     HRESULT hr = ReadExact(m_file, ullPos + dwReadTotal, &dwStored, sizeof(dwStored));
-    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return fail(hr);
+    if (!KV_SUCCEEDED(hr)) return fail(hr);
     dwReadTotal += sizeof(DWORD);
     if (!KV_ASSERT_TEXT((dwReadTotal + dwStored) <= oFrameHeader.dwFullSize,
                         "(dwReadTotal+pBuff->dwDataSize)<=oFrameHeader.dwFullSize\n"))
@@ -490,7 +490,7 @@ HRESULT CHourManager::ReadBuffers(const SFrameHeader& oFrameHeader, ULONGLONG ul
     }
     if (dwStored) {
       hr = ReadExact(m_file, ullPos + dwReadTotal, pBuff->pData, dwStored);
-      if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return fail(hr);
+      if (!KV_SUCCEEDED(hr)) return fail(hr);
     }
     pBuff->dwDataSize = dwStored;
     dwReadTotal += dwStored;
@@ -527,7 +527,7 @@ HRESULT CHourManager::GetDescriptorTimeLocked(const SFrameInfoHash* pFrameInfoHa
   SlotToSystemTime(static_cast<DWORD>(ullIndex), &stNextSysTime);
   if (!NSPlatform::SysTimeToFileTime(&stNextSysTime, pftTime)) {
     const HRESULT hr = NSPlatform::HResultFromLastError();
-    KV_VERIFY(SUCCEEDED(_ARE(hr)));
+    KV_REPORT_IF_FAILED(hr);
     return hr;
   }
   const DWORD diff = stNextSysTime.wMilliseconds / 10;
@@ -580,7 +580,7 @@ HRESULT CHourManager::GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* p
       if (pFilter) {
         SFrameInfo info;
         const HRESULT hr = ReadFrameInfo(dwIndex, &info);
-        if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+        if (!KV_SUCCEEDED(hr)) return hr;
         bMatch = Matches(*pFilter, info.dwFlags);
       }
       if (bMatch) {
@@ -613,7 +613,7 @@ HRESULT CHourManager::GetStatistic(SHourStatistic* pStatistic) {
     while (!pLast->GetIndex()) --pLast;
     hr = GetDescriptorTimeLocked(pFirst, &oRecordStatistic.ftBegin);
     if (SUCCEEDED(hr)) hr = GetDescriptorTimeLocked(pLast, &oRecordStatistic.ftEnd);
-    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+    if (!KV_SUCCEEDED(hr)) return hr;
     KV_ASSERT_TEXT(
         NSPlatform::FileTimeToU64(oRecordStatistic.ftEnd) >= NSPlatform::FileTimeToU64(oRecordStatistic.ftBegin),
         "oRecordStatistic.ftEnd>=oRecordStatistic.ftBegin\n");
@@ -671,7 +671,7 @@ HRESULT CHourManager::GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo,
         vEntries.resize(static_cast<size_t>(ullSize / sizeof(SFrameInfo)));
         hr = ReadExact(m_descriptor, 0, vEntries.data(), static_cast<DWORD>(vEntries.size() * sizeof(SFrameInfo)));
       }
-      if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+      if (!KV_SUCCEEDED(hr)) return hr;
     }
     if (dwIndex < vEntries.size() && Matches(*pFilter, vEntries[dwIndex].dwFlags)) ++cell.dwCount;
   }
@@ -709,7 +709,7 @@ ULONGLONG CHourManager::GetFullSizeIfOpen() {
   ULONGLONG ullDescriptor = 0;
   HRESULT hr = m_file.GetSize(&ullData);
   if (SUCCEEDED(hr)) hr = m_descriptor.GetSize(&ullDescriptor);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return 0;
+  if (!KV_SUCCEEDED(hr)) return 0;
   return ullData + ullDescriptor + (m_hashMapping.IsMapped() ? sizeof(SHashFile) : 0);
 }
 
@@ -732,7 +732,7 @@ bool CHourManager::IsCorruptedLocked() {
   ULONGLONG ullFileSize = 0;
   HRESULT hr = m_descriptor.GetSize(&ullDescriptorSize);
   if (SUCCEEDED(hr)) hr = m_file.GetSize(&ullFileSize);
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return true;
+  if (!KV_SUCCEEDED(hr)) return true;
   // 1.
   if (ullDescriptorSize == sizeof(SFrameInfo)) {
     if (!ullFileSize) return false;
@@ -745,7 +745,7 @@ bool CHourManager::IsCorruptedLocked() {
   hr = ullDescriptorSize < sizeof(SFrameInfo)
            ? KvHResultFromWin32(ERROR_NEGATIVE_SEEK)
            : ReadExact(m_descriptor, ullDescriptorSize - sizeof(info), &info, sizeof(info));
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return true;
+  if (!KV_SUCCEEDED(hr)) return true;
   if (info.ullOffset + info.dwSize != ullFileSize) {
     KV_LOG(kszLevelHourService, KV_W("Hour %s is corrupted: Last record must be at the end of file\n"),
            m_strPath.c_str());
@@ -754,7 +754,7 @@ bool CHourManager::IsCorruptedLocked() {
   // 3.
   SFrameHeader header;
   hr = ReadExact(m_file, info.ullOffset, &header, sizeof(header));
-  if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return true;
+  if (!KV_SUCCEEDED(hr)) return true;
   if (header.ullSignature != SFrameHeader::MakeSignature()) {
     KV_LOG(kszLevelHourService, KV_W("Hour %s is corrupted: invalid signature\n"), m_strPath.c_str());
     return true;
@@ -763,7 +763,7 @@ bool CHourManager::IsCorruptedLocked() {
   SYSTEMTIME st;
   if (!TimeToSystemTime(header.ftTime, &st)) {
     hr = NSPlatform::HResultFromLastError();
-    KV_VERIFY(SUCCEEDED(_ARE(hr)));
+    KV_REPORT_IF_FAILED(hr);
     return true;
   }
   const SFrameInfoHash* pSlot = GetSlot(st);
@@ -796,7 +796,7 @@ HRESULT CHourManager::Repair(IProgress* pProgress) {
     const WString strAside = NSSupport::FormatWide(KV_W("%s.%I64u-%u.old"), strFile.c_str(), NSPlatform::GetTickCount64(),
                                                    s_nAside.fetch_add(1));
     const HRESULT hr = NSPlatform::RenameFile(strFile.c_str(), strAside.c_str());
-    if (FAILED(hr) && hr != KvHResultFromWin32(ERROR_FILE_NOT_FOUND) && !KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+    if (FAILED(hr) && hr != KvHResultFromWin32(ERROR_FILE_NOT_FOUND) && !KV_SUCCEEDED(hr)) return hr;
     if (SUCCEEDED(hr)) NSPlatform::RemoveFile(strAside.c_str());
   }
   // 3. Without its data file the hour holds nothing worth keeping.
@@ -829,7 +829,7 @@ HRESULT CHourManager::Repair(IProgress* pProgress) {
     DWORD dwIndex = kdwNoIndex;
     hr = AppendDescriptor(
         {oFrameHeader.dwFlags, static_cast<ULONGLONG>(llLastHealthyPos), FrameSize(oFrameHeader.dwFullSize)}, &dwIndex);
-    if (!KV_VERIFY(SUCCEEDED(_ARE(hr))) || !KV_ASSERT_TEXT(kdwNoIndex != dwIndex, "-1!=uFrameInfoUnion.dwIndex\n")) {
+    if (!KV_SUCCEEDED(hr) || !KV_ASSERT_TEXT(kdwNoIndex != dwIndex, "-1!=uFrameInfoUnion.dwIndex\n")) {
       CloseLocked();
       return FAILED(hr) ? hr : E_UNEXPECTED;
     }
@@ -840,7 +840,7 @@ HRESULT CHourManager::Repair(IProgress* pProgress) {
   if (llLastHealthyPos < ullFileSize) {
     hr = m_file.Seek(static_cast<LONGLONG>(llLastHealthyPos), FILE_BEGIN, nullptr);
     if (SUCCEEDED(hr)) hr = m_file.SetEndOfFile();
-    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) {
+    if (!KV_SUCCEEDED(hr)) {
       CloseLocked();
       return hr;
     }

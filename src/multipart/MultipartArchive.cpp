@@ -135,7 +135,7 @@ HRESULT CMultipartArchive::Load(const WString& strPath, IArchiveFactoryEx* pFact
   if (SUCCEEDED(hr)) hr = ReadDocument(strText, pFactory);
   if (FAILED(hr)) {
     if (hr == khrInvalidData) KV_LOG_ERROR(KV_W("Not a multipart archive file: %s\n"), strPath.c_str());
-    KV_SUCCEEDED(hr);
+    KV_REPORT_IF_FAILED(hr);
     FinalRelease();
     return hr;
   }
@@ -673,7 +673,7 @@ void CMultipartArchive::OnChange(LONG, LONG, LONG) {
     NSCom::CComPtr<IStateControl> pState;
     HRESULT hr = entry.first->QueryInterface(__uuidof(IStateControl), reinterpret_cast<void**>(&pState));
     if (SUCCEEDED(hr)) hr = pState->Change(lState & klStateLocked, ~lState & klStateLocked);
-    KV_SUCCEEDED(hr);
+    KV_REPORT_IF_FAILED(hr);
   }
   ClearStateBitsUnlocked(klStateHookRan);
 }

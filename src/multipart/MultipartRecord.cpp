@@ -103,7 +103,7 @@ STDMETHODIMP CMultipartRecord::Write(FILETIME ftFrame, DWORD dwFlags, const SFra
   // 5. Unchanged: the archive walks the partitions for this frame.
   if (!KV_ASSERT_TEXT(pFailedPartition, "pPartition\n")) return hr;
   hr = m_pOwner->OnChildRequestChangeActivePartition(pFailedPartition, {this, ftFrame, dwFlags, pBuff, dwCount});
-  KV_SUCCEEDED(hr);
+  KV_REPORT_IF_FAILED(hr);
   return hr;
 }
 

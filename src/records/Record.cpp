@@ -97,7 +97,7 @@ STDMETHODIMP CRecord::Create(IKronvale* pParent, const WCHAR* pszPath, DWORD dwH
     if (FAILED(hr)) {
       if (hr == khrSharingViolation)
         KV_LOG_ERROR(KV_W("Record '%s' is being written by another process\n"), strPath.c_str());
-      KV_SUCCEEDED(hr);
+      KV_REPORT_IF_FAILED(hr);
       return hr;
     }
   }
@@ -263,7 +263,7 @@ HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourP
     if (HasState(klStateNoRepair)) return khrFileCorrupt;
     // One repair per call: an hour that a repair cannot heal fails instead of looping.
     if (bRepaired) {
-      KV_SUCCEEDED(hr);
+      KV_REPORT_IF_FAILED(hr);
       return hr;
     }
     hr = RepairHour(strHourPath.c_str());
@@ -326,7 +326,7 @@ STDMETHODIMP CRecord::Write(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer*
   if (InCurrentHour(FileTimeToU64(ftFrame), &st)) {
     if (m_lBusy.load() >= 1) return khrPending;
     hr = m_pCurrentHour->Write(st, dwFlags, reinterpret_cast<const SHourFrameBuffer*>(pBuff), dwCount);
-    KV_SUCCEEDED(hr);
+    KV_REPORT_IF_FAILED(hr);
     return WakeRetentionWhenFull(hr);
   }
   if (!KV_ASSERT_TEXT(NSPlatform::FileTimeToSysTime(&ftFrame, &st), "bRes\n"))
@@ -336,7 +336,7 @@ STDMETHODIMP CRecord::Write(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer*
   hr = GetHourManager(NSKronvaleUtils::FormatHourPath(st), true, &pHour);
   if (!KV_SUCCEEDED(hr)) return WakeRetentionWhenFull(hr);
   hr = pHour->Write(st, dwFlags, reinterpret_cast<const SHourFrameBuffer*>(pBuff), dwCount);
-  KV_SUCCEEDED(hr);
+  KV_REPORT_IF_FAILED(hr);
   return WakeRetentionWhenFull(hr);
 }
 
@@ -430,7 +430,7 @@ STDMETHODIMP CRecord::Extract(FILETIME ftBegin, FILETIME ftSpan, const SFrameFil
     DWORD dwFlags = 0;
     hr = Read(ftFrame, &dwFlags, vBuffers.data(), static_cast<DWORD>(lCount));
     if (FAILED(hr)) {
-      KV_SUCCEEDED(hr);
+      KV_REPORT_IF_FAILED(hr);
       return hr;
     }
     hr = pNew->AppendFrame(ftFrame, dwFlags, vBuffers.data());
@@ -509,7 +509,7 @@ HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, F
       bExact = false;
     }
     if (m_lBusy.load() >= 1) {
-      KV_SUCCEEDED(khrPending);
+      KV_REPORT_IF_FAILED(khrPending);
       return khrPending;
     }
     CHourPtr pHour;
@@ -763,7 +763,7 @@ HRESULT CRecord::CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLON
       continue;
     }
     if (m_lBusy.load() >= 1) {
-      KV_SUCCEEDED(khrPending);
+      KV_REPORT_IF_FAILED(khrPending);
       return khrPending;
     }
     CHourPtr pHour;

@@ -195,7 +195,7 @@ class CPacketReader {
  private:
   HRESULT Failed(HRESULT hr) {
     KV_FUNC("CRecordExtract::UnmarshalInterface");
-    KV_SUCCEEDED(hr);
+    KV_REPORT_IF_FAILED(hr);
     return hr;
   }
   HRESULT Short(ULONG cbMissing) {
@@ -282,7 +282,7 @@ HRESULT CRecordExtract::LoadFrame(ULONGLONG ullTime, SFrame& frame) {
   // The record hands out task memory for buffers without a block, and keeps none of it on failure.
   const HRESULT hr = m_pSource->Read(U64ToFileTime(ullTime), &dwFlags, v.data(), m_dwCount);
   if (FAILED(hr)) {
-    KV_SUCCEEDED(hr);
+    KV_REPORT_IF_FAILED(hr);
     return hr;
   }
   frame.buffers = CBuffers(std::move(v));
@@ -725,7 +725,7 @@ STDMETHODIMP CRecordExtract::MarshalInterface(IStream* pStm, REFIID, void*, DWOR
   STATSTG stat;
   if (SUCCEEDED(hr)) hr = pPacket->Stat(&stat, STATFLAG_NONAME);
   if (SUCCEEDED(hr)) hr = pPacket->CopyTo(pStm, stat.cbSize, nullptr, nullptr);
-  KV_SUCCEEDED(hr);
+  KV_REPORT_IF_FAILED(hr);
   return hr;
 }
 

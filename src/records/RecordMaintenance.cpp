@@ -54,7 +54,7 @@ STDMETHODIMP CRecord::RemoveHour(FILETIME ftHour) {
     SYSTEMTIME st;
     if (!NSPlatform::FileTimeToSysTime(&ftHour, &st)) {
       const HRESULT hr = NSPlatform::HResultFromLastError();
-      KV_SUCCEEDED(hr);
+      KV_REPORT_IF_FAILED(hr);
       return hr;
     }
     const WString strHourPath = NSKronvaleUtils::FormatHourPath(st);

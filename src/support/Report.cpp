@@ -283,6 +283,17 @@ void CCheck::Add(const SItem& item) noexcept {
 
 WString CCheck::RewriteText() const {
   WString strText = NSPlatform::Utf8ToWide(m_pszExpression ? m_pszExpression : "");
+  // The value recorders are KV_AR, KV_TR and KV_ARE in code and "_AR(", "_TR(" and "_ARE(" in texts.
+  for (const WCHAR* pszMarker : {KV_W("KV_AR("), KV_W("KV_TR("), KV_W("KV_ARE(")}) {
+    const WString strMarker = pszMarker;
+    for (size_t nPos = 0; (nPos = strText.find(strMarker, nPos)) != WString::npos;) {
+      if (nPos > 0 && IsIdentifierChar(strText[nPos - 1])) {
+        nPos += strMarker.size();
+        continue;
+      }
+      strText.erase(nPos, 2);
+    }
+  }
   for (unsigned i = 0; i < m_cItems; ++i) {
     const SItem& item = m_items[i];
     WString strName = NSPlatform::Utf8ToWide(item.pszName);

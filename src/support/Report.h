@@ -14,7 +14,8 @@
 //     KV_CHECK_POINTERS(pdwCount && ppStatistic);  // one report text for a compound check
 //     KV_LOG_MESSAGE(KV_W("Creating record '%s' in archive '%s'.\n"), bstrName, m_strPath.c_str());
 //     HRESULT hr = Open(...);
-//     if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;  // or: if (!KV_SUCCEEDED(hr)) return hr;
+//     if (!KV_SUCCEEDED(hr)) return hr;            // reports "SUCCEEDED(_ARE(hr))\n" with the value
+//     KV_REPORT_IF_FAILED(hrSave);                 // reports a failure and goes on
 //     KV_RETURN_IF_FAILED(Save());                 // evaluates once, reports and returns a failure
 //     KV_ASSERT(!(dwFileSize % sizeof(SFrameInfo)));
 //     KV_LOG(KV_W("Repairing"), KV_W("Repairing hour %s of %s\n"), pszHour, pszRecord);
@@ -25,10 +26,11 @@
 // so spacing matters: KV_ASSERT(dwCount<=m_dwCount) reports "dwCount<=m_dwCount\n". Where the
 // reported text must not depend on how the source is formatted, give it: KV_ASSERT_TEXT(expr, "...").
 //
-// Recorded values. Inside a check, _AR(x), _TR(x) and _ARE(x) record the value of x and yield it
-// unchanged (same value and value category; do not bind a reference to the result of a temporary).
-// When the check fails, "_AR(" followed by the text of x becomes the text of x followed by its
-// value, likewise "_TR("; for "_ARE(" the value is an HRESULT written as a signed decimal number,
+// Recorded values. Inside a check, KV_AR(x), KV_TR(x) and KV_ARE(x) record the value of x and yield
+// it unchanged (same value and value category; do not bind a reference to the result of a temporary).
+// A check's text spells them "_AR(", "_TR(" and "_ARE(", as the system's texts always have (the
+// "KV" of the names is taken out of the text first). When the check fails, "_AR(" followed by the
+// text of x becomes the text of x followed by its value, likewise "_TR("; for "_ARE(" the value is an HRESULT written as a signed decimal number,
 // ":'", the system's message text for it and "'" (just the number when the system has no text):
 //   "SUCCEEDED(_ARE(hr))\n" -> "SUCCEEDED(hr-2147024894:'The system cannot find the file specified.'))\n"
 //   "_AR(cbFile)==sizeof(SHashFile)\n" -> "cbFile1024)==sizeof(SHashFile)\n"
@@ -275,14 +277,17 @@ inline constexpr NSReport::SFunctionName kv_reportFunctionName{nullptr};
 
 // ---- Checks (expressions answering whether expr held) ---------------------------------------------
 
-// Result check: KV_VERIFY(SUCCEEDED(_ARE(hr))). Any condition may be verified.
+// Result check: KV_VERIFY(SUCCEEDED(KV_ARE(hr))). Any condition may be verified.
 #define KV_VERIFY(expr) (::NSReport::CCheck(KV_HERE, #expr "\n").Verify(static_cast<bool>(expr)))
 // Invariant check; reported the same way.
 #define KV_ASSERT(expr) (::NSReport::CCheck(KV_HERE, #expr "\n").Verify(static_cast<bool>(expr)))
 // A check with its report text given in full (a narrow literal, normally ending in "\n").
 #define KV_ASSERT_TEXT(expr, text) (::NSReport::CCheck(KV_HERE, text).Verify(static_cast<bool>(expr)))
-// KV_VERIFY(SUCCEEDED(_ARE(hr))) for an HRESULT variable: answers whether hr is a success.
-#define KV_SUCCEEDED(hr) KV_VERIFY(SUCCEEDED(_ARE(hr)))
+// KV_VERIFY(SUCCEEDED(KV_ARE(hr))) for an HRESULT variable: answers whether hr is a success.
+#define KV_SUCCEEDED(hr) KV_VERIFY(SUCCEEDED(KV_ARE(hr)))
+// Reports hr when it is a failure ("SUCCEEDED(_ARE(hr))\n" with its value), for a caller that goes
+// on or answers hr either way.
+#define KV_REPORT_IF_FAILED(hr) static_cast<void>(KV_SUCCEEDED(hr))
 // A check reported with the category "ATLVERIFY" and the expression's text without a newline.
 #define KV_ATLVERIFY(expr) \
   (::NSReport::CCheck(KV_HERE, #expr, ::NSReport::kszCategoryAtlVerify).Verify(static_cast<bool>(expr)))
@@ -300,12 +305,13 @@ inline constexpr NSReport::SFunctionName kv_reportFunctionName{nullptr};
 
 // ---- Recorded values inside checks --------------------------------------------------------------
 
-#if defined(_AR) || defined(_TR) || defined(_ARE)
-#error "_AR, _TR or _ARE is already defined"
-#endif
-#define _AR(x) ::NSReport::NDetail::RecordValue("_AR(", #x, x)
-#define _TR(x) ::NSReport::NDetail::RecordValue("_TR(", #x, x)
-#define _ARE(x) ::NSReport::NDetail::RecordResult(#x, x)
+// Inside a check, KV_AR(x) and KV_TR(x) record a value and KV_ARE(hr) a result: the report writes
+// it into the check's text after the expression. The texts are the system's own and spell these
+// "_AR(", "_TR(" and "_ARE(" (a check's text has the "KV" of the names taken out), so
+// KV_VERIFY(SUCCEEDED(KV_ARE(hr))) reports "SUCCEEDED(_ARE(hr))\n" with the value written in.
+#define KV_AR(x) ::NSReport::NDetail::RecordValue("_AR(", #x, x)
+#define KV_TR(x) ::NSReport::NDetail::RecordValue("_TR(", #x, x)
+#define KV_ARE(x) ::NSReport::NDetail::RecordResult(#x, x)
 
 // ---- Messages ------------------------------------------------------------------------------------
 

@@ -131,7 +131,7 @@ TEST_F(ArchiveSettings, FailedWriteIsReportedAndReturned) {
   EXPECT_EQ(static_cast<HRESULT>(0x80070070), SerializeSettings(m_strFile, true, &settings));
   const auto vReports = capture.Reports(KV_W("TRASSDO"));
   ASSERT_EQ(1u, vReports.size());
-  // "SUCCEEDED(_ARE(hr))\n" with the value of hr written in.
+  // "SUCCEEDED(KV_ARE(hr))\n" with the value of hr written in.
   const WString& strText = vReports[0].strText;
   EXPECT_EQ(0u, strText.rfind(KV_W("SUCCEEDED(hr-2147024784:'"), 0)) << NSPlatform::WideToUtf8(strText);
   EXPECT_EQ(strText.size() - 4, strText.rfind(KV_W("'))\n")));

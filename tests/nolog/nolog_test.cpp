@@ -40,7 +40,7 @@ class CRecordLike {
   }
   HRESULT Open(HRESULT hrOpen) {
     HRESULT hr = hrOpen;
-    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+    if (!KV_SUCCEEDED(hr)) return hr;
     KV_LOG_MESSAGE(KV_W("opened %d\n"), 1);
     return S_OK;
   }

@@ -51,7 +51,7 @@ class CArchiveLike {
   }
   HRESULT SetQuota(HRESULT hrSave) {
     HRESULT hr = hrSave;
-    if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+    if (!KV_VERIFY(SUCCEEDED(KV_ARE(hr)))) return hr;
     return S_OK;
   }
   HRESULT Save(HRESULT hrStep) {
@@ -159,25 +159,25 @@ TEST(ReportChecks, InvariantTextsWithRecordedValues) {
   DWORD dwCount = 5, m_dwCount = 4;
   EXPECT_FALSE(KV_ASSERT_TEXT(dwCount <= m_dwCount, "dwCount<=m_dwCount\n"));
   ULONGLONG cbFile = 1548600;
-  EXPECT_FALSE(KV_ASSERT(_AR(cbFile)==1548608));
+  EXPECT_FALSE(KV_ASSERT(KV_AR(cbFile)==1548608));
   // Calls with commas, several values, strings, bools and pointers.
   const WCHAR* pszName = KV_W("rec");
   bool bOpen = false;
-  EXPECT_FALSE(KV_ASSERT(_AR(Add(2, 3))==6 && _TR(pszName) && _AR(bOpen)));
-  EXPECT_FALSE(KV_ASSERT(_AR(Add(2, 3))==5 && _TR(pszName) && _AR(bOpen)));
+  EXPECT_FALSE(KV_ASSERT(KV_AR(Add(2, 3))==6 && KV_TR(pszName) && KV_AR(bOpen)));
+  EXPECT_FALSE(KV_ASSERT(KV_AR(Add(2, 3))==5 && KV_TR(pszName) && KV_AR(bOpen)));
   std::string strTag = "t<1>";
   LONG lDelta = -7;
   void* pv = nullptr;
-  EXPECT_FALSE(KV_ASSERT(_TR(strTag).empty() || _AR(lDelta) > 0 || _AR(pv)));
+  EXPECT_FALSE(KV_ASSERT(KV_TR(strTag).empty() || KV_AR(lDelta) > 0 || KV_AR(pv)));
   // A value that was never evaluated leaves its wrapper in the text.
   SFrameInfo* pInfo = nullptr;
-  EXPECT_FALSE(KV_ASSERT(pInfo && _AR(pInfo->dwSize)));
+  EXPECT_FALSE(KV_ASSERT(pInfo && KV_AR(pInfo->dwSize)));
   // "_AR(a" is not taken for "_AR(ab".
   int a = 1, ab = 2;
-  EXPECT_FALSE(KV_ASSERT(_AR(ab) + _AR(a) == 0));
+  EXPECT_FALSE(KV_ASSERT(KV_AR(ab) + KV_AR(a) == 0));
   // Passing checks report nothing; wrappers yield their value outside checks too.
-  EXPECT_TRUE(KV_ASSERT(_AR(cbFile) == 1548600));
-  EXPECT_EQ(_AR(Add(1, 1)), 2);
+  EXPECT_TRUE(KV_ASSERT(KV_AR(cbFile) == 1548600));
+  EXPECT_EQ(KV_AR(Add(1, 1)), 2);
   EXPECT_FALSE(NSKronvaleTest::CHolder<int>().Check(4));
 
   std::vector<SLoggedReport> reports = capture.Reports();
@@ -195,12 +195,12 @@ TEST(ReportChecks, InvariantTextsWithRecordedValues) {
   for (const SLoggedReport& report : reports) EXPECT_EQ(U8(report.strCategory), "TRASSDO");
 }
 
-bool InnerCheck(int n) { return KV_ASSERT(_AR(n) < 0); }
+bool InnerCheck(int n) { return KV_ASSERT(KV_AR(n) < 0); }
 
 TEST(ReportChecks, NestedChecksKeepTheirOwnValues) {
   CLogCapture capture;
   int nOuter = 8;
-  EXPECT_FALSE(KV_ASSERT(InnerCheck(_AR(nOuter)) && _AR(nOuter) < 0));
+  EXPECT_FALSE(KV_ASSERT(InnerCheck(KV_AR(nOuter)) && KV_AR(nOuter) < 0));
   std::vector<SLoggedReport> reports = capture.Reports();
   ASSERT_EQ(reports.size(), 2u);
   EXPECT_EQ(U8(reports[0].strText), "n8) < 0\n");
