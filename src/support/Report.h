@@ -30,8 +30,9 @@
 // it unchanged (same value and value category; do not bind a reference to the result of a temporary).
 // A check's text spells them "_AR(", "_TR(" and "_ARE(", as the system's texts always have (the
 // "KV" of the names is taken out of the text first). When the check fails, "_AR(" followed by the
-// text of x becomes the text of x followed by its value, likewise "_TR("; for "_ARE(" the value is an HRESULT written as a signed decimal number,
-// ":'", the system's message text for it and "'" (just the number when the system has no text):
+// text of x becomes the text of x followed by its value, likewise "_TR("; for "_ARE(" the value is
+// an HRESULT written as a signed decimal number, ":'", the system's message text for it and "'"
+// (just the number when the system has no text):
 //   "SUCCEEDED(_ARE(hr))\n" -> "SUCCEEDED(hr-2147024894:'The system cannot find the file specified.'))\n"
 //   "_AR(cbFile)==sizeof(SHashFile)\n" -> "cbFile1024)==sizeof(SHashFile)\n"
 // Integers are written in decimal, bool as true/false, floating values as %g, pointers as 16
