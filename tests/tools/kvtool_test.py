@@ -138,7 +138,7 @@ def scenario(w):
          "--append)"),
         (["export", "arc", "cam", "--from", "2021-03-07T10:00Z", "--to", "2021-03-07T11:00Z", "--mp4", "c.mp4"], 4,
          NO_VIDEO.format("export --mp4") if WINDOWS else
-         "kvtool: exporting of record 'cam' from 2021-03-07T10:00:00.000Z to 2021-03-07T11:00:00.000Z: the frame at "
+         "kvtool: exporting record 'cam' from 2021-03-07T10:00:00.000Z to 2021-03-07T11:00:00.000Z: the frame at "
          "2021-03-07T10:00:00.000Z has 2 buffers, not one access unit; nothing written"),
         (["rm", "arc", "cam", "--hour", "2021-03-07T05:00Z"], 1,
          "kvtool: removing the hour of 2021-03-07T05:00:00.000Z from record 'cam': the record has no such hour"),

@@ -168,12 +168,13 @@ def scenario(w):
          "kvtool: --from: '2021-03-07T25:00Z' is not a valid date and time"),
         (["export", "arc", "camera1", *period, "--mp4", "x.mp4", "--mask", "1"], 2,
          "kvtool: --mp4 takes every frame (a clip needs them all to decode): no --mask or --mode"),
+        (["export", "arc", "camera1", *period, "--mp4", "x.mp4", "--format", "hex"], 2, "kvtool: --mp4 writes MP4: no --format"),
         (["export", "arc", "camera1", *period, "--mp4", "x.mp4", "--out", "dir"], 2, "--out excludes --mp4"),
         (["export", "arc", "camera1", *period], 2, "kvtool: export needs --out or --mp4"),
         (["export", "arc", "camera1", *period, "--mp4", "nodir/x.mp4"], 1, "kvtool: --mp4 'nodir/x.mp4': there is no directory"),
         (["export", "arc", "camera1", *period, "--mp4", "arc"], 2, "kvtool: --mp4 'arc': it is a directory"),
         (["export", "arc", "camera1", "--from", "2021-03-07T12:00Z", "--to", "2021-03-07T13:00Z", "--mp4", "x.mp4"], 1,
-         "kvtool: exporting of record 'camera1' from 2021-03-07T12:00:00.000Z to 2021-03-07T13:00:00.000Z: there are no "
+         "kvtool: exporting record 'camera1' from 2021-03-07T12:00:00.000Z to 2021-03-07T13:00:00.000Z: there are no "
          "frames in that period; nothing written"),
     ]
     for args, code, message in table:
@@ -214,6 +215,15 @@ def scenario(w):
     check(rc == 4 and "the frame at 2021-03-07T11:00:00.000Z is not a video access unit the tool knows" in err and
           not os.path.exists(os.path.join(w, "notes.mp4")) and not glob.glob(os.path.join(w, "*.tmp")),
           f"a record of text gives no clip ({rc}, {err.strip()})")
+    # A key frame more than a minute before --from is not taken: the clip would start at the
+    # period's first key frame (here text again, so refused there).
+    ok(w, "write", "arc", "notes", "2021-03-07T11:02:00Z", "--flags", "0", "x")
+    ok(w, "write", "arc", "notes", "2021-03-07T11:02:30Z", "--flags", "1", "y")
+    rc, out, err = run("export", "arc", "notes", "--from", "2021-03-07T11:01:30Z", "--to", "2021-03-07T11:03Z", "--mp4",
+                       "notes.mp4", cwd=w)
+    check(rc == 4 and "no key frame in the minute before 2021-03-07T11:02:00.000Z: the clip starts at the period's first, "
+          "2021-03-07T11:02:30.000Z" in out and "the frame at 2021-03-07T11:02:30.000Z is not a video access unit" in err,
+          f"a key frame over a minute back is not taken ({rc}, {out.strip()}, {err.strip()})")
 
 
 if __name__ == "__main__":

@@ -358,10 +358,8 @@ struct CMp4Writer::SImpl {
     pPar->format = pPicture->format;
     pPar->sample_aspect_ratio = pPicture->sample_aspect_ratio;
     AddExtradata(pPacket.get(), pPar);
-    char szCreation[40];
-    const std::string strFirst = FormatTime(ullTime, true);
-    std::snprintf(szCreation, sizeof(szCreation), "%s", strFirst.c_str());
-    av_dict_set(&pFormat->metadata, "creation_time", szCreation, 0);
+    // Players show when the clip was recorded.
+    av_dict_set(&pFormat->metadata, "creation_time", FormatTime(ullTime, true).c_str(), 0);
 
     // Beside the asked name, so that the rename at the end stays on one volume.
     const WString strDir = ParentOf(strPath);
@@ -413,8 +411,13 @@ struct CMp4Writer::SImpl {
     return i > 1 ? str.substr(0, i - 1) : str.substr(0, i);
   }
 
+  // Ticks of 100 ns in the stream's time base (the muxer may have chosen its own at the header).
+  int64_t Rescale(ULONGLONG ullTicks) const {
+    return av_rescale_q(static_cast<int64_t>(ullTicks), AVRational{1, 10000000}, pStream->time_base);
+  }
+
   void WritePending(ULONGLONG ullDuration) {
-    pPending->duration = av_rescale(static_cast<int64_t>(ullDuration), 9, 1000);
+    pPending->duration = Rescale(ullDuration);
     if (pPending->duration <= 0) pPending->duration = 1;
     CheckAv(av_interleaved_write_frame(pFormat, pPending.get()), What() + " (the frame at " + FormatTime(ullPendingTime) + ")");
     pPending.reset();
@@ -439,8 +442,8 @@ void CMp4Writer::Add(ULONGLONG ullTime, bool bKey, const BYTE* pb, DWORD cb) {
     m_p->ullLastDuration = ullTime - m_p->ullPendingTime;
     m_p->WritePending(m_p->ullLastDuration);
   }
-  // 100 ns ticks to the 90 kHz clock; never two frames at one timestamp.
-  int64_t llPts = av_rescale(static_cast<int64_t>(ullTime - m_p->ullFirst), 9, 1000);
+  // Never two frames at one timestamp.
+  int64_t llPts = m_p->Rescale(ullTime - m_p->ullFirst);
   if (llPts <= m_p->llLastPts) llPts = m_p->llLastPts + 1;
   m_p->llLastPts = llPts;
   m_p->pPending.reset(CheckAlloc(av_packet_alloc(), m_p->What()));

@@ -759,7 +759,8 @@ constexpr char kszMp4Help[] =
     "With --mp4 FILE the period becomes an MP4 clip, the recorded access units as they are (no "
     "re-encoding), timed by their frame times. The clip starts at the last key frame (flag 0x1) at or "
     "before the first frame at or after --from, so that its first picture decodes: --from between key "
-    "frames starts a little earlier, --from in a gap starts where recording resumes. It takes every "
+    "frames starts a little earlier, --from in a gap starts where recording resumes; a key frame more "
+    "than a minute earlier is not taken, the clip then starts at the period's first key frame. It takes every "
     "frame up to the last one at or before --to. A pause in the recording stays a pause in the clip "
     "(the picture before it stays on screen). A period without frames is exit code 1 and writes "
     "nothing; an existing FILE is refused unless --force. The clip is written under a temporary name "
@@ -786,20 +787,27 @@ int ExportMp4(CKronvale& kronvale, const std::string& strPath, const std::string
   CPtr<IRecord> pRecord;
   archive.OpenRecord(strRecord, false, &pRecord);
   const std::string strWhat = "walking record " + Quote(strRecord);
-  const std::string strPeriod = " of record " + Quote(strRecord) + " from " + FormatTime(ullFrom) + " to " + FormatTime(ullTo);
+  const std::string strPeriod = " record " + Quote(strRecord) + " from " + FormatTime(ullFrom) + " to " + FormatTime(ullTo);
   ULONGLONG ullFirst = 0, ullStart = 0;
   if (!FirstFrame(pRecord.p, ullFrom, ullTo, nullptr, strWhat, &ullFirst))
     throw CToolError(ketNotFound, "exporting" + strPeriod + ": there are no frames in that period; nothing written");
-  if (!KeyFrameAtOrBefore(pRecord.p, ullFirst, strWhat, &ullStart)) {
-    // Nothing decodable before the period: the clip starts at its first key frame.
+  // The lead-in before --from is only there to decode the first picture: a group of pictures is
+  // seconds long, and a person asking for a short clip never gets hours of it.
+  constexpr ULONGLONG kullLongestLeadIn = 60 * kullTicksPerSecond;
+  if (!KeyFrameAtOrBefore(pRecord.p, ullFirst, strWhat, &ullStart) || ullFirst - ullStart > kullLongestLeadIn) {
     if (!FirstFrame(pRecord.p, ullFirst, ullTo, &kKeyFrames, strWhat, &ullStart))
       throw CToolError(ketNotFound, "exporting" + strPeriod + ": no key frame (flag 0x1) to start a clip at; nothing written");
-    std::printf("no key frame before %s: the clip starts at the first one, %s\n", FormatTime(ullFirst).c_str(),
-                FormatTime(ullStart).c_str());
+    std::printf("no key frame in the minute before %s: the clip starts at the period's first, %s\n",
+                FormatTime(ullFirst).c_str(), FormatTime(ullStart).c_str());
   }
+  // The last frame of the period, for the progress shown on a terminal.
+  ULONGLONG ullEnd = ullStart;
+  FILETIME ftEnd;
+  if (SUCCEEDED(pRecord->GetPrev(Ft(std::min(ullTo, kullLastTime - 100000) / 100000 * 100000 + 100000), nullptr, &ftEnd)))
+    ullEnd = std::max(ullStart, Ticks(ftEnd));
   CMp4Writer writer(strMp4);
   ULONGLONG ullTime = ullStart, ullLast = ullStart, ullLongestPause = 0, ullPauseAt = 0;
-  CProgress progress("exporting frames", (ullTo - ullStart) / CDemoCamera::kullFrameTicks + 1);
+  CProgress progress("exporting frames", (ullEnd - ullStart) / (kullTicksPerSecond / 25) + 1);  // about, at 25 fps
   for (bool bMore = true; bMore; bMore = NextFrame(pRecord.p, ullTime, ullTo, nullptr, strWhat, &ullTime)) {
     progress.Step(writer.Frames());
     DWORD dwFlags = 0;
@@ -1183,9 +1191,9 @@ int Run(int argc, char** argv) {
   auto* pOutOption =
       pExport->add_option("--out", strOut, "a directory, or - for stdout (an index line per frame, then its buffers)");
   pExport->add_option("--format", strFormat, "raw (default), hex or json")->check(CLI::IsMember({"raw", "hex", "json"}));
-  pExport->add_option("--mp4", strMp4, "an MP4 clip of the period's video (see below)")->excludes(pOutOption);
+  pExport->add_option("--mp4", strMp4, "an MP4 clip of the period's video (see below)")->type_name("FILE")->excludes(pOutOption);
   pExport->add_flag("--force", bForce, "with --mp4: replace FILE when it exists");
-  pExport->footer(kszMp4Help);
+  pExport->footer(std::string(kszMp4Help) + "\n\n" + kszExitCodes);
 
   auto* pCopy = app.add_subcommand("copy", "copy the hours of a record to another archive, whole");
   archiveArg(pCopy);
