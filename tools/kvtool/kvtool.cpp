@@ -981,11 +981,16 @@ int Timeline(CKronvale& kronvale, const std::string& strPath, std::vector<std::s
     STimelineRow row;
     row.strName = vRecords[i];
     const std::string strWhat = "gathering the statistic of record " + Quote(vRecords[i]);
-    for (const auto& run : Statistic(vOpen[i].p, ullFrom, ullTo, ullResolution, nullptr, 0, strWhat))
-      row.vCoverage.push_back({Ticks(run.ftBegin), Ticks(run.ftEnd)});
+    // The statistic splits runs where the flags change (a second with a key frame, one without);
+    // the picture joins runs that touch, so that a band is one bar until a real gap.
+    auto add = [](CSpans* pv, const SRecordStatistic& run) {
+      if (!pv->empty() && Ticks(run.ftBegin) <= pv->back().second) pv->back().second = std::max(pv->back().second, Ticks(run.ftEnd));
+      else pv->push_back({Ticks(run.ftBegin), Ticks(run.ftEnd)});
+    };
+    for (const auto& run : Statistic(vOpen[i].p, ullFrom, ullTo, ullResolution, nullptr, 0, strWhat)) add(&row.vCoverage, run);
     for (size_t b = 0; b < 2; ++b)
       for (const auto& run : Statistic(vOpen[i].p, ullFrom, ullTo, ullResolution, &s_aBands[b], 0, strWhat))
-        row.avBands[b].push_back({Ticks(run.ftBegin), Ticks(run.ftEnd)});
+        add(&row.avBands[b], run);
     vRows.push_back(std::move(row));
   }
   WriteWholeFile(Wide(strOut), RenderTimeline(strPath, vRows, ullFrom, ullTo));
