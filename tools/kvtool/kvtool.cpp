@@ -981,10 +981,12 @@ int Timeline(CKronvale& kronvale, const std::string& strPath, std::vector<std::s
     STimelineRow row;
     row.strName = vRecords[i];
     const std::string strWhat = "gathering the statistic of record " + Quote(vRecords[i]);
-    // The statistic splits runs where the flags change (a second with a key frame, one without);
-    // the picture joins runs that touch, so that a band is one bar until a real gap.
-    auto add = [](CSpans* pv, const SRecordStatistic& run) {
-      if (!pv->empty() && Ticks(run.ftBegin) <= pv->back().second) pv->back().second = std::max(pv->back().second, Ticks(run.ftEnd));
+    // The statistic splits runs where the flags change (a second with a key frame, one without) and
+    // ends each at its last frame; the picture joins runs less than a cell apart, so that a band is
+    // one bar until a gap that shows.
+    auto add = [ullResolution](CSpans* pv, const SRecordStatistic& run) {
+      if (!pv->empty() && Ticks(run.ftBegin) < pv->back().second + ullResolution)
+        pv->back().second = std::max(pv->back().second, Ticks(run.ftEnd));
       else pv->push_back({Ticks(run.ftBegin), Ticks(run.ftEnd)});
     };
     for (const auto& run : Statistic(vOpen[i].p, ullFrom, ullTo, ullResolution, nullptr, 0, strWhat)) add(&row.vCoverage, run);
