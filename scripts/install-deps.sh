@@ -11,6 +11,7 @@ packages=(
   g++ clang cmake ninja-build git ca-certificates
   googletest libgtest-dev libbenchmark-dev
   libpugixml-dev libboost-dev libcli11-dev librsvg2-bin
+  libavcodec-dev libavformat-dev libavutil-dev pkg-config
   mingw-w64 mingw-w64-tools g++-mingw-w64-x86-64-posix
   wine wine64 libwine-dev
   dpkg-dev python3

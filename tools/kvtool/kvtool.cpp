@@ -19,6 +19,9 @@
 #include "Timeline.h"
 #include "ToolArgs.h"
 #include "platform/os.h"
+#ifdef KV_WITH_VIDEO
+#include "Video.h"
+#endif
 
 using namespace NSTool;
 
@@ -309,11 +312,19 @@ std::vector<SRecordStatistic> Statistic(IRecord* pRecord, ULONGLONG ullFrom, ULO
 
 // ---- Options shared by the verbs ------------------------------------------------------------------
 
+// The frames a key-frame search accepts: flag 0x1, as recorders mark them.
+constexpr SFrameFilter kKeyFrames = {0x1, efmAny};
+
 struct SFilterOptions {
   std::string strMask, strMode;
-  bool Given() const { return !strMask.empty() || !strMode.empty(); }
+  bool bKey = false;  // --key: shorthand for --mask 0x1
+  bool Given() const { return bKey || !strMask.empty() || !strMode.empty(); }
   SFrameFilter Get() const {
     SFrameFilter filter = {0, efmAny};
+    if (bKey) {
+      if (!strMask.empty() || !strMode.empty()) throw CToolError(ketUsage, "--key is --mask 0x1: give one or the other");
+      return kKeyFrames;
+    }
     if (strMask.empty() && !strMode.empty()) throw CToolError(ketUsage, "--mode needs --mask");
     if (!strMask.empty()) filter.dwMask = static_cast<DWORD>(ParseNumber(strMask, 0, 0xFFFFFFFFu, "--mask"));
     if (!strMode.empty()) filter.eMode = ParseMode(strMode, "--mode");
@@ -759,6 +770,104 @@ int Export(CKronvale& kronvale, const std::string& strPath, const std::string& s
   return ketSuccess;
 }
 
+// ---- export --mp4 ----------------------------------------------------------------------------------
+
+constexpr char kszMp4Help[] =
+    "With --mp4 FILE the period becomes an MP4 clip, the recorded access units as they are (no "
+    "re-encoding), timed by their frame times. The clip starts at the last key frame (flag 0x1) at or "
+    "before the first frame at or after --from, so that its first picture decodes: --from between key "
+    "frames starts a little earlier, --from in a gap starts where recording resumes; a key frame more "
+    "than a minute earlier is not taken, the clip then starts at the period's first key frame. It takes every "
+    "frame up to the last one at or before --to. A pause in the recording stays a pause in the clip "
+    "(the picture before it stays on screen). A period without frames is exit code 1 and writes "
+    "nothing; an existing FILE is refused unless --force. The clip is written under a temporary name "
+    "and renamed at the end, so a failure leaves nothing under FILE.";
+
+#ifdef KV_WITH_VIDEO
+// The last key frame at or before the frame at ullFrame (which may be one itself). GetPrev answers
+// frames before a 10 ms slot, so the search starts at the slot after ullFrame's.
+bool KeyFrameAtOrBefore(IRecord* pRecord, ULONGLONG ullFrame, const std::string& strWhat, ULONGLONG* pullFound) {
+  FILETIME ft = Ft(ullFrame / 100000 * 100000 + 100000);
+  for (;;) {
+    const HRESULT hr = pRecord->GetPrev(ft, &kKeyFrames, &ft);
+    if (hr == NSKronvale::khrNotFound) return false;
+    Check(hr, strWhat);
+    if (Ticks(ft) <= ullFrame) break;
+  }
+  *pullFound = Ticks(ft);
+  return true;
+}
+
+int ExportMp4(CKronvale& kronvale, const std::string& strPath, const std::string& strRecord, ULONGLONG ullFrom,
+              ULONGLONG ullTo, const WString& strMp4, const std::string& strShown) {
+  CArchive archive(kronvale, strPath, false);
+  CPtr<IRecord> pRecord;
+  archive.OpenRecord(strRecord, false, &pRecord);
+  const std::string strWhat = "walking record " + Quote(strRecord);
+  const std::string strPeriod = " record " + Quote(strRecord) + " from " + FormatTime(ullFrom) + " to " + FormatTime(ullTo);
+  ULONGLONG ullFirst = 0, ullStart = 0;
+  if (!FirstFrame(pRecord.p, ullFrom, ullTo, nullptr, strWhat, &ullFirst))
+    throw CToolError(ketNotFound, "exporting" + strPeriod + ": there are no frames in that period; nothing written");
+  // The lead-in before --from is only there to decode the first picture: a group of pictures is
+  // seconds long, and a person asking for a short clip never gets hours of it.
+  constexpr ULONGLONG kullLongestLeadIn = 60 * kullTicksPerSecond;
+  if (!KeyFrameAtOrBefore(pRecord.p, ullFirst, strWhat, &ullStart) || ullFirst - ullStart > kullLongestLeadIn) {
+    if (!FirstFrame(pRecord.p, ullFirst, ullTo, &kKeyFrames, strWhat, &ullStart))
+      throw CToolError(ketNotFound, "exporting" + strPeriod + ": no key frame (flag 0x1) to start a clip at; nothing written");
+    std::printf("no key frame in the minute before %s: the clip starts at the period's first, %s\n",
+                FormatTime(ullFirst).c_str(), FormatTime(ullStart).c_str());
+  }
+  // The last frame of the period, for the progress shown on a terminal.
+  ULONGLONG ullEnd = ullStart;
+  FILETIME ftEnd;
+  if (SUCCEEDED(pRecord->GetPrev(Ft(std::min(ullTo, kullLastTime - 100000) / 100000 * 100000 + 100000), nullptr, &ftEnd)))
+    ullEnd = std::max(ullStart, Ticks(ftEnd));
+  CMp4Writer writer(strMp4);
+  ULONGLONG ullTime = ullStart, ullLast = ullStart, ullLongestPause = 0, ullPauseAt = 0;
+  CProgress progress("exporting frames", (ullEnd - ullStart) / (kullTicksPerSecond / 25) + 1);  // about, at 25 fps
+  for (bool bMore = true; bMore; bMore = NextFrame(pRecord.p, ullTime, ullTo, nullptr, strWhat, &ullTime)) {
+    progress.Step(writer.Frames());
+    DWORD dwFlags = 0;
+    CFrameBuffers buffers;
+    Check(ReadWholeFrame(pRecord.p, ullTime, &dwFlags, &buffers), ReadWhat(strRecord, ullTime));
+    if (buffers.v.size() != 1)
+      throw CToolError(ketFailure, "exporting" + strPeriod + ": the frame at " + FormatTime(ullTime) + " has " +
+                                       std::to_string(buffers.v.size()) + " buffers, not one access unit; nothing written");
+    if (ullTime - ullLast > ullLongestPause) {
+      ullLongestPause = ullTime - ullLast;
+      ullPauseAt = ullLast;
+    }
+    writer.Add(ullTime, (dwFlags & kKeyFrames.dwMask) != 0, buffers.v[0].pData, buffers.v[0].dwDataSize);
+    ullLast = ullTime;
+  }
+  const std::string strCodec = writer.Commit();
+  std::printf("%llu frames of %s from %s to %s (%s) written to %s\n", static_cast<unsigned long long>(writer.Frames()),
+              strRecord.c_str(), FormatTime(ullStart).c_str(), FormatTime(ullLast).c_str(), strCodec.c_str(), strShown.c_str());
+  if (ullLongestPause > kullTicksPerSecond)
+    std::printf("the recording pauses for %.1f s after %s; the clip pauses there too\n",
+                static_cast<double>(ullLongestPause) / kullTicksPerSecond, FormatTime(ullPauseAt).c_str());
+  return ketSuccess;
+}
+#endif
+
+// Where an MP4 goes, checked before anything is read or written: a full path, its directory
+// there, and no file in the way unless the person said --force.
+WString CheckMp4Target(const std::string& strMp4, bool bForce) {
+  WString strFull;
+  const std::string strWhat = "--mp4 " + Quote(strMp4);
+  if (strMp4.empty() || FAILED(NSPlatform::GetFullPath(Wide(strMp4).c_str(), &strFull)))
+    throw CToolError(ketUsage, strWhat + ": not a file name");
+  if (NSPlatform::IsDirectory(strFull.c_str())) throw CToolError(ketUsage, strWhat + ": it is a directory");
+  if (NSPlatform::PathExists(strFull.c_str()) && !bForce)
+    throw CToolError(ketUsage, strWhat + ": the file exists (--force replaces it)");
+  size_t i = strFull.size();
+  while (i > 0 && !NSPlatform::IsPathSeparator(strFull[i - 1])) --i;
+  const WString strDir = strFull.substr(0, i > 1 ? i - 1 : i);
+  if (!NSPlatform::IsDirectory(strDir.c_str()))
+    throw CToolError(ketNotFound, strWhat + ": there is no directory " + Quote(Utf8(strDir)));
+  return strFull;
+}
+
 // ---- copy, merge, set, rm ------------------------------------------------------------------------------
 
 int Copy(CKronvale& kronvale, const std::string& strPath, const std::string& strRecord, const std::string& strTarget,
@@ -889,11 +998,18 @@ int Timeline(CKronvale& kronvale, const std::string& strPath, std::vector<std::s
     STimelineRow row;
     row.strName = vRecords[i];
     const std::string strWhat = "gathering the statistic of record " + Quote(vRecords[i]);
-    for (const auto& run : Statistic(vOpen[i].p, ullFrom, ullTo, ullResolution, nullptr, 0, strWhat))
-      row.vCoverage.push_back({Ticks(run.ftBegin), Ticks(run.ftEnd)});
+    // The statistic splits runs where the flags change (a second with a key frame, one without) and
+    // ends each at its last frame; the picture joins runs less than a cell apart, so that a band is
+    // one bar until a gap that shows.
+    auto add = [ullResolution](CSpans* pv, const SRecordStatistic& run) {
+      if (!pv->empty() && Ticks(run.ftBegin) < pv->back().second + ullResolution)
+        pv->back().second = std::max(pv->back().second, Ticks(run.ftEnd));
+      else pv->push_back({Ticks(run.ftBegin), Ticks(run.ftEnd)});
+    };
+    for (const auto& run : Statistic(vOpen[i].p, ullFrom, ullTo, ullResolution, nullptr, 0, strWhat)) add(&row.vCoverage, run);
     for (size_t b = 0; b < 2; ++b)
       for (const auto& run : Statistic(vOpen[i].p, ullFrom, ullTo, ullResolution, &s_aBands[b], 0, strWhat))
-        row.avBands[b].push_back({Ticks(run.ftBegin), Ticks(run.ftEnd)});
+        add(&row.avBands[b], run);
     vRows.push_back(std::move(row));
   }
   WriteWholeFile(Wide(strOut), RenderTimeline(strPath, vRows, ullFrom, ullTo));
@@ -906,9 +1022,19 @@ int Timeline(CKronvale& kronvale, const std::string& strPath, std::vector<std::s
 
 constexpr char kszDemoRecord[] = "camera1";
 
-// A camera at 25 frames per second for the last nMinutes minutes: every 25th frame a key frame (flag
-// 0x1), motion (flag 0x2) during the second half of every minute, and a 4 KiB picture per frame.
-int Demo(CKronvale& kronvale, const std::string& strPath, unsigned nMinutes, bool bAppend, const std::string& strTimeline) {
+#ifndef KV_WITH_VIDEO
+// What kvtool.exe answers for the verbs that need FFmpeg, which the Windows build does not have.
+[[noreturn]] void NotInThisBuild(const char* pszVerb) {
+  throw CToolError(ketFailure, std::string(pszVerb) +
+                                   " is not in this build: this kvtool is built without the FFmpeg libraries, so it has "
+                                   "no video (the Linux build has it)");
+}
+#else
+// A real camera for the nMinutes minutes up to ullUntil: the demo camera's H.264 access units, one
+// frame each at 25 frames per second, flag 0x1 on key frames (every 2 s), flag 0x2 on frames whose
+// picture moved. The first frame is read back through a reader and compared byte for byte.
+int Demo(CKronvale& kronvale, const std::string& strPath, unsigned nMinutes, bool bAppend, ULONGLONG ullUntil,
+         const std::string& strTimeline) {
   const WString strWide = Wide(strPath);
   if (NSPlatform::PathExists(strWide.c_str()) && !bAppend) {
     // A fresh archive each run, but only ever in place of an earlier demo's.
@@ -930,47 +1056,67 @@ int Demo(CKronvale& kronvale, const std::string& strPath, unsigned nMinutes, boo
     Check(archive->SetFlushTimeout(1000), "setting the flush timeout of archive " + Quote(strPath));
     CPtr<IRecord> pCamera;
     archive.OpenRecord(kszDemoRecord, true, &pCamera, true);
-    const ULONGLONG ullStep = kullTicksPerSecond / 25;
-    const ULONGLONG ullEnd = Now() / ullStep * ullStep;
+    const ULONGLONG ullStep = CDemoCamera::kullFrameTicks;
+    const ULONGLONG ullEnd = ullUntil / ullStep * ullStep;
     const ULONGLONG ullStart = ullEnd - nMinutes * 60ull * kullTicksPerSecond;
-    std::printf("writing %u minutes of a 25 fps camera (4 KiB frames, key frames 0x1 every second, motion 0x2 in the "
-                "second half of each minute) into record %s of %s\n",
-                nMinutes, kszDemoRecord, strPath.c_str());
+    CDemoCamera camera(ullStart);
+    std::printf("encoding %u minutes of a %dx%d test picture with a clock as %s, 25 fps, into record %s of %s: a key "
+                "frame (flag 0x1) every 2 s, motion (flag 0x2) while the ball goes round in the second half of each "
+                "minute\n",
+                nMinutes, CDemoCamera::knWidth, CDemoCamera::knHeight, camera.Describe().c_str(), kszDemoRecord,
+                strPath.c_str());
     std::fflush(stdout);
-    std::vector<BYTE> vPicture(4096);
-    ULONGLONG cFrames = 0;
+    const ULONGLONG cFrames = (ullEnd - ullStart) / ullStep;
+    ULONGLONG cWritten = 0, cKey = 0, cMotion = 0, cbWritten = 0;
+    std::vector<BYTE> vFirst;
+    std::vector<SEncodedFrame> vOut;
+    auto write = [&]() {
+      for (auto& frame : vOut) {
+        const DWORD dwFlags = (frame.bKey ? 0x1u : 0u) | (frame.bMotion ? 0x2u : 0u);
+        SFrameBuffer buffer = {frame.vBytes.data(), static_cast<DWORD>(frame.vBytes.size())};
+        Check(pCamera->Write(Ft(frame.ullTime), dwFlags, &buffer, 1),
+              "writing the frame at " + FormatTime(frame.ullTime) + " to record " + Quote(kszDemoRecord));
+        if (cWritten++ == 0) vFirst = frame.vBytes;
+        cKey += frame.bKey;
+        cMotion += frame.bMotion;
+        cbWritten += frame.vBytes.size();
+      }
+      vOut.clear();
+    };
     const ULONGLONG ullClock = NSPlatform::GetTickCount64();
-    CProgress progress("writing frames", (ullEnd - ullStart) / ullStep);
-    for (ULONGLONG t = ullStart; t < ullEnd; t += ullStep, ++cFrames) {
-      progress.Step(cFrames);
-      const ULONGLONG ullSecond = (t / kullTicksPerSecond) % 60;
-      const DWORD dwFlags = (cFrames % 25 == 0 ? 0x1u : 0u) | (ullSecond >= 30 ? 0x2u : 0u);
-      std::memcpy(vPicture.data(), &t, sizeof(t));
-      std::memset(vPicture.data() + sizeof(t), static_cast<int>(cFrames & 0xFF), vPicture.size() - sizeof(t));
-      SFrameBuffer buffer = {vPicture.data(), static_cast<DWORD>(vPicture.size())};
-      Check(pCamera->Write(Ft(t), dwFlags, &buffer, 1), "writing the frame at " + FormatTime(t) + " to record " + Quote(kszDemoRecord));
+    CProgress progress("encoding frames", cFrames);
+    for (ULONGLONG i = 0; i < cFrames; ++i) {
+      progress.Step(i);
+      camera.EncodeNext(&vOut);
+      write();
     }
-    std::printf("%llu frames written in %llu ms\n", static_cast<unsigned long long>(cFrames),
-                static_cast<unsigned long long>(NSPlatform::GetTickCount64() - ullClock));
+    camera.Finish(&vOut);
+    write();
+    std::printf("%llu frames (%s of video, %llu key frames, %llu with motion) encoded and written in %llu ms\n",
+                static_cast<unsigned long long>(cWritten), FormatSize(cbWritten).c_str(), static_cast<unsigned long long>(cKey),
+                static_cast<unsigned long long>(cMotion), static_cast<unsigned long long>(NSPlatform::GetTickCount64() - ullClock));
     // Read back through a reader object, as a player would.
     CPtr<IRecord> pPlayer;
     archive.OpenRecord(kszDemoRecord, false, &pPlayer);
     DWORD dwFlags = 0;
     CFrameBuffers buffers;
     Check(ReadWholeFrame(pPlayer.p, ullStart, &dwFlags, &buffers), ReadWhat(kszDemoRecord, ullStart));
-    ULONGLONG ullStamp = 0;
-    if (buffers.v.size() == 1 && buffers.v[0].dwDataSize == vPicture.size()) std::memcpy(&ullStamp, buffers.v[0].pData, sizeof(ullStamp));
-    std::printf("first frame %s read back: %s\n", FormatTime(ullStart).c_str(),
-                ullStamp == ullStart ? "content verified" : "CONTENT MISMATCH");
-    if (ullStamp != ullStart) nResult = ketFailure;
+    const bool bSame = buffers.v.size() == 1 && buffers.v[0].dwDataSize == vFirst.size() &&
+                       std::equal(vFirst.begin(), vFirst.end(), buffers.v[0].pData) && dwFlags & 0x1;
+    std::printf("first frame %s read back: %s\n", FormatTime(ullStart).c_str(), bSame ? "content verified" : "CONTENT MISMATCH");
+    if (!bSame) nResult = ketFailure;
   }
   std::printf("\n");
   Info(kronvale, strPath, "", false, false);
   std::printf("\n");
   SPeriodOptions period;
   Timeline(kronvale, strPath, {}, period, strTimeline);
+  std::printf("\na clip: kvtool export %s %s --from %s --to %s --mp4 clip.mp4 (then: ffplay clip.mp4, or any player)\n",
+              strPath.c_str(), kszDemoRecord, FormatTime(ullUntil - 20 * kullTicksPerSecond).c_str(),
+              FormatTime(ullUntil - 10 * kullTicksPerSecond).c_str());
   return nResult;
 }
+#endif
 
 // ---- The command line ------------------------------------------------------------------------------------
 
@@ -990,7 +1136,8 @@ int Run(int argc, char** argv) {
   std::string strArchive, strRecord, strTime, strFlags, strOut, strFormat = "raw", strResolution, strTarget;
   std::string strSourceArchive, strSourceRecord, strHour, strMinutes, strTimeline;
   std::vector<std::string> vTexts, vRecords;
-  bool bJson = false, bBytes = false, bDryRun = false, bAppend = false, bCreate = false;
+  std::string strMp4, strUntil;
+  bool bJson = false, bBytes = false, bDryRun = false, bAppend = false, bCreate = false, bForce = false;
   SFilterOptions filter;
   SPeriodOptions period;
   SSetOptions set;
@@ -1039,6 +1186,7 @@ int Run(int argc, char** argv) {
     recordArg(apStep[i], true);
     apStep[i]->add_option("TIME", strTime, "where the search starts")->required();
     filter.Add(apStep[i]);
+    apStep[i]->add_flag("--key", filter.bKey, "key frames only (flag 0x1): where a player can start decoding");
     jsonFlag(apStep[i]);
   }
 
@@ -1058,14 +1206,18 @@ int Run(int argc, char** argv) {
   pWrite->add_option("--flags", strFlags, "the frame's 32 flag bits (decimal or 0x hex; default 0)");
   pWrite->add_flag("--create", bCreate, "make the archive when ARCHIVE does not exist");
 
-  auto* pExport = app.add_subcommand("export", "frames of a period as files named by their time, or a stream");
+  auto* pExport = app.add_subcommand("export", "frames of a period as files named by their time, a stream, or an MP4 clip");
   pExport->alias("cat");
   archiveArg(pExport);
   recordArg(pExport, true);
   period.Add(pExport, true);
   filter.Add(pExport);
-  pExport->add_option("--out", strOut, "a directory, or - for stdout (an index line per frame, then its buffers)")->required();
+  auto* pOutOption =
+      pExport->add_option("--out", strOut, "a directory, or - for stdout (an index line per frame, then its buffers)");
   pExport->add_option("--format", strFormat, "raw (default), hex or json")->check(CLI::IsMember({"raw", "hex", "json"}));
+  pExport->add_option("--mp4", strMp4, "an MP4 clip of the period's video (see below)")->type_name("FILE")->excludes(pOutOption);
+  pExport->add_flag("--force", bForce, "with --mp4: replace FILE when it exists");
+  pExport->footer(std::string(kszMp4Help) + "\n\n" + kszExitCodes);
 
   auto* pCopy = app.add_subcommand("copy", "copy the hours of a record to another archive, whole");
   archiveArg(pCopy);
@@ -1098,9 +1250,10 @@ int Run(int argc, char** argv) {
   recordArg(pRm, true);
   pRm->add_option("--hour", strHour, "a time inside the hour to remove");
 
-  auto* pDemo = app.add_subcommand("demo", "record a synthetic camera stream into a fresh archive and show it");
+  auto* pDemo = app.add_subcommand("demo", "record a camera's H.264 video into a fresh archive and show it");
   archiveArg(pDemo);
   pDemo->add_option("MINUTES", strMinutes, "minutes of frames up to now (default 5, at most 1440)");
+  pDemo->add_option("--until", strUntil, "record the minutes up to this time instead of now (the same time gives the same video)");
   pDemo->add_flag("--append", bAppend, "add to the archive instead of starting afresh");
   pDemo->add_option("--timeline", strTimeline, "where the picture goes (default: ARCHIVE.svg)");
 
@@ -1140,6 +1293,27 @@ int Run(int argc, char** argv) {
     }
     if (strTimeline.empty()) strTimeline = strArchive + ".svg";
   }
+  const ULONGLONG ullUntil = strUntil.empty() ? ullNow : ParseTime(strUntil, ullNow, "--until");
+  if (ullUntil < nMinutes * 60ull * kullTicksPerSecond) throw CToolError(ketUsage, "--until: " + Quote(strUntil) + " is too early");
+  // export --mp4 reads the period and checks where the clip goes; the directory forms are checked as before.
+  WString strMp4Full;
+  ULONGLONG ullFrom = 0, ullTo = 0;
+  const bool bMp4 = pVerb == pExport && pExport->count("--mp4") > 0;
+  if (pVerb == pExport) {
+    if (bMp4) {
+      if (filter.Given()) throw CToolError(ketUsage, "--mp4 takes every frame (a clip needs them all to decode): no --mask or --mode");
+      if (pExport->count("--format")) throw CToolError(ketUsage, "--mp4 writes MP4: no --format");
+      period.Get(ullNow, &ullFrom, &ullTo);
+      strMp4Full = CheckMp4Target(strMp4, bForce);
+    } else {
+      if (pExport->count("--out") == 0) throw CToolError(ketUsage, "export needs --out or --mp4 (kvtool export --help says more)");
+      if (bForce) throw CToolError(ketUsage, "--force goes with --mp4");
+    }
+  }
+#ifndef KV_WITH_VIDEO
+  if (pVerb == pDemo) NotInThisBuild("demo");
+  if (bMp4) NotInThisBuild("export --mp4");
+#endif
   const DWORD dwFlags = strFlags.empty() ? 0 : static_cast<DWORD>(ParseNumber(strFlags, 0, 0xFFFFFFFFu, "--flags"));
   if (pVerb == pMerge || pVerb == pExport || pVerb == apStep[0] || pVerb == apStep[1] || pVerb == pStat) filter.Get();
   if (!strRecord.empty()) CheckRecordName(strRecord);
@@ -1151,13 +1325,20 @@ int Run(int argc, char** argv) {
   if (pVerb == apStep[0] || pVerb == apStep[1]) return Step(kronvale, strArchive, strRecord, ullTime, pVerb == apStep[0], filter, bJson);
   if (pVerb == pStat) return Stat(kronvale, strArchive, strRecord, period, strResolution, filter, bJson);
   if (pVerb == pWrite) return Write(kronvale, strArchive, strRecord, ullTime, dwFlags, vTexts, bCreate);
+#ifdef KV_WITH_VIDEO
+  if (bMp4) return ExportMp4(kronvale, strArchive, strRecord, ullFrom, ullTo, strMp4Full, strMp4);
+#endif
   if (pVerb == pExport) return Export(kronvale, strArchive, strRecord, period, filter, strOut, strFormat);
   if (pVerb == pCopy) return Copy(kronvale, strArchive, strRecord, strTarget, period);
   if (pVerb == pMerge) return Merge(kronvale, strArchive, strRecord, strSourceArchive, strSourceRecord, filter);
   if (pVerb == pTimeline) return Timeline(kronvale, strArchive, vRecords, period, strOut);
   if (pVerb == pSet) return Set(kronvale, strArchive, set);
   if (pVerb == pRm) return Remove(kronvale, strArchive, strRecord, strHour);
-  return Demo(kronvale, strArchive, nMinutes, bAppend, strTimeline);
+#ifdef KV_WITH_VIDEO
+  return Demo(kronvale, strArchive, nMinutes, bAppend, ullUntil, strTimeline);
+#else
+  NotInThisBuild("demo");
+#endif
 }
 
 }  // namespace
