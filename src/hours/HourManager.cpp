@@ -88,9 +88,11 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered) {
   hr = OpenFile(bCreate);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
   m_bWritable = bCreate;
-  // The copy was taken before descriptor.ald was open; when it shows the last listed frame it shows
-  // every earlier one too (frames are stored one after the other), whenever they were appended.
-  m_ullRefreshedSize = LastEntryShown(m_ullDescriptorSize) ? m_ullDescriptorSize : 0;
+  // The copy is taken once descriptor.ald's size is known, never before: it is copied in address
+  // order, which is time order, so a writer appending meanwhile can land a later frame in it and
+  // miss an earlier one. Taken after the size, every frame but the last listed one was in the view
+  // before the copy began, and the refresh checks the last one.
+  RefreshLocked();
   return S_OK;
 }
 
@@ -119,8 +121,7 @@ HRESULT CHourManager::OpenHash(bool bCreate) {
     return khrFileCorrupt;
   hr = m_hashMapping.Map(m_hashFile);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
-  if (!m_pHashCopy) m_pHashCopy.reset(new SHashFile);  // filled by the refresh below
-  RefreshLocked();
+  if (!m_pHashCopy) m_pHashCopy.reset(new SHashFile);  // filled once the descriptor is open
   return S_OK;
 }
 
