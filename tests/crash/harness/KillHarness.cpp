@@ -351,6 +351,7 @@ int RunReader(const SSeries& series, uint64_t ullSeed) {
     } else {
       ++counters[std::string("read_errors_") + pszPhase];
       ++counters[std::string("read_error_") + pszPhase + "_" + Hex(check.hr)];
+      if (g_nPhase != 1) std::fprintf(stderr, "reader: frame %" PRIu64 ": %s\n", i, check.strWhy.c_str());
     }
     // The frame before an acknowledged one leads to it.
     if (ullRandom % 8 == 0) {
@@ -363,6 +364,7 @@ int RunReader(const SSeries& series, uint64_t ullSeed) {
         std::fprintf(stderr, "reader: GetNext before frame %" PRIu64 " found another time\n", i);
       } else {
         ++counters[std::string("next_errors_") + pszPhase];
+        if (g_nPhase != 1) std::fprintf(stderr, "reader: GetNext before frame %" PRIu64 " answered %s\n", i, Hex(hr).c_str());
       }
     }
   }
@@ -625,6 +627,8 @@ class CHarness {
       // archive is made or opened.
       const uint64_t ullDelayMs = (ullRandom >> 8) % 8 == 0 ? (ullRandom >> 16) % 40 : 40 + (ullRandom >> 16) % 700;
       if (!RunRound(series, ullSeriesSeed, dwRoundInSeries, bBuffered, bReader, ullDelayMs)) {
+        // The series ends here, its files as the failed round left them.
+        cRoundsInSeries = dwRoundInSeries + 1;
         bSeriesFailed = true;
         ++m_cFailedRounds;
         std::printf("round %" PRIu64 " FAILED (%s, %s, seed %" PRIu64 ", round %u of the series, kill after %" PRIu64
@@ -708,7 +712,8 @@ class CHarness {
       if (!Wait(pidReader, 60000, &nStatus)) bOk = Complain("the reader did not stop within a minute");
       else if (!WIFEXITED(nStatus) || WEXITSTATUS(nStatus) != 0) bOk = Complain("the reader failed (" + Describe(nStatus) + ")");
       TCounters reader = LoadCounters(series.Result("reader"));
-      if (reader["reads_wrong"] || reader["next_wrong"]) bOk = Complain("the reader read frames other than were written");
+      if (reader["reads_wrong"]) bOk = Complain("the reader read frames other than were written");
+      if (reader["next_wrong"]) bOk = Complain("the reader's GetNext passed over an acknowledged frame");
       if (reader["read_errors_during"] || reader["next_errors_during"])
         bOk = Complain("the reader failed to read acknowledged frames while the writer lived");
       if (reader["read_errors_after"] || reader["next_errors_after"])
