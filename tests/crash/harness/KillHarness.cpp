@@ -1,7 +1,7 @@
 // The kill -9 harness: recorder processes killed with SIGKILL at random moments, and what a fresh
 // process finds in the archive afterwards.
 //
-//   kv_kill_harness run [--seed N] [--kills N] [--dir PATH] [--keep] [--verbose]
+//   kv_kill_harness run [--seed N] [--kills N] [--max-delay-ms N] [--dir PATH] [--keep] [--verbose]
 //
 // runs rounds in series: a series is one archive written by one process after another. In each
 // round a writer process (this program, role "writer") opens the archive through the library's
@@ -141,6 +141,8 @@ struct SSeries {
   std::string Archive() const { return strDir + "/arc"; }
   std::string AckLog() const { return strDir + "/acked"; }
   std::string ReadyMark() const { return strDir + "/ready"; }
+  // Made by the writer of a round once it holds the record's writer, before its first frame.
+  std::string WritingMark(uint32_t dwRound) const { return strDir + "/writing." + std::to_string(dwRound); }
   std::string Result(const char* pszRole) const { return strDir + "/" + pszRole + ".result"; }
 };
 
@@ -267,8 +269,10 @@ int RunWriter(const SSeries& series, uint64_t ullSeed, uint32_t dwRound, bool bB
     std::fprintf(stderr, "writer: no record writer: %s\n", Hex(hr).c_str());
     return 12;
   }
-  const int fdReady = ::open(series.ReadyMark().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-  if (fdReady >= 0) ::close(fdReady);
+  for (const std::string& strMark : {series.ReadyMark(), series.WritingMark(dwRound)}) {
+    const int fd = ::open(strMark.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd >= 0) ::close(fd);
+  }
 
   const std::vector<SAck> vAcks = LoadAcks(series.AckLog());
   uint64_t i = vAcks.empty() ? 0 : vAcks.back().ullIndex + 1;
@@ -580,6 +584,7 @@ std::string Describe(int nStatus) {
 struct SOptions {
   uint64_t ullSeed = 1;
   uint64_t cKills = 30;
+  uint64_t ullMaxDelayMs = 600;  // of writing before the kill; more where processes run slowly
   std::string strDir;
   bool bKeep = false;
   bool bVerbose = false;
@@ -623,22 +628,25 @@ class CHarness {
       ullRandom = Mix(ullRandom);
       const bool bBuffered = k % 2 == 1;
       const bool bReader = ullRandom % 3 == 0;
-      // Mostly while frames flow; one kill in eight comes early, while the library loads or the
-      // archive is made or opened.
-      const uint64_t ullDelayMs = (ullRandom >> 8) % 8 == 0 ? (ullRandom >> 16) % 40 : 40 + (ullRandom >> 16) % 700;
-      if (!RunRound(series, ullSeriesSeed, dwRoundInSeries, bBuffered, bReader, ullDelayMs)) {
+      // Mostly while frames flow (counted from the moment the writer holds the record); one kill in
+      // eight comes early (counted from its start), while the library loads or the archive is made
+      // or opened.
+      const bool bEarly = (ullRandom >> 8) % 8 == 0;
+      const uint64_t ullDelayMs = bEarly ? (ullRandom >> 16) % 60 : 5 + (ullRandom >> 16) % m_options.ullMaxDelayMs;
+      if (!RunRound(series, ullSeriesSeed, dwRoundInSeries, bBuffered, bReader, bEarly, ullDelayMs)) {
         // The series ends here, its files as the failed round left them.
         cRoundsInSeries = dwRoundInSeries + 1;
         bSeriesFailed = true;
         ++m_cFailedRounds;
         std::printf("round %" PRIu64 " FAILED (%s, %s, seed %" PRIu64 ", round %u of the series, kill after %" PRIu64
-                    " ms); kept in %s\n",
+                    " ms %s); kept in %s\n",
                     k, bBuffered ? "buffered" : "write-through", bReader ? "with a reader" : "no reader",
-                    ullSeriesSeed, dwRoundInSeries, ullDelayMs, series.strDir.c_str());
+                    ullSeriesSeed, dwRoundInSeries, ullDelayMs, bEarly ? "from its start" : "of writing",
+                    series.strDir.c_str());
       } else if (m_options.bVerbose) {
-        std::printf("round %" PRIu64 " passed (%s%s, kill after %" PRIu64 " ms, %" PRIu64 " frames acknowledged)\n", k,
-                    bBuffered ? "buffered" : "write-through", bReader ? ", reader" : "", ullDelayMs,
-                    m_cLastAcked);
+        std::printf("round %" PRIu64 " passed (%s%s, kill after %" PRIu64 " ms %s, %" PRIu64 " frames acknowledged)\n",
+                    k, bBuffered ? "buffered" : "write-through", bReader ? ", reader" : "", ullDelayMs,
+                    bEarly ? "from its start" : "of writing", m_cLastAcked);
       }
       std::fflush(stdout);
       ++dwRoundInSeries;
@@ -668,7 +676,7 @@ class CHarness {
   }
 
  private:
-  bool RunRound(const SSeries& series, uint64_t ullSeed, uint32_t dwRound, bool bBuffered, bool bReader,
+  bool RunRound(const SSeries& series, uint64_t ullSeed, uint32_t dwRound, bool bBuffered, bool bReader, bool bEarly,
                 uint64_t ullDelayMs) {
     const std::string strSeed = std::to_string(ullSeed);
     const std::string strRound = std::to_string(dwRound);
@@ -685,8 +693,13 @@ class CHarness {
     }
     const pid_t pidWriter = Spawn({"writer", series.strDir, strSeed, strRound, bBuffered ? "buffered" : "write-through"});
     if (pidWriter < 0) return Complain("cannot start the writer");
-    SleepNs(ullDelayMs * 1000000ull);
     int nStatus = 0;
+    // A writer that is not writing within a minute has hung (or ended, which shows below).
+    for (int n = 0; !bEarly && n < 30000 && !Exists(series.WritingMark(dwRound)); ++n) {
+      if (::waitpid(pidWriter, &nStatus, WNOHANG) == pidWriter) return Complain("the writer ended before writing (" + Describe(nStatus) + ")");
+      SleepNs(2000000);
+    }
+    SleepNs(ullDelayMs * 1000000ull);
     if (::waitpid(pidWriter, &nStatus, WNOHANG) == pidWriter) {
       bOk = Complain("the writer ended by itself (" + Describe(nStatus) + ")");
     } else {
@@ -769,7 +782,7 @@ int Main(int argc, char** argv) {
       ParseNumber(argv[5], &ullKillNs))
     return CVerifier({argv[2]}, {ullSeed, static_cast<uint32_t>(ullRound), ullKillNs}).Run();
   if (strRole != "run") {
-    std::fprintf(stderr, "usage: kv_kill_harness run [--seed N] [--kills N] [--dir PATH] [--keep] [--verbose]\n");
+    std::fprintf(stderr, "usage: kv_kill_harness run [--seed N] [--kills N] [--max-delay-ms N] [--dir PATH] [--keep] [--verbose]\n");
     return 2;
   }
   SOptions options;
@@ -778,6 +791,8 @@ int Main(int argc, char** argv) {
     const bool bValue = n + 1 < argc;
     if (strArg == "--seed" && bValue && ParseNumber(argv[n + 1], &options.ullSeed)) ++n;
     else if (strArg == "--kills" && bValue && ParseNumber(argv[n + 1], &options.cKills)) ++n;
+    else if (strArg == "--max-delay-ms" && bValue && ParseNumber(argv[n + 1], &options.ullMaxDelayMs) &&
+             options.ullMaxDelayMs > 0) ++n;
     else if (strArg == "--dir" && bValue) options.strDir = argv[++n];
     else if (strArg == "--keep") options.bKeep = true;
     else if (strArg == "--verbose") options.bVerbose = true;
