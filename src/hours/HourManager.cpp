@@ -90,9 +90,11 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered) {
   hr = OpenFile(bCreate);
   if (!KV_SUCCEEDED(hr)) return hr;
   m_bWritable = bCreate;
-  // The copy was taken before descriptor.ald was open; when it shows the last listed frame it shows
-  // every earlier one too (frames are stored one after the other), whenever they were appended.
-  m_ullRefreshedSize = LastEntryShown(m_ullDescriptorSize) ? m_ullDescriptorSize : 0;
+  // The copy is taken once descriptor.ald's size is known, never before: it is copied in address
+  // order, which is time order, so a writer appending meanwhile can land a later frame in it and
+  // miss an earlier one. Taken after the size, every frame but the last listed one was in the view
+  // before the copy began, and the refresh checks the last one.
+  RefreshLocked();
   return S_OK;
 }
 
@@ -104,10 +106,13 @@ HRESULT CHourManager::OpenHash(bool bCreate) {
                                bCreate ? OPEN_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, &bExisted);
   if (!KV_SUCCEEDED(hr)) return hr;
   if (!bExisted && bCreate) {
-    // Extended, not written: the file system gives zeros, which is an empty hour.
-    hr = m_hashFile.Seek(sizeof(SHashFile), FILE_BEGIN, nullptr);
-    if (SUCCEEDED(hr)) hr = m_hashFile.SetEndOfFile();
-    if (!KV_SUCCEEDED(hr)) return hr;
+    hr = WriteEmptyHash();
+    if (!KV_SUCCEEDED(hr)) {
+      // Made again by the next open, once the disk has room.
+      m_hashFile.Close();
+      NSPlatform::RemoveFile(FilePath(kszHashFileName).c_str());
+      return hr;
+    }
   }
   ULONGLONG ullSize = 0;
   hr = m_hashFile.GetSize(&ullSize);
@@ -118,8 +123,24 @@ HRESULT CHourManager::OpenHash(bool bCreate) {
     return khrFileCorrupt;
   hr = m_hashMapping.Map(m_hashFile);
   if (!KV_SUCCEEDED(hr)) return hr;
-  if (!m_pHashCopy) m_pHashCopy.reset(new SHashFile);  // filled by the refresh below
-  RefreshLocked();
+  if (!m_pHashCopy) m_pHashCopy.reset(new SHashFile);  // filled once the descriptor is open
+  return S_OK;
+}
+
+// Zeros, an empty hour, written rather than left to a file extended without them: the index is
+// written through a mapping, and a file system that has no block for a page of a sparse file when
+// the page is first stored to answers with a signal (SIGBUS on Linux), not an error. Written, every
+// page owns its block from the start, and a full disk answers here, as 0x80070070.
+HRESULT CHourManager::WriteEmptyHash() {
+  static const BYTE s_abZeros[64 * 1024] = {};
+  for (ULONGLONG ullOffset = 0; ullOffset < sizeof(SHashFile);) {
+    const DWORD cb = static_cast<DWORD>(std::min<ULONGLONG>(sizeof(s_abZeros), sizeof(SHashFile) - ullOffset));
+    DWORD cbWritten = 0;
+    HRESULT hr = m_hashFile.WriteAt(ullOffset, s_abZeros, cb, &cbWritten);
+    if (SUCCEEDED(hr) && cbWritten != cb) hr = khrWriteFault;
+    if (FAILED(hr)) return hr;
+    ullOffset += cb;
+  }
   return S_OK;
 }
 

@@ -154,6 +154,7 @@ class CHourManager {
  private:
   HRESULT OpenLocked(bool bCreate, bool bBuffered);
   HRESULT OpenHash(bool bCreate);
+  HRESULT WriteEmptyHash();
   HRESULT OpenDescriptor(bool bCreate);
   HRESULT OpenFile(bool bCreate);
   void CloseLocked();
