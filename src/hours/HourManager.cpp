@@ -35,6 +35,11 @@ HRESULT ReadExact(CFile& file, ULONGLONG ullOffset, void* pv, DWORD cb) {
 
 bool TimeToSystemTime(const FILETIME& ft, SYSTEMTIME* pst) { return NSPlatform::FileTimeToSysTime(&ft, pst); }
 
+// The start of the last hour of 30827, the last year a time breakdown takes; a later start fails the
+// conversion with ERROR_INVALID_PARAMETER.
+constexpr ULONGLONG kullLatestHourStart = 0x7FFFFFFFFFFFFFFFull / NSKronvaleUtils::kullTicksPerHour *
+                                          NSKronvaleUtils::kullTicksPerHour - NSKronvaleUtils::kullTicksPerHour;
+
 bool Matches(const SHourFrameFilter& filter, DWORD dwFlags) {
   return NSKronvaleUtils::IsFrameMatchesFilter(filter.dwMask, filter.eMode, dwFlags);
 }
@@ -71,8 +76,35 @@ HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered)
   return OpenLocked(bCreate, bBuffered);
 }
 
-HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered) {
+HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered, SHourSnapshot&& snapshot) {
+  KV_HOUR_LOCK(E_FAIL);
+  if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen() && !m_hashMapping.IsMapped(),
+                      "!m_hDescriptor && !m_hFile\n"))
+    return khrInvalidState;
+  if (m_strPath != strPath) {
+    m_strPath = strPath;
+    m_ftHourStart = {0, 0};
+  }
+  SHourSnapshot taken = std::move(snapshot);
+  return OpenLocked(bCreate, bBuffered, &taken);
+}
+
+SHourSnapshot CHourManager::CloseToSnapshot() {
+  KV_HOUR_LOCK(SHourSnapshot());
+  SHourSnapshot snapshot;
+  if (m_hashMapping.IsMapped() && m_pHashCopy && m_ullRefreshedSize) {
+    snapshot.ullDescriptorSize = m_ullRefreshedSize;
+    snapshot.ullEpoch = m_ullOpenEpoch;
+    snapshot.pHash = std::move(m_pHashCopy);
+  }
+  CloseLocked();
+  return snapshot;
+}
+
+HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pSnapshot) {
   KV_FUNC("CHourManager::Open");
+  // Taken before any file is looked at: a change that ends after this makes the copy out of date.
+  m_ullOpenEpoch = NSKronvaleUtils::HourChangeEpoch();
   // 1. The directory, with every missing parent.
   if (!NSPlatform::IsDirectory(m_strPath.c_str())) {
     if (!bCreate) return KvHResultFromWin32(ERROR_FILE_NOT_FOUND);
@@ -88,9 +120,23 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered) {
   hr = OpenFile(bCreate);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
   m_bWritable = bCreate;
-  // The copy was taken before descriptor.ald was open; when it shows the last listed frame it shows
-  // every earlier one too (frames are stored one after the other), whenever they were appended.
-  m_ullRefreshedSize = LastEntryShown(m_ullDescriptorSize) ? m_ullDescriptorSize : 0;
+  // The private copy is taken once descriptor.ald's size is known, so that every frame listed up to
+  // that size was complete before the copy began (but perhaps the last: see RefreshLocked).
+  m_ullRefreshedSize = 0;
+  if (pSnapshot && pSnapshot->pHash) {
+    m_pHashCopy = std::move(pSnapshot->pHash);
+    const ULONGLONG ullShown = pSnapshot->ullDescriptorSize;
+    if (pSnapshot->ullEpoch == m_ullOpenEpoch && ullShown <= m_ullDescriptorSize) {
+      m_ullRefreshedSize = ullShown;
+      // An hour without frames, as the snapshot left it.
+      if (ullShown == m_ullDescriptorSize && ullShown <= sizeof(SFrameInfo)) return S_OK;
+    }
+    // Otherwise only the frames appended since the snapshot are copied in (with the last one it
+    // showed), or, after any other change, the copy is taken whole.
+  } else if (!m_pHashCopy) {
+    m_pHashCopy.reset(new SHashFile);
+  }
+  RefreshLocked();
   return S_OK;
 }
 
@@ -116,8 +162,6 @@ HRESULT CHourManager::OpenHash(bool bCreate) {
     return khrFileCorrupt;
   hr = m_hashMapping.Map(m_hashFile);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
-  if (!m_pHashCopy) m_pHashCopy.reset(new SHashFile);  // filled by the refresh below
-  RefreshLocked();
   return S_OK;
 }
 
@@ -197,7 +241,11 @@ void CHourManager::RefreshLocked() {
   if (!m_hashMapping.IsMapped() || !m_pHashCopy) return;
   ULONGLONG ullSize = 0;
   const bool bSized = m_descriptor.IsOpen() && SUCCEEDED(m_descriptor.GetSize(&ullSize));
-  if (!bSized || !RefreshAppended(m_ullRefreshedSize, ullSize)) std::memcpy(m_pHashCopy.get(), View(), sizeof(SHashFile));
+  // The last frame the copy showed is copied again with the new ones: a writer in this process (or
+  // another) may have been between its slot and its flag counters when it was copied.
+  const ULONGLONG ullFrom =
+      m_ullRefreshedSize > sizeof(SFrameInfo) ? m_ullRefreshedSize - sizeof(SFrameInfo) : m_ullRefreshedSize;
+  if (!bSized || !RefreshAppended(ullFrom, ullSize)) std::memcpy(m_pHashCopy.get(), View(), sizeof(SHashFile));
   // A reader's idea of data.al's size grows with the copy: the data of every frame the copy can show
   // was written before its descriptor entry.
   if (!m_bWritable && m_file.IsOpen()) {
@@ -213,7 +261,7 @@ void CHourManager::RefreshLocked() {
 // their slots and the counters they touched are copied, not the whole 1.5 MB. A reader that follows
 // a live hour refreshes after nearly every frame. False when the copy must be taken whole.
 bool CHourManager::RefreshAppended(ULONGLONG ullFrom, ULONGLONG ullTo) {
-  constexpr ULONGLONG kcMostFrames = 32;  // beyond this, reading their headers costs more than the copy
+  constexpr ULONGLONG kcMostFrames = 33;  // beyond this, reading their headers costs more than the copy
   if (!ullFrom || ullTo <= ullFrom || ullFrom % sizeof(SFrameInfo) || ullTo % sizeof(SFrameInfo) ||
       (ullTo - ullFrom) / sizeof(SFrameInfo) > kcMostFrames)
     return false;
@@ -433,9 +481,12 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
     *pdwFlags = info.dwFlags;
     return S_FALSE;
   }
-  // 5.-6.
+  // 5.-6. The whole frame as its entry gives its size, in one read; the steps below take their
+  // pieces from it, and read on their own only what lies outside it (a frame whose header disagrees
+  // with its entry), so that every answer stays what piecewise reads would give.
+  LoadFrameWindow(info);
   SFrameHeader oFrameHeader;
-  hr = ReadExact(m_file, info.ullOffset, &oFrameHeader, sizeof(oFrameHeader));
+  hr = ReadFrameBytes(info.ullOffset, &oFrameHeader, sizeof(oFrameHeader));
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
   if (!KV_ASSERT_TEXT(SFrameHeader::MakeSignature() == oFrameHeader.ullSignature,
                       "SFrameHeader::MakeSignature()==oFrameHeader.ullSignature\n"))
@@ -449,6 +500,31 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   // 9.
   if (pdwFlags) *pdwFlags = oFrameHeader.dwFlags;
   return S_OK;
+}
+
+void CHourManager::LoadFrameWindow(const SFrameInfo& info) {
+  m_cbWindow = 0;
+  // The entry's size is not trusted for more than the window's bound.
+  const DWORD cb = std::min<DWORD>(info.dwSize, kcbMostFrameWindow);
+  if (cb < sizeof(SFrameHeader)) return;
+  try {
+    if (m_vWindow.size() < cb) m_vWindow.resize(cb);
+  } catch (const std::bad_alloc&) {
+    return;  // the pieces are read one by one
+  }
+  DWORD cbRead = 0;
+  if (FAILED(m_file.ReadAt(info.ullOffset, m_vWindow.data(), cb, &cbRead))) return;
+  m_ullWindowOffset = info.ullOffset;
+  m_cbWindow = cbRead;
+}
+
+HRESULT CHourManager::ReadFrameBytes(ULONGLONG ullOffset, void* pv, DWORD cb) {
+  if (ullOffset >= m_ullWindowOffset && ullOffset - m_ullWindowOffset <= m_cbWindow &&
+      cb <= m_cbWindow - (ullOffset - m_ullWindowOffset)) {
+    if (cb) std::memcpy(pv, m_vWindow.data() + (ullOffset - m_ullWindowOffset), cb);
+    return S_OK;
+  }
+  return ReadExact(m_file, ullOffset, pv, cb);
 }
 
 HRESULT CHourManager::ReadBuffers(const SFrameHeader& oFrameHeader, ULONGLONG ullPos, SHourFrameBuffer* pBuffers,
@@ -469,7 +545,7 @@ HRESULT CHourManager::ReadBuffers(const SFrameHeader& oFrameHeader, ULONGLONG ul
                         "(dwReadTotal+sizeof(DWORD))<=oFrameHeader.dwFullSize\n"))
       return fail(khrFileCorrupt);
     DWORD dwStored = 0;
-    HRESULT hr = ReadExact(m_file, ullPos + dwReadTotal, &dwStored, sizeof(dwStored));
+    HRESULT hr = ReadFrameBytes(ullPos + dwReadTotal, &dwStored, sizeof(dwStored));
     if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return fail(hr);
     dwReadTotal += sizeof(DWORD);
     if (!KV_ASSERT_TEXT((dwReadTotal + dwStored) <= oFrameHeader.dwFullSize,
@@ -487,7 +563,7 @@ HRESULT CHourManager::ReadBuffers(const SFrameHeader& oFrameHeader, ULONGLONG ul
       return fail(khrInsufficientBuffer);
     }
     if (dwStored) {
-      hr = ReadExact(m_file, ullPos + dwReadTotal, pBuff->pData, dwStored);
+      hr = ReadFrameBytes(ullPos + dwReadTotal, pBuff->pData, dwStored);
       if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return fail(hr);
     }
     pBuff->dwDataSize = dwStored;
@@ -519,22 +595,12 @@ HRESULT CHourManager::GetDescriptorTimeLocked(const SFrameInfoHash* pFrameInfoHa
   // Unsigned: a pointer before the grid gives a huge index, refused like one after it.
   const ULONGLONG ullIndex = static_cast<ULONGLONG>(pSlotBytes - pDescriptorHeader) / sizeof(SFrameInfoHash);
   if (ullIndex >= kcSlots) return E_INVALIDARG;
-  SYSTEMTIME stNextSysTime;
-  const FILETIME ftHourStart = GetHourStart();
-  if (!TimeToSystemTime(ftHourStart, &stNextSysTime)) return NSPlatform::HResultFromLastError();
-  SlotToSystemTime(static_cast<DWORD>(ullIndex), &stNextSysTime);
-  if (!NSPlatform::SysTimeToFileTime(&stNextSysTime, pftTime)) {
-    const HRESULT hr = NSPlatform::HResultFromLastError();
-    KV_VERIFY(SUCCEEDED(_ARE(hr)));
-    return hr;
-  }
-  const DWORD diff = stNextSysTime.wMilliseconds / 10;
-  if (!KV_ASSERT_TEXT(
-          pDescriptorHeader + SlotOffset(SlotIndex(stNextSysTime.wMinute, stNextSysTime.wSecond, 0) + diff) ==
-              pSlotBytes,
-          "&pDescriptorHeader->vFrameInfoHash[stNextSysTime.wMinute][stNextSysTime.wSecond][diff]=="
-          "pFrameInfoHash\n"))
-    return E_INVALIDARG;
+  // The hour's start plus the slot's place: what the breakdown of the start with the slot's minute,
+  // second and millisecond converts back to (an hour starts on a whole hour, and a slot's place is
+  // below an hour), without the two conversions.
+  const ULONGLONG ullHourStart = NSPlatform::FileTimeToU64(GetHourStart());
+  if (ullHourStart > kullLatestHourStart) return KvHResultFromWin32(ERROR_INVALID_PARAMETER);
+  *pftTime = NSPlatform::U64ToFileTime(SlotTime(ullHourStart, static_cast<DWORD>(ullIndex)));
   return S_OK;
 }
 
@@ -711,6 +777,25 @@ ULONGLONG CHourManager::GetFullSizeIfOpen() {
   return ullData + ullDescriptor + (m_hashMapping.IsMapped() ? sizeof(SHashFile) : 0);
 }
 
+HRESULT CHourManager::ReadHourFlagMask(const WString& strPath, DWORD* pdwMask) {
+  *pdwMask = 0;
+  for (const WCHAR* pszName : {kszDescriptorFileName, kszDataFileName}) {
+    if (!NSPlatform::PathExists(NSPlatform::CombinePath(strPath, pszName).c_str()))
+      return KvHResultFromWin32(ERROR_FILE_NOT_FOUND);
+  }
+  CFile hash;
+  HRESULT hr = hash.Open(NSPlatform::CombinePath(strPath, kszHashFileName).c_str(), GENERIC_READ, kdwShareAll,
+                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
+  ULONGLONG ullSize = 0;
+  if (SUCCEEDED(hr)) hr = hash.GetSize(&ullSize);
+  if (SUCCEEDED(hr) && ullSize != sizeof(SHashFile)) hr = khrFileCorrupt;
+  DWORD vCounters[kcFlagBits];
+  if (SUCCEEDED(hr)) hr = ReadExact(hash, offsetof(SHashFile, vHourFlagCounters), vCounters, sizeof(vCounters));
+  if (FAILED(hr)) return hr;
+  *pdwMask = FlagMask(vCounters);
+  return S_OK;
+}
+
 // ---- Integrity, repair, removal -------------------------------------------------------------------
 
 namespace {
@@ -783,6 +868,11 @@ HRESULT CHourManager::Repair(IProgress* pProgress) {
     m_hashMapping.Unmap();
     m_hashFile.Close();
   }
+  // From here on the hour's files change, however the repair ends: copies kept of its index are
+  // out of date once it is over.
+  struct SNote {
+    ~SNote() { NSKronvaleUtils::NoteHoursChanged(); }
+  } note;
   // 2.
   for (const WCHAR* pszName : {kszHashFileName, kszDescriptorFileName}) {
     const HRESULT hr = NSPlatform::RemoveFile(FilePath(pszName).c_str());
