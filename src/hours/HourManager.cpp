@@ -66,7 +66,7 @@ FILETIME CHourManager::GetHourStart() {
 
 HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered) {
   KV_HOUR_LOCK(E_FAIL);
-  if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen() && !m_hashMapping.IsMapped(),
+  if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen() && !HashOpen(),
                       "!m_hDescriptor && !m_hFile\n"))
     return khrInvalidState;
   if (m_strPath != strPath) {
@@ -78,7 +78,7 @@ HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered)
 
 HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered, SHourSnapshot&& snapshot) {
   KV_HOUR_LOCK(E_FAIL);
-  if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen() && !m_hashMapping.IsMapped(),
+  if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen() && !HashOpen(),
                       "!m_hDescriptor && !m_hFile\n"))
     return khrInvalidState;
   if (m_strPath != strPath) {
@@ -92,7 +92,7 @@ HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered,
 SHourSnapshot CHourManager::CloseToSnapshot() {
   KV_HOUR_LOCK(SHourSnapshot());
   SHourSnapshot snapshot;
-  if (m_hashMapping.IsMapped() && m_pHashCopy && m_ullRefreshedSize) {
+  if (HashOpen() && m_pHashCopy && m_ullRefreshedSize) {
     snapshot.ullDescriptorSize = m_ullRefreshedSize;
     snapshot.ullEpoch = m_ullOpenEpoch;
     snapshot.pHash = std::move(m_pHashCopy);
@@ -128,16 +128,44 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pS
     const ULONGLONG ullShown = pSnapshot->ullDescriptorSize;
     if (pSnapshot->ullEpoch == m_ullOpenEpoch && ullShown <= m_ullDescriptorSize) {
       m_ullRefreshedSize = ullShown;
-      // An hour without frames, as the snapshot left it.
-      if (ullShown == m_ullDescriptorSize && ullShown <= sizeof(SFrameInfo)) return S_OK;
+      // The hour as the snapshot left it: the view is mapped only when a refresh needs it. Its last
+      // frame is read again (see RefreshLocked), in a few small reads.
+      if (ullShown == m_ullDescriptorSize && RereadLastFrame()) return S_OK;
     }
     // Otherwise only the frames appended since the snapshot are copied in (with the last one it
     // showed), or, after any other change, the copy is taken whole.
   } else if (!m_pHashCopy) {
     m_pHashCopy.reset(new SHashFile);
   }
+  hr = MapView();
+  if (FAILED(hr)) return hr;
   RefreshLocked();
   return S_OK;
+}
+
+// The last listed frame's slot and the flag counters it counts in, from descriptor.alh's bytes
+// rather than the view. False when they could not be read.
+bool CHourManager::RereadLastFrame() {
+  const ULONGLONG ullFrames = FrameCountFromDescriptorSize(m_ullDescriptorSize);
+  if (!ullFrames) return true;
+  SFrameInfo info;
+  SFrameHeader header;
+  SYSTEMTIME st;
+  if (FAILED(ReadFrameInfo(static_cast<DWORD>(ullFrames), &info)) ||
+      FAILED(ReadExact(m_file, info.ullOffset, &header, sizeof(header))) || !TimeToSystemTime(header.ftTime, &st) ||
+      !GetSlot(st))
+    return false;
+  SHashFile* pCopy = m_pHashCopy.get();
+  const DWORD dwSlot = SlotIndex(st);
+  return SUCCEEDED(ReadExact(m_hashFile, SlotOffset(dwSlot), &pCopy->vFrameInfoHash[0][0][0] + dwSlot,
+                             sizeof(SFrameInfoHash))) &&
+         SUCCEEDED(ReadExact(m_hashFile, MinuteCountersOffset(st.wMinute), pCopy->vMinuteFlagCounters[st.wMinute],
+                             sizeof(pCopy->vMinuteFlagCounters[0]))) &&
+         SUCCEEDED(ReadExact(m_hashFile, SecondCountersOffset(st.wMinute, st.wSecond),
+                             pCopy->vSecondFlagCounters[st.wMinute * kcSeconds + st.wSecond],
+                             sizeof(pCopy->vSecondFlagCounters[0]))) &&
+         SUCCEEDED(ReadExact(m_hashFile, offsetof(SHashFile, vHourFlagCounters), pCopy->vHourFlagCounters,
+                             sizeof(pCopy->vHourFlagCounters)));
 }
 
 HRESULT CHourManager::OpenHash(bool bCreate) {
@@ -160,8 +188,15 @@ HRESULT CHourManager::OpenHash(bool bCreate) {
           ::NSReport::NDetail::RecordValue("_AR(", "GetFileSize(hHash, NULL)", ullSize) == sizeof(SHashFile),
           "_AR(GetFileSize(hHash, NULL))==sizeof(SHashFile)\n"))
     return khrFileCorrupt;
-  hr = m_hashMapping.Map(m_hashFile);
+  m_bMapLater = true;  // mapped by OpenLocked, or when first needed (MapView)
+  return S_OK;
+}
+
+HRESULT CHourManager::MapView() {
+  if (!m_bMapLater) return S_OK;
+  const HRESULT hr = m_hashMapping.Map(m_hashFile);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return hr;
+  m_bMapLater = false;
   return S_OK;
 }
 
@@ -225,6 +260,7 @@ void CHourManager::CloseLocked() {
     m_hashMapping.Unmap();
     m_hashFile.Close();
   }
+  m_bMapLater = false;
   m_ullDataSize = m_ullDescriptorSize = m_ullRefreshedSize = 0;
   m_bUnflushed = false;
   m_bTailToRestore = false;
@@ -232,13 +268,13 @@ void CHourManager::CloseLocked() {
 
 HRESULT CHourManager::Refresh() {
   KV_HOUR_LOCK(E_FAIL);
-  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!KV_ASSERT_TEXT(HashOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   RefreshLocked();
   return S_OK;
 }
 
 void CHourManager::RefreshLocked() {
-  if (!m_hashMapping.IsMapped() || !m_pHashCopy) return;
+  if (!HashOpen() || !m_pHashCopy || FAILED(MapView())) return;
   ULONGLONG ullSize = 0;
   const bool bSized = m_descriptor.IsOpen() && SUCCEEDED(m_descriptor.GetSize(&ullSize));
   // The last frame the copy showed is copied again with the new ones: a writer in this process (or
@@ -303,7 +339,7 @@ bool CHourManager::LastEntryShown(ULONGLONG ullDescriptorSize) {
 
 HRESULT CHourManager::RefreshIfGrown() {
   KV_HOUR_LOCK(E_FAIL);
-  if (!m_hashMapping.IsMapped() || !m_descriptor.IsOpen()) return S_FALSE;
+  if (!HashOpen() || !m_descriptor.IsOpen()) return S_FALSE;
   return RefreshIfGrownLocked() ? S_OK : S_FALSE;
 }
 
@@ -323,6 +359,7 @@ HRESULT CHourManager::Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFram
   }
   KV_HOUR_LOCK(E_FAIL);
   // 1.
+  if (m_bMapLater && FAILED(MapView())) return khrInvalidState;
   if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
   // A failed append whose bytes could not be taken back is taken back before anything follows it.
   HRESULT hr = RestoreTail();
@@ -379,7 +416,7 @@ HRESULT CHourManager::Flush() {
   std::unique_lock<std::mutex> flushing(m_flushMutex, std::defer_lock);
   {
     NSSystem::CLockGuard guard(*m_pLock);
-    if (!m_bUnflushed || !m_file.IsOpen() || !m_descriptor.IsOpen() || !m_hashMapping.IsMapped()) return S_FALSE;
+    if (!m_bUnflushed || !m_file.IsOpen() || !m_descriptor.IsOpen() || !HashOpen()) return S_FALSE;
     m_bUnflushed = false;
     flushing.lock();  // always taken after the record lock, as Close takes it
   }
@@ -387,7 +424,7 @@ HRESULT CHourManager::Flush() {
   // that runs meanwhile may reach the disk in part; the hour's repair takes such a torn tail off).
   HRESULT hr = m_file.Flush();
   if (SUCCEEDED(hr)) hr = m_descriptor.Flush();
-  if (SUCCEEDED(hr)) hr = m_hashMapping.Flush();
+  if (SUCCEEDED(hr) && m_hashMapping.IsMapped()) hr = m_hashMapping.Flush();
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) {
     flushing.unlock();
     NSSystem::CLockGuard guard(*m_pLock);
@@ -466,7 +503,7 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   KV_HOUR_LOCK(E_FAIL);
   // 1.-2.
   m_dwLastAccess = static_cast<DWORD>(NSPlatform::GetTickCount64());
-  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped() && m_file.IsOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n"))
+  if (!KV_ASSERT_TEXT(HashOpen() && m_file.IsOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n"))
     return khrInvalidState;
   const SFrameInfoHash* pSlot = GetSlot(st);
   if (!pSlot) return E_INVALIDARG;
@@ -609,7 +646,7 @@ HRESULT CHourManager::GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* p
   KV_CHECK_POINTER(pftFound);
   KV_HOUR_LOCK(E_FAIL);
   m_dwLastAccess = static_cast<DWORD>(NSPlatform::GetTickCount64());
-  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!KV_ASSERT_TEXT(HashOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   if (!GetSlot(st)) return E_INVALIDARG;
   const SHashFile& hash = *Copy();
   const LONG nStep = bForward ? 1 : -1;
@@ -662,7 +699,7 @@ HRESULT CHourManager::GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* p
 HRESULT CHourManager::GetStatistic(SHourStatistic* pStatistic) {
   KV_CHECK_POINTER(pStatistic);
   KV_HOUR_LOCK(E_FAIL);
-  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!KV_ASSERT_TEXT(HashOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   RefreshIfGrownLocked();
   const SHashFile& hash = *Copy();
   const SFrameInfoHash* pSlots = &hash.vFrameInfoHash[0][0][0];
@@ -692,7 +729,7 @@ HRESULT CHourManager::GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo,
   KV_CHECK_POINTER(pvCells);
   KV_HOUR_LOCK(E_FAIL);
   pvCells->clear();
-  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!KV_ASSERT_TEXT(HashOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   if (!GetSlot(stFrom) || !GetSlot(stTo)) return E_INVALIDARG;
   const DWORD dwFrom = SlotIndex(stFrom);
   const DWORD dwTo = SlotIndex(stTo);
@@ -746,7 +783,7 @@ HRESULT CHourManager::GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo,
 DWORD CHourManager::GetFlagMask(DWORD dwLevel, const SYSTEMTIME& st) {
   if (dwLevel < eflSecond || dwLevel > eflHour) throw std::invalid_argument("flag level");
   KV_HOUR_LOCK(0);
-  if (!m_hashMapping.IsMapped() || !GetSlot(st)) return 0;
+  if (!HashOpen() || !GetSlot(st)) return 0;
   const SHashFile& hash = *Copy();
   switch (dwLevel) {
     case eflSecond:
@@ -774,7 +811,7 @@ ULONGLONG CHourManager::GetFullSizeIfOpen() {
   HRESULT hr = m_file.GetSize(&ullData);
   if (SUCCEEDED(hr)) hr = m_descriptor.GetSize(&ullDescriptor);
   if (!KV_VERIFY(SUCCEEDED(_ARE(hr)))) return 0;
-  return ullData + ullDescriptor + (m_hashMapping.IsMapped() ? sizeof(SHashFile) : 0);
+  return ullData + ullDescriptor + (HashOpen() ? sizeof(SHashFile) : 0);
 }
 
 HRESULT CHourManager::ReadHourFlagMask(const WString& strPath, DWORD* pdwMask) {
@@ -867,6 +904,7 @@ HRESULT CHourManager::Repair(IProgress* pProgress) {
     const std::lock_guard<std::mutex> flushing(m_flushMutex);
     m_hashMapping.Unmap();
     m_hashFile.Close();
+    m_bMapLater = false;
   }
   // From here on the hour's files change, however the repair ends: copies kept of its index are
   // out of date once it is over.

@@ -176,6 +176,10 @@ class CHourManager {
  private:
   HRESULT OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pSnapshot = nullptr);
   HRESULT OpenHash(bool bCreate);
+  // Maps descriptor.alh when it was opened without its view.
+  HRESULT MapView();
+  bool HashOpen() const { return m_hashMapping.IsMapped() || m_bMapLater; }
+  bool RereadLastFrame();
   HRESULT OpenDescriptor(bool bCreate);
   HRESULT OpenFile(bool bCreate);
   void CloseLocked();
@@ -207,6 +211,9 @@ class CHourManager {
   FILETIME m_ftHourStart = {0, 0};  // 0 until computed from m_strPath
   NSPlatform::CFile m_hashFile;
   NSPlatform::CFileMapping m_hashMapping;  // the writer's view of descriptor.alh
+  // descriptor.alh is open and its size checked, but not mapped yet: a reader that reopens an hour
+  // unchanged since its snapshot maps it only when a refresh needs the view.
+  bool m_bMapLater = false;
   NSPlatform::CFile m_descriptor;          // descriptor.ald
   NSPlatform::CFile m_file;                // data.al; its position stays at the end while open
   bool m_bBuffered = false;
