@@ -37,6 +37,11 @@ HRESULT ReadExact(CFile& file, ULONGLONG ullOffset, void* pv, DWORD cb) {
 
 bool TimeToSystemTime(const FILETIME& ft, SYSTEMTIME* pst) { return NSPlatform::FileTimeToSysTime(&ft, pst); }
 
+// The start of the last hour of 30827, the last year a time breakdown takes; a later start fails the
+// conversion with ERROR_INVALID_PARAMETER.
+constexpr ULONGLONG kullLatestHourStart = 0x7FFFFFFFFFFFFFFFull / NSKronvaleUtils::kullTicksPerHour *
+                                          NSKronvaleUtils::kullTicksPerHour - NSKronvaleUtils::kullTicksPerHour;
+
 bool Matches(const SHourFrameFilter& filter, DWORD dwFlags) {
   return NSKronvaleUtils::IsFrameMatchesFilter(filter.dwMask, filter.eMode, dwFlags);
 }
@@ -63,7 +68,7 @@ FILETIME CHourManager::GetHourStart() {
 
 HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered) {
   KV_HOUR_LOCK(E_FAIL);
-  if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen() && !m_hashMapping.IsMapped(),
+  if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen() && !HashOpen(),
                       "!m_hDescriptor && !m_hFile\n"))
     return khrInvalidState;
   if (m_strPath != strPath) {
@@ -73,8 +78,35 @@ HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered)
   return OpenLocked(bCreate, bBuffered);
 }
 
-HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered) {
+HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered, SHourSnapshot&& snapshot) {
+  KV_HOUR_LOCK(E_FAIL);
+  if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen() && !HashOpen(),
+                      "!m_hDescriptor && !m_hFile\n"))
+    return khrInvalidState;
+  if (m_strPath != strPath) {
+    m_strPath = strPath;
+    m_ftHourStart = {0, 0};
+  }
+  SHourSnapshot taken = std::move(snapshot);
+  return OpenLocked(bCreate, bBuffered, &taken);
+}
+
+SHourSnapshot CHourManager::CloseToSnapshot() {
+  KV_HOUR_LOCK(SHourSnapshot());
+  SHourSnapshot snapshot;
+  if (HashOpen() && m_pHashCopy && m_ullRefreshedSize) {
+    snapshot.ullDescriptorSize = m_ullRefreshedSize;
+    snapshot.ullEpoch = m_ullOpenEpoch;
+    snapshot.pHash = std::move(m_pHashCopy);
+  }
+  CloseLocked();
+  return snapshot;
+}
+
+HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pSnapshot) {
   KV_FUNC("CHourManager::Open");
+  // Taken before any file is looked at: a change that ends after this makes the copy out of date.
+  m_ullOpenEpoch = NSKronvaleUtils::HourChangeEpoch();
   // 1. The directory, with every missing parent.
   if (!NSPlatform::IsDirectory(m_strPath.c_str())) {
     if (!bCreate) return KvHResultFromWin32(ERROR_FILE_NOT_FOUND);
@@ -90,12 +122,52 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered) {
   hr = OpenFile(bCreate);
   if (!KV_SUCCEEDED(hr)) return hr;
   m_bWritable = bCreate;
-  // The copy is taken once descriptor.ald's size is known, never before: it is copied in address
-  // order, which is time order, so a writer appending meanwhile can land a later frame in it and
-  // miss an earlier one. Taken after the size, every frame but the last listed one was in the view
-  // before the copy began, and the refresh checks the last one.
+  // The private copy is taken once descriptor.ald's size is known, so that every frame listed up to
+  // that size was complete before the copy began (but perhaps the last: see RefreshLocked).
+  m_ullRefreshedSize = 0;
+  if (pSnapshot && pSnapshot->pHash) {
+    m_pHashCopy = std::move(pSnapshot->pHash);
+    const ULONGLONG ullShown = pSnapshot->ullDescriptorSize;
+    if (pSnapshot->ullEpoch == m_ullOpenEpoch && ullShown <= m_ullDescriptorSize) {
+      m_ullRefreshedSize = ullShown;
+      // The hour as the snapshot left it: the view is mapped only when a refresh needs it. Its last
+      // frame is read again (see RefreshLocked), in a few small reads.
+      if (ullShown == m_ullDescriptorSize && RereadLastFrame()) return S_OK;
+    }
+    // Otherwise only the frames appended since the snapshot are copied in (with the last one it
+    // showed), or, after any other change, the copy is taken whole.
+  } else if (!m_pHashCopy) {
+    m_pHashCopy.reset(new SHashFile);
+  }
+  hr = MapView();
+  if (FAILED(hr)) return hr;
   RefreshLocked();
   return S_OK;
+}
+
+// The last listed frame's slot and the flag counters it counts in, from descriptor.alh's bytes
+// rather than the view. False when they could not be read.
+bool CHourManager::RereadLastFrame() {
+  const ULONGLONG ullFrames = FrameCountFromDescriptorSize(m_ullDescriptorSize);
+  if (!ullFrames) return true;
+  SFrameInfo info;
+  SFrameHeader header;
+  SYSTEMTIME st;
+  if (FAILED(ReadFrameInfo(static_cast<DWORD>(ullFrames), &info)) ||
+      FAILED(ReadExact(m_file, info.ullOffset, &header, sizeof(header))) || !TimeToSystemTime(header.ftTime, &st) ||
+      !GetSlot(st))
+    return false;
+  SHashFile* pCopy = m_pHashCopy.get();
+  const DWORD dwSlot = SlotIndex(st);
+  return SUCCEEDED(ReadExact(m_hashFile, SlotOffset(dwSlot), &pCopy->vFrameInfoHash[0][0][0] + dwSlot,
+                             sizeof(SFrameInfoHash))) &&
+         SUCCEEDED(ReadExact(m_hashFile, MinuteCountersOffset(st.wMinute), pCopy->vMinuteFlagCounters[st.wMinute],
+                             sizeof(pCopy->vMinuteFlagCounters[0]))) &&
+         SUCCEEDED(ReadExact(m_hashFile, SecondCountersOffset(st.wMinute, st.wSecond),
+                             pCopy->vSecondFlagCounters[st.wMinute * kcSeconds + st.wSecond],
+                             sizeof(pCopy->vSecondFlagCounters[0]))) &&
+         SUCCEEDED(ReadExact(m_hashFile, offsetof(SHashFile, vHourFlagCounters), pCopy->vHourFlagCounters,
+                             sizeof(pCopy->vHourFlagCounters)));
 }
 
 HRESULT CHourManager::OpenHash(bool bCreate) {
@@ -121,9 +193,7 @@ HRESULT CHourManager::OpenHash(bool bCreate) {
           ::NSReport::NDetail::RecordValue("_AR(", "GetFileSize(hHash, NULL)", ullSize) == sizeof(SHashFile),
           "_AR(GetFileSize(hHash, NULL))==sizeof(SHashFile)\n"))
     return khrFileCorrupt;
-  hr = m_hashMapping.Map(m_hashFile);
-  if (!KV_SUCCEEDED(hr)) return hr;
-  if (!m_pHashCopy) m_pHashCopy.reset(new SHashFile);  // filled once the descriptor is open
+  m_bMapLater = true;  // mapped by OpenLocked, or when first needed (MapView)
   return S_OK;
 }
 
@@ -141,6 +211,14 @@ HRESULT CHourManager::WriteEmptyHash() {
     if (FAILED(hr)) return hr;
     ullOffset += cb;
   }
+  return S_OK;
+}
+
+HRESULT CHourManager::MapView() {
+  if (!m_bMapLater) return S_OK;
+  const HRESULT hr = m_hashMapping.Map(m_hashFile);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  m_bMapLater = false;
   return S_OK;
 }
 
@@ -204,6 +282,7 @@ void CHourManager::CloseLocked() {
     m_hashMapping.Unmap();
     m_hashFile.Close();
   }
+  m_bMapLater = false;
   m_ullDataSize = m_ullDescriptorSize = m_ullRefreshedSize = 0;
   m_bUnflushed = false;
   m_bTailToRestore = false;
@@ -211,16 +290,20 @@ void CHourManager::CloseLocked() {
 
 HRESULT CHourManager::Refresh() {
   KV_HOUR_LOCK(E_FAIL);
-  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!KV_ASSERT_TEXT(HashOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   RefreshLocked();
   return S_OK;
 }
 
 void CHourManager::RefreshLocked() {
-  if (!m_hashMapping.IsMapped() || !m_pHashCopy) return;
+  if (!HashOpen() || !m_pHashCopy || FAILED(MapView())) return;
   ULONGLONG ullSize = 0;
   const bool bSized = m_descriptor.IsOpen() && SUCCEEDED(m_descriptor.GetSize(&ullSize));
-  if (!bSized || !RefreshAppended(m_ullRefreshedSize, ullSize)) std::memcpy(m_pHashCopy.get(), View(), sizeof(SHashFile));
+  // The last frame the copy showed is copied again with the new ones: a writer in this process (or
+  // another) may have been between its slot and its flag counters when it was copied.
+  const ULONGLONG ullFrom =
+      m_ullRefreshedSize > sizeof(SFrameInfo) ? m_ullRefreshedSize - sizeof(SFrameInfo) : m_ullRefreshedSize;
+  if (!bSized || !RefreshAppended(ullFrom, ullSize)) std::memcpy(m_pHashCopy.get(), View(), sizeof(SHashFile));
   // A reader's idea of data.al's size grows with the copy: the data of every frame the copy can show
   // was written before its descriptor entry.
   if (!m_bWritable && m_file.IsOpen()) {
@@ -236,7 +319,7 @@ void CHourManager::RefreshLocked() {
 // their slots and the counters they touched are copied, not the whole 1.5 MB. A reader that follows
 // a live hour refreshes after nearly every frame. False when the copy must be taken whole.
 bool CHourManager::RefreshAppended(ULONGLONG ullFrom, ULONGLONG ullTo) {
-  constexpr ULONGLONG kcMostFrames = 32;  // beyond this, reading their headers costs more than the copy
+  constexpr ULONGLONG kcMostFrames = 33;  // beyond this, reading their headers costs more than the copy
   if (!ullFrom || ullTo <= ullFrom || ullFrom % sizeof(SFrameInfo) || ullTo % sizeof(SFrameInfo) ||
       (ullTo - ullFrom) / sizeof(SFrameInfo) > kcMostFrames)
     return false;
@@ -278,7 +361,7 @@ bool CHourManager::LastEntryShown(ULONGLONG ullDescriptorSize) {
 
 HRESULT CHourManager::RefreshIfGrown() {
   KV_HOUR_LOCK(E_FAIL);
-  if (!m_hashMapping.IsMapped() || !m_descriptor.IsOpen()) return S_FALSE;
+  if (!HashOpen() || !m_descriptor.IsOpen()) return S_FALSE;
   return RefreshIfGrownLocked() ? S_OK : S_FALSE;
 }
 
@@ -298,6 +381,7 @@ HRESULT CHourManager::Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFram
   }
   KV_HOUR_LOCK(E_FAIL);
   // 1.
+  if (m_bMapLater && FAILED(MapView())) return khrInvalidState;
   if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
   // A failed append whose bytes could not be taken back is taken back before anything follows it.
   HRESULT hr = RestoreTail();
@@ -354,7 +438,7 @@ HRESULT CHourManager::Flush() {
   std::unique_lock<std::mutex> flushing(m_flushMutex, std::defer_lock);
   {
     NSSystem::CLockGuard guard(*m_pLock);
-    if (!m_bUnflushed || !m_file.IsOpen() || !m_descriptor.IsOpen() || !m_hashMapping.IsMapped()) return S_FALSE;
+    if (!m_bUnflushed || !m_file.IsOpen() || !m_descriptor.IsOpen() || !HashOpen()) return S_FALSE;
     m_bUnflushed = false;
     flushing.lock();  // always taken after the record lock, as Close takes it
   }
@@ -362,7 +446,7 @@ HRESULT CHourManager::Flush() {
   // that runs meanwhile may reach the disk in part; the hour's repair takes such a torn tail off).
   HRESULT hr = m_file.Flush();
   if (SUCCEEDED(hr)) hr = m_descriptor.Flush();
-  if (SUCCEEDED(hr)) hr = m_hashMapping.Flush();
+  if (SUCCEEDED(hr) && m_hashMapping.IsMapped()) hr = m_hashMapping.Flush();
   if (!KV_SUCCEEDED(hr)) {
     flushing.unlock();
     NSSystem::CLockGuard guard(*m_pLock);
@@ -441,7 +525,7 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   KV_HOUR_LOCK(E_FAIL);
   // 1.-2.
   m_dwLastAccess = static_cast<DWORD>(NSPlatform::GetTickCount64());
-  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped() && m_file.IsOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n"))
+  if (!KV_ASSERT_TEXT(HashOpen() && m_file.IsOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n"))
     return khrInvalidState;
   const SFrameInfoHash* pSlot = GetSlot(st);
   if (!pSlot) return E_INVALIDARG;
@@ -456,9 +540,12 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
     *pdwFlags = info.dwFlags;
     return S_FALSE;
   }
-  // 5.-6.
+  // 5.-6. The whole frame as its entry gives its size, in one read; the steps below take their
+  // pieces from it, and read on their own only what lies outside it (a frame whose header disagrees
+  // with its entry), so that every answer stays what piecewise reads would give.
+  LoadFrameWindow(info);
   SFrameHeader oFrameHeader;
-  hr = ReadExact(m_file, info.ullOffset, &oFrameHeader, sizeof(oFrameHeader));
+  hr = ReadFrameBytes(info.ullOffset, &oFrameHeader, sizeof(oFrameHeader));
   if (!KV_SUCCEEDED(hr)) return hr;
   if (!KV_ASSERT_TEXT(SFrameHeader::MakeSignature() == oFrameHeader.ullSignature,
                       "SFrameHeader::MakeSignature()==oFrameHeader.ullSignature\n"))
@@ -472,6 +559,31 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   // 9.
   if (pdwFlags) *pdwFlags = oFrameHeader.dwFlags;
   return S_OK;
+}
+
+void CHourManager::LoadFrameWindow(const SFrameInfo& info) {
+  m_cbWindow = 0;
+  // The entry's size is not trusted for more than the window's bound.
+  const DWORD cb = std::min<DWORD>(info.dwSize, kcbMostFrameWindow);
+  if (cb < sizeof(SFrameHeader)) return;
+  try {
+    if (m_vWindow.size() < cb) m_vWindow.resize(cb);
+  } catch (const std::bad_alloc&) {
+    return;  // the pieces are read one by one
+  }
+  DWORD cbRead = 0;
+  if (FAILED(m_file.ReadAt(info.ullOffset, m_vWindow.data(), cb, &cbRead))) return;
+  m_ullWindowOffset = info.ullOffset;
+  m_cbWindow = cbRead;
+}
+
+HRESULT CHourManager::ReadFrameBytes(ULONGLONG ullOffset, void* pv, DWORD cb) {
+  if (ullOffset >= m_ullWindowOffset && ullOffset - m_ullWindowOffset <= m_cbWindow &&
+      cb <= m_cbWindow - (ullOffset - m_ullWindowOffset)) {
+    if (cb) std::memcpy(pv, m_vWindow.data() + (ullOffset - m_ullWindowOffset), cb);
+    return S_OK;
+  }
+  return ReadExact(m_file, ullOffset, pv, cb);
 }
 
 HRESULT CHourManager::ReadBuffers(const SFrameHeader& oFrameHeader, ULONGLONG ullPos, SHourFrameBuffer* pBuffers,
@@ -492,7 +604,7 @@ HRESULT CHourManager::ReadBuffers(const SFrameHeader& oFrameHeader, ULONGLONG ul
                         "(dwReadTotal+sizeof(DWORD))<=oFrameHeader.dwFullSize\n"))
       return fail(khrFileCorrupt);
     DWORD dwStored = 0;
-    HRESULT hr = ReadExact(m_file, ullPos + dwReadTotal, &dwStored, sizeof(dwStored));
+    HRESULT hr = ReadFrameBytes(ullPos + dwReadTotal, &dwStored, sizeof(dwStored));
     if (!KV_SUCCEEDED(hr)) return fail(hr);
     dwReadTotal += sizeof(DWORD);
     if (!KV_ASSERT_TEXT((dwReadTotal + dwStored) <= oFrameHeader.dwFullSize,
@@ -510,7 +622,7 @@ HRESULT CHourManager::ReadBuffers(const SFrameHeader& oFrameHeader, ULONGLONG ul
       return fail(khrInsufficientBuffer);
     }
     if (dwStored) {
-      hr = ReadExact(m_file, ullPos + dwReadTotal, pBuff->pData, dwStored);
+      hr = ReadFrameBytes(ullPos + dwReadTotal, pBuff->pData, dwStored);
       if (!KV_SUCCEEDED(hr)) return fail(hr);
     }
     pBuff->dwDataSize = dwStored;
@@ -542,22 +654,12 @@ HRESULT CHourManager::GetDescriptorTimeLocked(const SFrameInfoHash* pFrameInfoHa
   // Unsigned: a pointer before the grid gives a huge index, refused like one after it.
   const ULONGLONG ullIndex = static_cast<ULONGLONG>(pSlotBytes - pDescriptorHeader) / sizeof(SFrameInfoHash);
   if (ullIndex >= kcSlots) return E_INVALIDARG;
-  SYSTEMTIME stNextSysTime;
-  const FILETIME ftHourStart = GetHourStart();
-  if (!TimeToSystemTime(ftHourStart, &stNextSysTime)) return NSPlatform::HResultFromLastError();
-  SlotToSystemTime(static_cast<DWORD>(ullIndex), &stNextSysTime);
-  if (!NSPlatform::SysTimeToFileTime(&stNextSysTime, pftTime)) {
-    const HRESULT hr = NSPlatform::HResultFromLastError();
-    KV_REPORT_IF_FAILED(hr);
-    return hr;
-  }
-  const DWORD diff = stNextSysTime.wMilliseconds / 10;
-  if (!KV_ASSERT_TEXT(
-          pDescriptorHeader + SlotOffset(SlotIndex(stNextSysTime.wMinute, stNextSysTime.wSecond, 0) + diff) ==
-              pSlotBytes,
-          "&pDescriptorHeader->vFrameInfoHash[stNextSysTime.wMinute][stNextSysTime.wSecond][diff]=="
-          "pFrameInfoHash\n"))
-    return E_INVALIDARG;
+  // The hour's start plus the slot's place: what the breakdown of the start with the slot's minute,
+  // second and millisecond converts back to (an hour starts on a whole hour, and a slot's place is
+  // below an hour), without the two conversions.
+  const ULONGLONG ullHourStart = NSPlatform::FileTimeToU64(GetHourStart());
+  if (ullHourStart > kullLatestHourStart) return KvHResultFromWin32(ERROR_INVALID_PARAMETER);
+  *pftTime = NSPlatform::U64ToFileTime(SlotTime(ullHourStart, static_cast<DWORD>(ullIndex)));
   return S_OK;
 }
 
@@ -566,7 +668,7 @@ HRESULT CHourManager::GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* p
   KV_CHECK_POINTER(pftFound);
   KV_HOUR_LOCK(E_FAIL);
   m_dwLastAccess = static_cast<DWORD>(NSPlatform::GetTickCount64());
-  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!KV_ASSERT_TEXT(HashOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   if (!GetSlot(st)) return E_INVALIDARG;
   const SHashFile& hash = *Copy();
   const LONG nStep = bForward ? 1 : -1;
@@ -619,7 +721,7 @@ HRESULT CHourManager::GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* p
 HRESULT CHourManager::GetStatistic(SHourStatistic* pStatistic) {
   KV_CHECK_POINTER(pStatistic);
   KV_HOUR_LOCK(E_FAIL);
-  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!KV_ASSERT_TEXT(HashOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   RefreshIfGrownLocked();
   const SHashFile& hash = *Copy();
   const SFrameInfoHash* pSlots = &hash.vFrameInfoHash[0][0][0];
@@ -649,7 +751,7 @@ HRESULT CHourManager::GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo,
   KV_CHECK_POINTER(pvCells);
   KV_HOUR_LOCK(E_FAIL);
   pvCells->clear();
-  if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!KV_ASSERT_TEXT(HashOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   if (!GetSlot(stFrom) || !GetSlot(stTo)) return E_INVALIDARG;
   const DWORD dwFrom = SlotIndex(stFrom);
   const DWORD dwTo = SlotIndex(stTo);
@@ -703,7 +805,7 @@ HRESULT CHourManager::GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo,
 DWORD CHourManager::GetFlagMask(DWORD dwLevel, const SYSTEMTIME& st) {
   if (dwLevel < eflSecond || dwLevel > eflHour) throw std::invalid_argument("flag level");
   KV_HOUR_LOCK(0);
-  if (!m_hashMapping.IsMapped() || !GetSlot(st)) return 0;
+  if (!HashOpen() || !GetSlot(st)) return 0;
   const SHashFile& hash = *Copy();
   switch (dwLevel) {
     case eflSecond:
@@ -731,7 +833,26 @@ ULONGLONG CHourManager::GetFullSizeIfOpen() {
   HRESULT hr = m_file.GetSize(&ullData);
   if (SUCCEEDED(hr)) hr = m_descriptor.GetSize(&ullDescriptor);
   if (!KV_SUCCEEDED(hr)) return 0;
-  return ullData + ullDescriptor + (m_hashMapping.IsMapped() ? sizeof(SHashFile) : 0);
+  return ullData + ullDescriptor + (HashOpen() ? sizeof(SHashFile) : 0);
+}
+
+HRESULT CHourManager::ReadHourFlagMask(const WString& strPath, DWORD* pdwMask) {
+  *pdwMask = 0;
+  for (const WCHAR* pszName : {kszDescriptorFileName, kszDataFileName}) {
+    if (!NSPlatform::PathExists(NSPlatform::CombinePath(strPath, pszName).c_str()))
+      return KvHResultFromWin32(ERROR_FILE_NOT_FOUND);
+  }
+  CFile hash;
+  HRESULT hr = hash.Open(NSPlatform::CombinePath(strPath, kszHashFileName).c_str(), GENERIC_READ, kdwShareAll,
+                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
+  ULONGLONG ullSize = 0;
+  if (SUCCEEDED(hr)) hr = hash.GetSize(&ullSize);
+  if (SUCCEEDED(hr) && ullSize != sizeof(SHashFile)) hr = khrFileCorrupt;
+  DWORD vCounters[kcFlagBits];
+  if (SUCCEEDED(hr)) hr = ReadExact(hash, offsetof(SHashFile, vHourFlagCounters), vCounters, sizeof(vCounters));
+  if (FAILED(hr)) return hr;
+  *pdwMask = FlagMask(vCounters);
+  return S_OK;
 }
 
 // ---- Integrity, repair, removal -------------------------------------------------------------------
@@ -805,7 +926,13 @@ HRESULT CHourManager::Repair(IProgress* pProgress) {
     const std::lock_guard<std::mutex> flushing(m_flushMutex);
     m_hashMapping.Unmap();
     m_hashFile.Close();
+    m_bMapLater = false;
   }
+  // From here on the hour's files change, however the repair ends: copies kept of its index are
+  // out of date once it is over.
+  struct SNote {
+    ~SNote() { NSKronvaleUtils::NoteHoursChanged(); }
+  } note;
   // 2. The old index files go. They are first moved aside under names of their own: a process
   // reading the hour may hold them open, and on Windows a deleted file that another process holds
   // keeps its name until that process lets go, so the new file could not be made under it (or,

@@ -66,6 +66,16 @@ struct SHourCell {
   DWORD dwCount;
 };
 
+// A closed hour's private index copy, kept by its record so that opening the hour again costs no copy
+// of the 1.5 MB hash file: the copy, the size of descriptor.ald whose every frame it shows, and the
+// hour-change epoch (NSKronvaleUtils::HourChangeEpoch) of the open it was taken under. Memory only:
+// it holds no file, so nothing stops the hour from being deleted.
+struct SHourSnapshot {
+  std::unique_ptr<SHashFile> pHash;
+  ULONGLONG ullDescriptorSize = 0;
+  ULONGLONG ullEpoch = 0;
+};
+
 // Levels of GetFlagMask.
 enum EFlagLevel : DWORD { eflSecond = 1, eflMinute = 2, eflHour = 3 };
 
@@ -80,6 +90,14 @@ class CHourManager {
   // set; without it nothing is created: a missing directory or file answers 0x80070002. bBuffered leaves out write-through on
   // descriptor.ald and data.al. On failure the hour may be half open: the caller closes it.
   HRESULT Open(const WString& strPath, bool bCreate, bool bBuffered);
+  // The same, starting from a snapshot this hour left earlier (CloseToSnapshot). It stands for the
+  // private copy when no hour has changed in this process since it was taken (same epoch) and
+  // descriptor.ald has the size it had; when only frames were appended since, just theirs are copied
+  // in; otherwise the copy is taken whole, into the snapshot's memory. The snapshot is used up.
+  HRESULT Open(const WString& strPath, bool bCreate, bool bBuffered, SHourSnapshot&& snapshot);
+  // Closes the hour like Close and hands over its private copy as a snapshot; an empty one when the
+  // copy is not known to show every listed frame.
+  SHourSnapshot CloseToSnapshot();
   // Closes everything (nothing is flushed explicitly: closing hands the data to the system). Safe to
   // call on a closed hour.
   void Close();
@@ -151,10 +169,19 @@ class CHourManager {
 
   const WString& GetPath() const { return m_strPath; }
 
+  // The flag mask of the whole hour in directory strPath (bit b set when a frame with bit b is
+  // there), read from its files without opening the hour: S_OK only when the three files are there
+  // and descriptor.alh has its size, so that an hour Open would refuse is never judged by it.
+  static HRESULT ReadHourFlagMask(const WString& strPath, DWORD* pdwMask);
+
  private:
-  HRESULT OpenLocked(bool bCreate, bool bBuffered);
+  HRESULT OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pSnapshot = nullptr);
   HRESULT OpenHash(bool bCreate);
   HRESULT WriteEmptyHash();
+  // Maps descriptor.alh when it was opened without its view.
+  HRESULT MapView();
+  bool HashOpen() const { return m_hashMapping.IsMapped() || m_bMapLater; }
+  bool RereadLastFrame();
   HRESULT OpenDescriptor(bool bCreate);
   HRESULT OpenFile(bool bCreate);
   void CloseLocked();
@@ -171,6 +198,10 @@ class CHourManager {
   HRESULT RestoreTail();
   void StoreSlot(const SYSTEMTIME& st, DWORD dwIndex, DWORD dwFlags);
   HRESULT ReadFrameInfo(DWORD dwIndex, SFrameInfo* pInfo);
+  // Reads the frame of an entry (up to kcbMostFrameWindow bytes) into the window in one call.
+  void LoadFrameWindow(const SFrameInfo& info);
+  // Bytes of data.al from the window when it holds them, else from the file; short: a read fault.
+  HRESULT ReadFrameBytes(ULONGLONG ullOffset, void* pv, DWORD cb);
   HRESULT ReadBuffers(const SFrameHeader& header, ULONGLONG ullPos, SHourFrameBuffer* pBuffers, DWORD dwCount);
   HRESULT GetDescriptorTimeLocked(const SFrameInfoHash* pSlot, FILETIME* pftTime);
   FILETIME GetHourStart();
@@ -182,6 +213,9 @@ class CHourManager {
   FILETIME m_ftHourStart = {0, 0};  // 0 until computed from m_strPath
   NSPlatform::CFile m_hashFile;
   NSPlatform::CFileMapping m_hashMapping;  // the writer's view of descriptor.alh
+  // descriptor.alh is open and its size checked, but not mapped yet: a reader that reopens an hour
+  // unchanged since its snapshot maps it only when a refresh needs the view.
+  bool m_bMapLater = false;
   NSPlatform::CFile m_descriptor;          // descriptor.ald
   NSPlatform::CFile m_file;                // data.al; its position stays at the end while open
   bool m_bBuffered = false;
@@ -198,6 +232,14 @@ class CHourManager {
   bool m_bTailToRestore = false;
   ULONGLONG m_ullTailData = 0;
   ULONGLONG m_ullTailDescriptor = 0;
+  // The last frame Read took from data.al in one call: its bytes from m_ullWindowOffset on. The
+  // buffer is kept between reads and never grows beyond kcbMostFrameWindow.
+  static constexpr DWORD kcbMostFrameWindow = 1u << 20;
+  std::vector<BYTE> m_vWindow;
+  ULONGLONG m_ullWindowOffset = 0;
+  DWORD m_cbWindow = 0;
+  // The hour-change epoch when the hour was last opened.
+  ULONGLONG m_ullOpenEpoch = 0;
   // Size of descriptor.ald whose frames the private copy is known to show.
   ULONGLONG m_ullRefreshedSize = 0;
   // Every member above is guarded by this lock, which the record owns.

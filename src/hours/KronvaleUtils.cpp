@@ -201,7 +201,19 @@ bool CopyTree(const WString& strFrom, const WString& strTo) {
   return SUCCEEDED(NSPlatform::CopyTree(strFrom.c_str(), strTo.c_str()));
 }
 
+namespace {
+std::atomic<ULONGLONG> g_ullHourChangeEpoch{1};
+}  // namespace
+
+ULONGLONG HourChangeEpoch() { return g_ullHourChangeEpoch.load(std::memory_order_acquire); }
+
+void NoteHoursChanged() { g_ullHourChangeEpoch.fetch_add(1, std::memory_order_acq_rel); }
+
 HRESULT DeleteFileSystemObject(const WString& strPath) {
+  // Whatever part of the tree goes, copies kept of its hours are out of date.
+  struct SNote {
+    ~SNote() { NoteHoursChanged(); }
+  } note;
   DWORD dwAttributes = INVALID_FILE_ATTRIBUTES;
   if (FAILED(NSPlatform::GetAttributes(strPath.c_str(), &dwAttributes))) dwAttributes = INVALID_FILE_ATTRIBUTES;
   HRESULT hr = DeleteChildren(strPath);

@@ -95,6 +95,14 @@ bool CopyTree(const WString& strFrom, const WString& strTo);
 // are deleted by their owners.
 HRESULT DeleteFileSystemObject(const WString& strPath);
 
+// Closed hours change only through this process: its writers append (which grows descriptor.ald),
+// and repair, removal, deletion of trees and fast copy rewrite or remove whole hours. Each of the
+// latter calls NoteHoursChanged when it is done, so that a copy of an hour's index kept from before
+// (a record's cache of recently used hours) is known to be out of date: it was taken under an older
+// epoch. DeleteFileSystemObject calls it itself.
+ULONGLONG HourChangeEpoch();
+void NoteHoursChanged();
+
 // A description file: the text's UTF-16LE characters, no BOM, no terminator. Writing replaces the
 // file (a short write answers ERROR_DISK_FULL); reading gives a BSTR, null for an empty file. Neither
 // reports: callers decide what a failure is worth. (BSTRs are WCHAR pointers; this header stays

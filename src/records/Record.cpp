@@ -210,7 +210,11 @@ STDMETHODIMP CRecord::GetName(BSTR* pszName) {
 void CRecord::CloseCurrentHour(bool bReport) {
   if (m_pCurrentHour) {
     if (bReport) KV_LOG_MESSAGE(KV_W("Closing previous hour %s\n"), m_strCurrentHourPath.c_str());
-    m_pCurrentHour->Close();
+    NSHours::SHourSnapshot snapshot = m_pCurrentHour->CloseToSnapshot();
+    if (snapshot.pHash) {
+      if (m_vCachedHours.size() >= kcCachedHours) m_vCachedHours.pop_back();
+      m_vCachedHours.emplace(m_vCachedHours.begin(), m_strCurrentHourPath, std::move(snapshot));
+    }
   }
   m_pCurrentHour.reset();
   m_strCurrentHourPath.clear();
@@ -244,7 +248,16 @@ HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourP
   for (;;) {
     const bool bExisted = NSPlatform::IsDirectory(strDirectory.c_str());
     if (!bExisted && !bCreate) return khrFileNotFound;
-    HRESULT hr = pHour->Open(strDirectory, bCreate, m_dwHourOpenOptions != 0);
+    HRESULT hr;
+    const auto itCached = std::find_if(m_vCachedHours.begin(), m_vCachedHours.end(),
+                                       [&](const auto& cached) { return cached.first == strHourPath; });
+    if (itCached != m_vCachedHours.end()) {
+      NSHours::SHourSnapshot snapshot = std::move(itCached->second);
+      m_vCachedHours.erase(itCached);
+      hr = pHour->Open(strDirectory, bCreate, m_dwHourOpenOptions != 0, std::move(snapshot));
+    } else {
+      hr = pHour->Open(strDirectory, bCreate, m_dwHourOpenOptions != 0);
+    }
     // A writer does not append behind a frame torn by a crash: such an hour is repaired first. A
     // frame short of no more than its header's size survives a repair, so an hour still torn after
     // one is taken as it is rather than repaired on every call.
@@ -351,18 +364,27 @@ STDMETHODIMP CRecord::Read(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuf
   if (dwCount) KV_CHECK_POINTER(pBuff);
   NSKronvaleUtils::ConformantFileTime(ftFrame);
   SYSTEMTIME st;
-  if (!KV_ASSERT_TEXT(NSPlatform::FileTimeToSysTime(&ftFrame, &st), "bRes\n"))
-    return NSPlatform::HResultFromLastError();
-  const WString strHourPath = NSKronvaleUtils::FormatHourPath(st);
-  // An hour that does not exist is answered without closing the open one.
-  if (strHourPath != m_strCurrentHourPath && !NSPlatform::IsDirectory(HourDirectory(strHourPath).c_str()))
-    return khrFileNotFound;
+  // A frame of the open hour needs no path (empty strHourPath: the open hour's); another hour's
+  // path is made, and the hour must exist.
+  WString strHourPath;
+  if (!InCurrentHour(FileTimeToU64(ftFrame), &st)) {
+    if (!KV_ASSERT_TEXT(NSPlatform::FileTimeToSysTime(&ftFrame, &st), "bRes\n"))
+      return NSPlatform::HResultFromLastError();
+    strHourPath = NSKronvaleUtils::FormatHourPath(st);
+    // An hour that does not exist is answered without closing the open one.
+    if (strHourPath != m_strCurrentHourPath && !NSPlatform::IsDirectory(HourDirectory(strHourPath).c_str()))
+      return khrFileNotFound;
+  }
   bool bRefreshed = false;
   bool bRepaired = false;
   for (;;) {
     if (m_lBusy.load() >= 1) return khrPending;
     CHourPtr pHour;
-    HRESULT hr = GetHourManager(strHourPath, false, &pHour);
+    HRESULT hr = S_OK;
+    if (strHourPath.empty())
+      pHour = m_pCurrentHour;
+    else
+      hr = GetHourManager(strHourPath, false, &pHour);
     if (!KV_SUCCEEDED(hr)) return hr;
     hr = pHour->Read(st, pdwFlags, reinterpret_cast<SHourFrameBuffer*>(pBuff), dwCount);
     if (SUCCEEDED(hr)) return hr;
@@ -379,6 +401,7 @@ STDMETHODIMP CRecord::Read(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuf
     if (!IsWriter()) return hr;
     if (hr != khrFileCorrupt && !pHour->IsCorrupted()) return hr;
     if (HasState(klStateNoRepair) || bRepaired) return hr;
+    if (strHourPath.empty()) strHourPath = m_strCurrentHourPath;
     CloseCurrentHour(false);
     hr = RepairHour(strHourPath.c_str());
     if (!KV_SUCCEEDED(hr)) return hr;
@@ -497,7 +520,8 @@ HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, F
     FILETIME ftAt = U64ToFileTime(t);
     if (!bOpen && !KV_ASSERT_TEXT(NSPlatform::FileTimeToSysTime(&ftAt, &st), "bRes\n"))
       return NSPlatform::HResultFromLastError();
-    WString strHourPath = bOpen ? m_strCurrentHourPath : NSKronvaleUtils::FormatHourPath(st);
+    WString strHourPath;  // of another hour than the open one
+    if (!bOpen) strHourPath = NSKronvaleUtils::FormatHourPath(st);
     if (!bOpen && !NSPlatform::IsDirectory(HourDirectory(strHourPath).c_str())) {
       WString strFound;
       FindClosestHourPath(strHourPath, bForward, &strFound);
@@ -512,11 +536,22 @@ HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, F
       KV_REPORT_IF_FAILED(khrPending);
       return khrPending;
     }
+    // A reader passes over an hour whose flags cannot pass the filter on its counters alone, read
+    // with one small read and without opening the hour. (A writer opens it: opening is where it
+    // repairs a torn hour.)
+    DWORD dwHourMask = 0;
+    const bool bSkip = pFilter && !bOpen && !IsWriter() &&
+                       SUCCEEDED(CHourManager::ReadHourFlagMask(HourDirectory(strHourPath), &dwHourMask)) &&
+                       !Passes(pFilter, dwHourMask);
     CHourPtr pHour;
-    HRESULT hr = GetHourManager(strHourPath, false, &pHour);
-    if (!KV_SUCCEEDED(hr)) return hr;
-    pHour->RefreshIfGrown();
-    if (!pFilter || Passes(pFilter, pHour->GetFlagMask(NSHours::eflHour, st))) {
+    if (bOpen) {
+      pHour = m_pCurrentHour;
+    } else if (!bSkip) {
+      HRESULT hr = GetHourManager(strHourPath, false, &pHour);
+      if (!KV_SUCCEEDED(hr)) return hr;
+    }
+    if (pHour) pHour->RefreshIfGrown();
+    if (!bSkip && (!pFilter || Passes(pFilter, pHour->GetFlagMask(NSHours::eflHour, st)))) {
       SYSTEMTIME stFrom = st;
       if (!bExact) {
         if (bForward) {
@@ -527,7 +562,7 @@ HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, F
         }
       }
       FILETIME ftFound;
-      hr = pHour->GetSibling(stFrom, HourFilter(pFilter), &ftFound, !bExact, bForward);
+      const HRESULT hr = pHour->GetSibling(stFrom, HourFilter(pFilter), &ftFound, !bExact, bForward);
       if (SUCCEEDED(hr)) {
         *pftFound = ftFound;
         return S_OK;

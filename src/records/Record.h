@@ -136,6 +136,15 @@ class CRecord : public NSCom::CComObjectRootEx,
   WString m_strPath;             // the record directory, canonical, without a trailing separator
   WString m_strCurrentHourPath;  // relative hour path of the open hour; empty when none
   CHourPtr m_pCurrentHour;
+  // Recently used closed hours: the private index copy each left when it was closed, most recent
+  // first, at most kcCachedHours of them (1.5 MB each). Opening one of them again costs no copy.
+  // They hold memory only, no file, so nothing here keeps an hour from being deleted. A copy is used
+  // only while no hour changed in this process since it was taken (NSKronvaleUtils::HourChangeEpoch,
+  // advanced by repair, RemoveHour, retention, record deletion and fast copy) and descriptor.ald has
+  // the size it had; a writer's appends (this record's, another object's, or a merge's) grow that
+  // size, and only the frames appended since are then copied in.
+  static constexpr size_t kcCachedHours = 4;
+  std::vector<std::pair<WString, NSHours::SHourSnapshot>> m_vCachedHours;
   bool m_bCurrentHourCreated = false;  // the open hour was opened by a write
   // The open hour as a number of hours since 1601 and as a UTC breakdown (minutes and below 0), so
   // that frames of the open hour need no path to be formatted.

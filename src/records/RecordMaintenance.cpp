@@ -168,7 +168,11 @@ STDMETHODIMP CRecord::CopyHoursTo(BSTR bstrTargetPath, FILETIME ftBegin, FILETIM
     HRESULT hr = NSPlatform::IsDirectory(strParent.c_str()) ? S_OK : NSPlatform::CreateDirTree(strParent.c_str());
     // An hour already in the target is not merged into: copying onto it would nest the copy.
     if (SUCCEEDED(hr) && NSPlatform::PathExists(strTo.c_str())) hr = KvHResultFromWin32(ERROR_ALREADY_EXISTS);
-    if (SUCCEEDED(hr)) hr = NSPlatform::CopyTree(strFrom.c_str(), strTo.c_str());
+    if (SUCCEEDED(hr)) {
+      hr = NSPlatform::CopyTree(strFrom.c_str(), strTo.c_str());
+      // The target may be a record of this process: copies kept of its hours are out of date.
+      NSKronvaleUtils::NoteHoursChanged();
+    }
     if (FAILED(hr)) {
       KV_LOG(KV_W("Kronvale fast copy"), KV_W("Directory copy failed, path = %s"), strFrom.c_str());
       if (SUCCEEDED(hrResult)) hrResult = hr;
