@@ -601,6 +601,30 @@ TEST_F(HourRepairTest, DataCutAtEveryOffsetOfTheLastTwoFramesRepairsToTheComplet
   }
 }
 
+// A frame of 40 data bytes (44 after its header: the size counts each buffer's size field) cut
+// exactly where its header's size says it ends, less the header: the walk still takes it (the
+// header is not counted), and one byte less drops it.
+TEST_F(HourTest, RepairKeepsAFrameCutAtItsOffsetPlusItsFullSizeAndNoShorter) {
+  const std::string str40(40, 'q');
+  WriteHour({{At(0, 0, 0), 0x1, {"one"}}, {At(0, 1, 0), 0x2, {str40}}});
+  const std::string strHealthy = FileBytes(kszDataFileName);
+  ASSERT_EQ(35u + 28u + 44u, strHealthy.size());
+  for (size_t cbLess : {size_t{0}, size_t{1}}) {
+    SCOPED_TRACE(cbLess);
+    Put(kszDataFileName, strHealthy.substr(0, 35 + 44 - cbLess));
+    {
+      CHourManager hour(m_pLock);
+      ASSERT_EQ(hour.Open(HourPath(), false, false), S_OK);
+      hour.Close();
+      ASSERT_EQ(hour.Repair(nullptr), S_OK);
+    }
+    CHourManager hour(m_pLock);
+    ASSERT_EQ(hour.Open(HourPath(), false, false), S_OK);
+    EXPECT_EQ(hour.GetFrameCount(), cbLess ? 1u : 2u);
+    EXPECT_EQ(ReadOne(hour, At(0, 0, 0)), "one");
+  }
+}
+
 TEST_F(HourRepairTest, DescriptorCutAtEveryOffsetOfItsLastTwoEntriesRepairsEveryFrame) {
   for (size_t cbCut = 32; cbCut < 64; ++cbCut) {
     SCOPED_TRACE(cbCut);

@@ -107,6 +107,17 @@ TEST(KronvaleUtils, IsCurrentHourComparesWithTheUtcClock) {
     bCurrent = IsCurrentHour(Native("/arc/rec/") + FormatHourPath(stNow) + NSPlatform::chPathSeparator);
   }
   EXPECT_TRUE(bCurrent);
+  // Today, another hour; this hour of another day, month and year.
+  SYSTEMTIME stNow;
+  NSPlatform::GetUtcSystemTime(&stNow);
+  SYSTEMTIME stOther = stNow;
+  stOther.wHour = static_cast<WORD>((stNow.wHour + 12) % 24);
+  EXPECT_FALSE(IsCurrentHour(Native("/arc/rec/") + FormatHourPath(stOther)));
+  for (WORD* pw : {&stOther.wDay, &stOther.wMonth, &stOther.wYear}) {
+    stOther = stNow;
+    *pw = static_cast<WORD>(*pw == 1 ? 2 : *pw - 1);
+    EXPECT_FALSE(IsCurrentHour(Native("/arc/rec/") + FormatHourPath(stOther)));
+  }
   EXPECT_FALSE(IsCurrentHour(Native("/arc/rec/2021/03/07/05")));
   EXPECT_FALSE(IsCurrentHour(Native("/arc/rec")));
 }

@@ -2,6 +2,7 @@
 // a reader sees after its hour was opened, and statistics with their join rules.
 #include <kronvale/KronvaleResults.h>
 
+#include "records/RecordStatistic.h"
 #include "records/RecordTestSupport.h"
 
 using namespace NSKronvale;
@@ -259,6 +260,35 @@ TEST_F(RecordStatisticTest, BadPeriodsAndResolutions) {
   EXPECT_TRUE(Stats(Ft(2021, 3, 7, 10), Ft(2021, 3, 7, 11), 9999, nullptr, 0, E_INVALIDARG).empty());
   // Ten-millisecond cells.
   EXPECT_EQ(2u, Stats(Ft(2021, 3, 7, 10), Ft(2021, 3, 7, 11), 10 * kllMs, nullptr, 0).size());
+}
+
+// The join pass on its own, at its boundaries: cells of one second, [begin, begin + 1 s).
+TEST(StatisticRunsTest, ARunEndsOneResolutionBeforeTheNextCellAndModeAllTakesSupersetsOnly) {
+  constexpr ULONGLONG kullSecond = 10000000;
+  auto cell = [](ULONGLONG ullSecond, DWORD dwFlags) {
+    const FILETIME ftBegin = NSPlatform::U64ToFileTime(U(Ft(2021, 3, 7, 10)) + ullSecond * kullSecond);
+    const FILETIME ftEnd = NSPlatform::U64ToFileTime(U(ftBegin) + kullSecond);
+    return NSRecords::SStatisticCell{{ftBegin, ftEnd, dwFlags, 1}, U(ftBegin), U(ftBegin)};
+  };
+  auto describe = [](const std::vector<NSRecords::SStatisticCell>& v) {
+    std::string str;
+    for (const auto& c : v)
+      str += std::to_string((U(c.record.ftBegin) - U(Ft(2021, 3, 7, 10))) / kullSecond) + "-" +
+             std::to_string((U(c.record.ftEnd) - U(Ft(2021, 3, 7, 10))) / kullSecond) + " f" +
+             std::to_string(c.record.dwFlags) + " n" + std::to_string(c.record.dwCount) + "; ";
+    return str;
+  };
+  // A cell that begins where the run ends joins it; one a whole resolution later stays apart.
+  EXPECT_EQ("0-2 f1 n2; ", describe(NSRecords::JoinStatisticRuns({cell(0, 1), cell(1, 1)}, kullSecond, nullptr, 0)));
+  EXPECT_EQ("0-1 f1 n1; 2-3 f1 n1; ",
+            describe(NSRecords::JoinStatisticRuns({cell(0, 1), cell(2, 1)}, kullSecond, nullptr, 0)));
+  // Bit 4 lifts the distance.
+  EXPECT_EQ("0-3 f1 n2; ", describe(NSRecords::JoinStatisticRuns({cell(0, 1), cell(2, 1)}, kullSecond, nullptr, 4)));
+  // Mode all (bit 8 with an all-bits filter): a cell joins when it holds every flag of the run, so a
+  // superset joins (the run takes its flags) and a subset does not.
+  const SFrameFilter all = {1, efmAll};
+  EXPECT_EQ("0-2 f7 n2; 2-3 f1 n1; ",
+            describe(NSRecords::JoinStatisticRuns({cell(0, 3), cell(1, 7), cell(2, 1)}, kullSecond, &all, 8)));
 }
 
 }  // namespace
