@@ -111,8 +111,12 @@ struct CPtr {
 };
 
 // The library as a host loads it: by file name from the program's directory, kept to the end of the
-// process (a recorder never unloads it; the killed ones cannot).
+// process (a recorder never unloads it; the killed ones cannot). The factory is kept as long, in a
+// static, as a host keeps it: its archives stay in its cache (a checking process must not delete
+// the archive it checks to empty it), and the leak checker sees them held.
 IArchiveFactory* LoadFactory() {
+  static IArchiveFactory* s_pFactory = nullptr;
+  if (s_pFactory) return s_pFactory;
   HMODULE hModule = nullptr;
   if (FAILED(NSPlatform::LoadDynamicLibrary(KV_W("kronvale.dll"), &hModule))) {
     std::fprintf(stderr, "cannot load the library beside the program\n");
@@ -122,6 +126,7 @@ IArchiveFactory* LoadFactory() {
   auto pfn = reinterpret_cast<PFNDLLGETCLASSOBJECT>(NSPlatform::GetLibrarySymbol(hModule, "DllGetClassObject"));
   IArchiveFactory* pFactory = nullptr;
   if (!pfn || FAILED(pfn(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)))) return nullptr;
+  s_pFactory = pFactory;
   return pFactory;
 }
 
