@@ -13,7 +13,7 @@
 
 #include "platform/os.h"
 
-namespace NKvBench {
+namespace NSBench {
 
 // The program's name for failure lines, and what to clean up before it exits on one.
 inline const char*& ProgramName() {
@@ -104,4 +104,4 @@ inline WString MakeRunDirectory() {
   return strRoot;
 }
 
-}  // namespace NKvBench
+}  // namespace NSBench

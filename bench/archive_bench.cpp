@@ -33,9 +33,9 @@ using namespace NSHours;
 using NSKronvaleUtils::kullTicksPerHour;
 using NSPlatform::FileTimeToU64;
 using NSPlatform::U64ToFileTime;
-using NSPlatform::NFault::EOp;
+using NSPlatform::NSFault::EOp;
 
-using namespace NKvBench;
+using namespace NSBench;
 
 namespace {
 
@@ -550,7 +550,7 @@ SAppendRun AppendRecord(CArchive& archive, const std::string& strName, DWORD cbD
   Settle();
 
   SAppendRun run;
-  const unsigned nFlushesBefore = NSPlatform::NFault::GetCallCount(EOp::Flush);
+  const unsigned nFlushesBefore = NSPlatform::NSFault::GetCallCount(EOp::Flush);
   CStopwatch watch;
   for (ULONGLONG i = 1; i < cFrames; ++i) {
     vData[0] = static_cast<BYTE>(i);
@@ -558,7 +558,7 @@ SAppendRun AppendRecord(CArchive& archive, const std::string& strName, DWORD cbD
   }
   run.dSeconds = watch.Seconds();
   // An hour flush is three calls: data.al, descriptor.ald, the mapping of descriptor.alh.
-  run.dFlushes = (NSPlatform::NFault::GetCallCount(EOp::Flush) - nFlushesBefore) / 3.0;
+  run.dFlushes = (NSPlatform::NSFault::GetCallCount(EOp::Flush) - nFlushesBefore) / 3.0;
   run.cFrames = cFrames - 1;
   const WString strData = NSPlatform::CombinePath(
       NSPlatform::CombinePath(archive.RecordPath(strName), NSKronvaleUtils::FormatHourPath(Breakdown(ullHour))),
@@ -702,8 +702,8 @@ void PrintGoals(const SScanResult& scan) {
 }  // namespace
 
 int main() {
-  NKvBench::ProgramName() = "kv_archive_bench";
-  NKvBench::AtDie() = DeleteRunDirectory;
+  NSBench::ProgramName() = "kv_archive_bench";
+  NSBench::AtDie() = DeleteRunDirectory;
   const CBenchDir dir;
   std::printf("kv_archive_bench: files under %s\n\n", Native(dir.Root()).c_str());
   std::fflush(stdout);

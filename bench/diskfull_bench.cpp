@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-using namespace NKvBench;
+using namespace NSBench;
 using NSArchive::CArchiveImpl;
 
 namespace {

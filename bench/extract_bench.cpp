@@ -26,7 +26,7 @@
 #include <malloc.h>
 #include <unistd.h>
 
-using namespace NKvBench;
+using namespace NSBench;
 using NSRecords::CRecordExtract;
 using NSRecords::CStreamOnFile;
 

@@ -27,9 +27,9 @@
 
 using namespace NSKronvale;
 using namespace NSHours;
-using NSPlatform::NFault::EOp;
+using NSPlatform::NSFault::EOp;
 
-using namespace NKvBench;
+using namespace NSBench;
 
 namespace {
 
@@ -134,7 +134,7 @@ SAppendRun AppendHour(const CBenchDir& dir, const NSSystem::ILockPtr& pLock, DWO
 
   SAppendRun run;
   run.cbPerFrame = AppendedBytesPerFrame(cbData);
-  const unsigned nSeamBefore = NSPlatform::NFault::GetCallCount(EOp::Write);
+  const unsigned nSeamBefore = NSPlatform::NSFault::GetCallCount(EOp::Write);
   const SSyscalls before = CountSyscalls();
   CStopwatch watch;
   ULONGLONG i = 0;
@@ -146,7 +146,7 @@ SAppendRun AppendHour(const CBenchDir& dir, const NSSystem::ILockPtr& pLock, DWO
   run.dSeconds = watch.Seconds();
   const SSyscalls after = CountSyscalls();
   run.cFrames = i;
-  run.dSeamWrites = PerItem(nSeamBefore, NSPlatform::NFault::GetCallCount(EOp::Write), i);
+  run.dSeamWrites = PerItem(nSeamBefore, NSPlatform::NSFault::GetCallCount(EOp::Write), i);
   run.dKernelWrites = PerItem(before.llWrites, after.llWrites, i);
   if (hour.GetFrameCount() != i) Die("counting the appended frames", static_cast<long long>(hour.GetFrameCount()));
   if (!hour.RemoveHour()) Die("CHourManager::RemoveHour", 0);
@@ -574,10 +574,10 @@ void PrintGoals(const std::vector<SAppendResult>& vAppends) {
 }  // namespace
 
 int main() {
-  NKvBench::ProgramName() = "kv_hours_bench";
+  NSBench::ProgramName() = "kv_hours_bench";
   const CBenchDir dir;
   const NSSystem::ILockPtr pLock = std::make_shared<NSSystem::SLock>();
-  NSPlatform::NFault::Reset();
+  NSPlatform::NSFault::Reset();
   std::printf("kv_hours_bench: files under %s\n\n", NSPlatform::WideToUtf8(dir.Root()).c_str());
   std::fflush(stdout);
   CStopwatch total;

@@ -26,7 +26,7 @@ using NSPlatform::CFile;
 using NSPlatform::FileTimeToU64;
 using NSPlatform::U64ToFileTime;
 
-using namespace NKvBench;
+using namespace NSBench;
 
 namespace {
 

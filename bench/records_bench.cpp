@@ -30,7 +30,7 @@ using NSKronvaleUtils::kullTicksPerSecond;
 using NSPlatform::FileTimeToU64;
 using NSPlatform::U64ToFileTime;
 
-using namespace NKvBench;
+using namespace NSBench;
 
 namespace {
 
@@ -657,7 +657,7 @@ void PrintGoals(const std::vector<SWriteResult>& vWrites) {
 }  // namespace
 
 int main() {
-  NKvBench::ProgramName() = "kv_records_bench";
+  NSBench::ProgramName() = "kv_records_bench";
   const CBenchDir dir;
   std::printf("kv_records_bench: files under %s\n\n", NSPlatform::WideToUtf8(dir.Root()).c_str());
   std::fflush(stdout);

@@ -7,7 +7,7 @@
 //                                value as a signed byte; 0 makes it empty
 //   2   BYTE   cSlotPatches      SSlotPatch records that follow the probes
 //   3   BYTE   cCounterPatches   SCounterPatch records that follow the slot patches
-//   4   BYTE   byFaultOp         with eoFault: NSPlatform::NFault::EOp, modulo 5
+//   4   BYTE   byFaultOp         with eoFault: NSPlatform::NSFault::EOp, modulo 5
 //   5   BYTE   byFaultNth        the call that fails, counted from 1 (0 counts as 1)
 //   6   BYTE   byFaultFlags      bit 0 sticky, bit 1 short write, bits 2-3 the file the rule is
 //                                limited to (any, data.al, descriptor.ald, descriptor.alh)

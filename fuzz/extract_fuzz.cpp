@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t cbData) {
   const bool bTellsSize = pData[0] & 1;
   const DWORD dwCount = (pData[0] >> 1) & 7;
   const std::string strPacket(reinterpret_cast<const char*>(pData + 1), cbData - 1);
-  NKvTest::CMemoryStream stream(strPacket + "TAIL", bTellsSize);
+  NSTest::CMemoryStream stream(strPacket + "TAIL", bTellsSize);
 
   CExtractObject* pShell = nullptr;
   if (FAILED(CExtractObject::CreateInstance(&pShell))) std::abort();

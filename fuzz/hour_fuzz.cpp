@@ -35,7 +35,7 @@ using NSHours::SHourFrameBuffer;
 using NSHours::SHourFrameFilter;
 using NSHours::SHourStatistic;
 namespace fs = std::filesystem;
-namespace NFault = NSPlatform::NFault;
+namespace NSFault = NSPlatform::NSFault;
 
 // The hour every input lives in; its path must end in year, month, day and hour.
 constexpr WORD kwYear = 2024, kwMonth = 5, kwDay = 17, kwHour = 13;
@@ -121,21 +121,21 @@ void BuildHour(const SHourInput& input) {
 }
 
 void ArmFault(const SHourInput& input) {
-  NFault::Reset();
+  NSFault::Reset();
   if (!(input.byOptions & eoFault)) return;
-  static const NFault::EOp kvOps[] = {NFault::EOp::Open, NFault::EOp::Read, NFault::EOp::Write, NFault::EOp::Flush,
-                                      NFault::EOp::Directory};
+  static const NSFault::EOp kvOps[] = {NSFault::EOp::Open, NSFault::EOp::Read, NSFault::EOp::Write, NSFault::EOp::Flush,
+                                      NSFault::EOp::Directory};
   static const WCHAR* const kvszFiles[] = {KV_W(""), KV_W("data.al"), KV_W("descriptor.ald"),
                                            KV_W("descriptor.alh")};
   static const DWORD kvdwErrors[] = {ERROR_DISK_FULL, ERROR_ACCESS_DENIED, ERROR_SHARING_VIOLATION, ERROR_READ_FAULT};
-  NFault::SRule rule;
+  NSFault::SRule rule;
   rule.eOp = kvOps[input.byFaultOp % 5];
   rule.nNth = input.byFaultNth ? input.byFaultNth : 1;
   rule.bSticky = input.byFaultFlags & 1;
   rule.cbShort = (input.byFaultFlags & 2) ? input.byFaultShort : -1;
   rule.strPathContains = kvszFiles[(input.byFaultFlags >> 2) & 3];
   rule.dwError = kvdwErrors[(input.byFaultFlags >> 4) & 3];
-  NFault::Arm(rule);
+  NSFault::Arm(rule);
 }
 
 SYSTEMTIME ProbeTime(const SProbe& probe) {
@@ -279,12 +279,12 @@ void Run(const SHourInput& input) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pbData, size_t cbData) {
   const SHourInput input = ParseHourInput(pbData, cbData);
-  NFault::Reset();
+  NSFault::Reset();
   BuildHour(input);
   const size_t cDescriptors = CountOpenDescriptors();
   ArmFault(input);
   Run(input);
-  NFault::Reset();
+  NSFault::Reset();
   if (CountOpenDescriptors() > cDescriptors) Fail("a file descriptor outlived the hour manager");
   return 0;
 }

@@ -45,7 +45,7 @@ struct CComClassObjectCreator {
     CComObjectCached<TClassObject>* p;
     HRESULT hr = CComObjectCached<TClassObject>::CreateInstance(
         &p, [pfnCreateInstance](CComObjectCached<TClassObject>* pNew) { pNew->SetCreator(pfnCreateInstance); });
-    return FAILED(hr) ? hr : NDetail::QueryNew(p, riid, ppv);
+    return FAILED(hr) ? hr : NSDetail::QueryNew(p, riid, ppv);
   }
 };
 

@@ -148,7 +148,7 @@ class CComObjectRootEx {
 
 // ---- Object forms ---------------------------------------------------------------------------------
 
-namespace NDetail {
+namespace NSDetail {
 
 // new, then the creation hooks in order: pfnInit (before FinalConstruct), FinalConstruct under a
 // protecting reference. On failure nothing is left: the object is deleted (which runs FinalRelease).
@@ -197,7 +197,7 @@ HRESULT QueryNew(TObject* p, REFIID riid, void** ppv) {
   return hr;
 }
 
-}  // namespace NDetail
+}  // namespace NSDetail
 
 // A plain object. The module lock is taken before T is constructed and given back after T is
 // destroyed.
@@ -225,7 +225,7 @@ class CComObject final : private CModuleLockHolder, public T {
     if (pp == nullptr) {
       return E_POINTER;
     }
-    return NDetail::Construct(pp, NDetail::SNoInit());
+    return NSDetail::Construct(pp, NSDetail::SNoInit());
   }
   // A new object's interface riid, counted.
   static HRESULT CreateInstance(REFIID riid, void** ppv) {
@@ -235,7 +235,7 @@ class CComObject final : private CModuleLockHolder, public T {
     *ppv = nullptr;
     CComObject<T>* p;
     HRESULT hr = CreateInstance(&p);
-    return FAILED(hr) ? hr : NDetail::QueryNew(p, riid, ppv);
+    return FAILED(hr) ? hr : NSDetail::QueryNew(p, riid, ppv);
   }
 };
 
@@ -275,9 +275,9 @@ class CComObjectCached final : public T {
     if (pp == nullptr) {
       return E_POINTER;
     }
-    return NDetail::Construct(pp, fnInit);
+    return NSDetail::Construct(pp, fnInit);
   }
-  static HRESULT CreateInstance(CComObjectCached<T>** pp) { return CreateInstance(pp, NDetail::SNoInit()); }
+  static HRESULT CreateInstance(CComObjectCached<T>** pp) { return CreateInstance(pp, NSDetail::SNoInit()); }
 };
 
 // An object that never holds the module (internal helpers whose life the module does not track).
@@ -304,7 +304,7 @@ class CComObjectNoLock final : public T {
     if (pp == nullptr) {
       return E_POINTER;
     }
-    return NDetail::Construct(pp, NDetail::SNoInit());
+    return NSDetail::Construct(pp, NSDetail::SNoInit());
   }
 };
 
@@ -365,7 +365,7 @@ class CComAggObject final : private CModuleLockHolder, public IUnknown, public C
     if (pOuter == nullptr) {
       return E_POINTER;
     }
-    return NDetail::Construct(pp, NDetail::SNoInit(), pOuter);
+    return NSDetail::Construct(pp, NSDetail::SNoInit(), pOuter);
   }
   // The inner unknown of a new aggregate, counted. COM lets an outer object ask only for the inner
   // unknown (anything else would hand it a delegating pointer it could never release the inner
@@ -380,7 +380,7 @@ class CComAggObject final : private CModuleLockHolder, public IUnknown, public C
     }
     CComAggObject<T>* p;
     HRESULT hr = CreateInstance(pOuter, &p);
-    return FAILED(hr) ? hr : NDetail::QueryNew(p, riid, ppv);
+    return FAILED(hr) ? hr : NSDetail::QueryNew(p, riid, ppv);
   }
 
  private:

@@ -8,7 +8,7 @@
 #include "platform/wintypes.h"
 
 namespace NSFrame {
-namespace NResourceTable {
+namespace NSResourceTable {
 
 struct SScript {
   UINT nId;
@@ -27,5 +27,5 @@ extern const size_t g_cScripts;
 extern const SString g_aStrings[];
 extern const size_t g_cStrings;
 
-}  // namespace NResourceTable
+}  // namespace NSResourceTable
 }  // namespace NSFrame

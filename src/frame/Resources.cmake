@@ -105,7 +105,7 @@ kv_frame_write_if_changed(${KV_FRAME_GENERATED_DIR}/ResourceTable.cpp
 #include \"frame/ResourceTable.h\"
 
 namespace NSFrame {
-namespace NResourceTable {
+namespace NSResourceTable {
 
 namespace {
 ${kv_script_arrays}}  // namespace
@@ -118,7 +118,7 @@ const SString g_aStrings[] = {
 ${kv_string_entries}};
 const size_t g_cStrings = sizeof(g_aStrings) / sizeof(g_aStrings[0]);
 
-}  // namespace NResourceTable
+}  // namespace NSResourceTable
 }  // namespace NSFrame
 ")
 

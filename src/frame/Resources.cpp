@@ -55,16 +55,16 @@ HRESULT StringFromBlock(const std::string& strBlock, UINT nId, WString* pstrText
 constexpr WORD kwDefaultLanguage = 1033;
 
 bool LanguageHasBlock(WORD wLanguage, UINT nBlock) {
-  for (size_t i = 0; i < NResourceTable::g_cStrings; ++i) {
-    const NResourceTable::SString& entry = NResourceTable::g_aStrings[i];
+  for (size_t i = 0; i < NSResourceTable::g_cStrings; ++i) {
+    const NSResourceTable::SString& entry = NSResourceTable::g_aStrings[i];
     if (entry.wLanguage == wLanguage && StringBlock(entry.nId) == nBlock) return true;
   }
   return false;
 }
 
 bool AnyLanguageHasBlock(UINT nBlock) {
-  for (size_t i = 0; i < NResourceTable::g_cStrings; ++i) {
-    if (StringBlock(NResourceTable::g_aStrings[i].nId) == nBlock) return true;
+  for (size_t i = 0; i < NSResourceTable::g_cStrings; ++i) {
+    if (StringBlock(NSResourceTable::g_aStrings[i].nId) == nBlock) return true;
   }
   return false;
 }
@@ -79,8 +79,8 @@ HRESULT GetRegistryScript(UINT nId, std::string* pstrScript) {
   // The scripts are language-neutral resources.
   return NSPlatform::LoadOwnResource(KV_W("REGISTRY"), nId, 0, pstrScript);
 #else
-  for (size_t i = 0; i < NResourceTable::g_cScripts; ++i) {
-    const NResourceTable::SScript& script = NResourceTable::g_aScripts[i];
+  for (size_t i = 0; i < NSResourceTable::g_cScripts; ++i) {
+    const NSResourceTable::SScript& script = NSResourceTable::g_aScripts[i];
     if (script.nId == nId) {
       pstrScript->assign(reinterpret_cast<const char*>(script.pbText), script.cbText);
       NSPlatform::SetLastError(ERROR_SUCCESS);
@@ -111,8 +111,8 @@ HRESULT LoadModuleString(UINT nId, WORD wLanguage, WString* pstrText) {
   if (!LanguageHasBlock(wLanguage, nBlock)) {
     return Fail(AnyLanguageHasBlock(nBlock) ? ERROR_RESOURCE_LANG_NOT_FOUND : ERROR_RESOURCE_NAME_NOT_FOUND);
   }
-  for (size_t i = 0; i < NResourceTable::g_cStrings; ++i) {
-    const NResourceTable::SString& entry = NResourceTable::g_aStrings[i];
+  for (size_t i = 0; i < NSResourceTable::g_cStrings; ++i) {
+    const NSResourceTable::SString& entry = NSResourceTable::g_aStrings[i];
     if (entry.wLanguage == wLanguage && entry.nId == nId && entry.pszText[0] != u'\0') {
       pstrText->assign(entry.pszText);
       NSPlatform::SetLastError(ERROR_SUCCESS);

@@ -6,7 +6,7 @@
 #include "platform/os.h"
 
 namespace NSPlatform {
-namespace NFault {
+namespace NSFault {
 
 namespace {
 
@@ -94,5 +94,5 @@ bool GetFreeSpaceOverride(ULONGLONG* pullFree) {
   return true;
 }
 
-}  // namespace NFault
+}  // namespace NSFault
 }  // namespace NSPlatform

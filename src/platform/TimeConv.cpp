@@ -3,7 +3,7 @@
 #include "platform/os.h"
 
 namespace NSPlatform {
-namespace NPortable {
+namespace NSPortable {
 
 namespace {
 
@@ -87,5 +87,5 @@ bool FileTimeToSysTime(const FILETIME* pft, SYSTEMTIME* pst) {
   return true;
 }
 
-}  // namespace NPortable
+}  // namespace NSPortable
 }  // namespace NSPlatform

@@ -257,10 +257,10 @@ void SleepMs(DWORD dwMilliseconds);
 
 // The same conversions computed by arithmetic alone: what Linux uses, compiled on both platforms so
 // tests can hold the two implementations against each other.
-namespace NPortable {
+namespace NSPortable {
 bool SysTimeToFileTime(const SYSTEMTIME* pst, FILETIME* pft);
 bool FileTimeToSysTime(const FILETIME* pft, SYSTEMTIME* pst);
-}  // namespace NPortable
+}  // namespace NSPortable
 
 inline ULONGLONG FileTimeToU64(const FILETIME& ft) {
   return (static_cast<ULONGLONG>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
@@ -448,7 +448,7 @@ LONG GetTimePeriodRequests();
 // Fault injection, for tests
 // ---------------------------------------------------------------------------------------------
 
-namespace NFault {
+namespace NSFault {
 
 enum class EOp { Open, Read, Write, Flush, Directory };
 
@@ -487,6 +487,6 @@ void ClearFreeSpaceOverride();
 bool Intercept(EOp eOp, const WString& strPath, DWORD* pcb, DWORD* pdwError);
 bool GetFreeSpaceOverride(ULONGLONG* pullFree);
 
-}  // namespace NFault
+}  // namespace NSFault
 
 }  // namespace NSPlatform

@@ -183,7 +183,7 @@ HRESULT ReportNullPointer(const SLocation& location, const char* pszExpression) 
 
 void ReportFailedResult(const SLocation& location, HRESULT hr) noexcept {
   CCheck check(location, "SUCCEEDED(_ARE(hr))\n");
-  CCheck::SItem item = NDetail::MakeItem("_ARE(", "hr", hr);
+  CCheck::SItem item = NSDetail::MakeItem("_ARE(", "hr", hr);
   item.eKind = CCheck::EKind::HResult;
   check.Add(item);
   check.Fail();

@@ -43,24 +43,24 @@ std::string Doc(const std::string& strQuotas, const std::string& strRoot = "") {
 
 class ArchiveSettings : public testing::Test {
  protected:
-  void TearDown() override { NSPlatform::NFault::Reset(); }
+  void TearDown() override { NSPlatform::NSFault::Reset(); }
   HRESULT LoadFrom(const std::string& strText, SArchiveSettings* pSettings) {
-    EXPECT_EQ(S_OK, NKvTest::WriteFileBytes(m_strFile, strText));
+    EXPECT_EQ(S_OK, NSTest::WriteFileBytes(m_strFile, strText));
     return SerializeSettings(m_strFile, false, pSettings);
   }
 
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
   WString m_strFile = m_dir.Sub(NSArchive::kszSettingsFileName);
 };
 
 }  // namespace
 
 TEST_F(ArchiveSettings, SaveWritesEveryValueWithItsTypeAndLoadReadsThemBack) {
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(m_strFile, std::string(4096, '#')));  // to be replaced
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(m_strFile, std::string(4096, '#')));  // to be replaced
   SArchiveSettings settings = Sample();
   ASSERT_EQ(S_OK, SerializeSettings(m_strFile, true, &settings));
   std::string strText;
-  ASSERT_EQ(S_OK, NKvTest::ReadFileBytes(m_strFile, &strText));
+  ASSERT_EQ(S_OK, NSTest::ReadFileBytes(m_strFile, &strText));
   EXPECT_EQ(0u, strText.rfind("<?xml version=\"1.0\" encoding=\"UTF-8\"?>", 0)) << strText;
   EXPECT_EQ(std::string::npos, strText.find('#')) << strText;
   pugi::xml_document document;
@@ -126,7 +126,7 @@ TEST_F(ArchiveSettings, MissingFileOrSettingsFailWithoutCreatingTheFile) {
 
 TEST_F(ArchiveSettings, FailedWriteIsReportedAndReturned) {
   NSTest::CLogCapture capture;
-  NSPlatform::NFault::Arm({NSPlatform::NFault::EOp::Write, 1, ERROR_DISK_FULL, false, -1, {}});
+  NSPlatform::NSFault::Arm({NSPlatform::NSFault::EOp::Write, 1, ERROR_DISK_FULL, false, -1, {}});
   SArchiveSettings settings = Sample();
   EXPECT_EQ(static_cast<HRESULT>(0x80070070), SerializeSettings(m_strFile, true, &settings));
   const auto vReports = capture.Reports(KV_W("TRASSDO"));

@@ -10,7 +10,7 @@
 #endif
 
 using namespace NSKronvale;
-using namespace NKvRecordTest;
+using namespace NSTest;
 using NSArchive::CArchiveImpl;
 
 namespace {
@@ -49,7 +49,7 @@ class ArchiveTest : public ::testing::Test {
   }
   std::string Settings() const {
     std::string str;
-    NKvTest::ReadFileBytes(Path("settings.als"), &str);
+    NSTest::ReadFileBytes(Path("settings.als"), &str);
     return str;
   }
   // The text of one settings element.
@@ -65,10 +65,10 @@ class ArchiveTest : public ::testing::Test {
     const size_t n = str.find(strOld);
     ASSERT_NE(std::string::npos, n) << strOld;
     str.replace(n, strOld.size(), std::string(pszName) + strTo);
-    ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(Path("settings.als"), str));
+    ASSERT_EQ(S_OK, NSTest::WriteFileBytes(Path("settings.als"), str));
   }
 
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
 };
 
 TEST_F(ArchiveTest, OpeningNeedsSoundSettings) {
@@ -80,7 +80,7 @@ TEST_F(ArchiveTest, OpeningNeedsSoundSettings) {
   // A value of the wrong type, then a document that does not parse.
   ReplaceSetting("<MaximumArchiveSize", " type=\"UINT64\"", " type=\"ULONG\"");
   EXPECT_EQ(E_INVALIDARG, OpenArchive(&pArchive));
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(Path("settings.als"), "<config><Quotas>"));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(Path("settings.als"), "<config><Quotas>"));
   EXPECT_EQ(static_cast<HRESULT>(0x8007000D), OpenArchive(&pArchive));
   EXPECT_FALSE(pArchive);
 }
@@ -99,7 +99,7 @@ TEST_F(ArchiveTest, SettingsDescriptionAndStateSurviveAReopen) {
   }
   EXPECT_EQ("524288", Setting("SetState"));
   std::string strDescription;
-  ASSERT_EQ(S_OK, NKvTest::ReadFileBytes(Path("descriptor.ald"), &strDescription));
+  ASSERT_EQ(S_OK, NSTest::ReadFileBytes(Path("descriptor.ald"), &strDescription));
   EXPECT_EQ(std::string("N\0o\0r\0t\0h\0 \0g\0a\0t\0e\0", 20), strDescription);
 
   NSCom::CComPtr<IKronvale> pArchive;
@@ -271,7 +271,7 @@ class COuter final : public IUnknown {
 
 // The archive also lives inside an outer object, its interfaces answering for the outer one.
 TEST(ArchiveAggregationTest, AnAggregatedArchiveServesItsInterfaces) {
-  NKvTest::CTempDir dir;
+  NSTest::CTempDir dir;
   COuter outer;
   IUnknown* pInner = nullptr;
   ASSERT_EQ(S_OK, CArchiveImpl::_CreatorClass::CreateInstance(&outer, IID_IUnknown, reinterpret_cast<void**>(&pInner)));

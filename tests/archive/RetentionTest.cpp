@@ -17,11 +17,11 @@
 #include "records/RecordTestSupport.h"
 #include "common/SmallVolume.h"
 
-using namespace NKvRecordTest;
+using namespace NSTest;
 using NSKronvale::khrDiskFull;
 using NSKronvale::khrNotFound;
 using NSArchive::CArchiveImpl;
-namespace NFault = NSPlatform::NFault;
+namespace NSFault = NSPlatform::NSFault;
 
 namespace {
 
@@ -37,7 +37,7 @@ class RetentionTest : public ::testing::Test {
     ASSERT_EQ(S_OK, p->Create(m_dir.Sub(KV_W("arc"))));
   }
   void TearDown() override {
-    NFault::Reset();
+    NSFault::Reset();
     m_pArchive->Free();
   }
   NSCom::CComPtr<IRecord> Writer(const char* pszName) {
@@ -67,7 +67,7 @@ class RetentionTest : public ::testing::Test {
     ASSERT_TRUE(SUCCEEDED(Query<IKronvaleQuota>(m_pArchive, IID_IKronvaleQuota)->SetArchiveQuota(&quota)));
   }
 
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
   NSCom::CComPtr<IKronvale> m_pArchive;
   CArchiveImpl* m_pObject = nullptr;
 };
@@ -167,15 +167,15 @@ TEST_F(RetentionTest, EachLimitOnItsOwn) {
   ASSERT_EQ(S_OK, WriteFrame(pB, Ft(2021, 1, 1, 0, 30), 1, {"back to 0h"}));
   auto pC = Writer("c");
   FillHours(pC, {5, 6});
-  NSPlatform::NFault::SRule rule;
-  rule.eOp = NFault::EOp::Directory;
+  NSPlatform::NSFault::SRule rule;
+  rule.eOp = NSFault::EOp::Directory;
   rule.dwError = ERROR_ACCESS_DENIED;
   rule.bSticky = true;
   rule.strPathContains = Native("c/2021/01/01/05");
-  NFault::Arm(rule);
+  NSFault::Arm(rule);
   SetQuota(0, 0, 1);
   m_pObject->CheckQuota();
-  NFault::Reset();
+  NSFault::Reset();
   EXPECT_FALSE(Has("a", 3));
   EXPECT_TRUE(Has("b", 0));
   EXPECT_FALSE(Has("b", 1));
@@ -187,7 +187,7 @@ TEST_F(RetentionTest, EachLimitOnItsOwn) {
                          W("' currently containig 2 hours\n")));
   // Free space alone, the volume made nearly full through the platform seam: everything but the
   // open hours goes.
-  NFault::OverrideFreeSpace(1000);
+  NSFault::OverrideFreeSpace(1000);
   SetQuota(2000, 0);
   m_pObject->CheckQuota();
   EXPECT_FALSE(Has("c", 5));
@@ -261,7 +261,7 @@ TEST_F(RetentionTest, RetentionWhileWritersAppend) {
   SetQuota(0, kllTwoGiB + 2 * ullHour, 0);
   std::atomic<int> cFailures{0};
   std::atomic<bool> bDone{false};
-  NFault::Reset();
+  NSFault::Reset();
   std::vector<std::thread> vThreads;
   for (int i = 0; i < kcRecords; ++i) {
     vThreads.emplace_back([&, i] {
@@ -277,7 +277,7 @@ TEST_F(RetentionTest, RetentionWhileWritersAppend) {
   bDone = true;
   pass.join();
   EXPECT_EQ(0, cFailures.load());
-  EXPECT_GT(NFault::GetCallCount(NFault::EOp::Flush), 0u);
+  EXPECT_GT(NSFault::GetCallCount(NSFault::EOp::Flush), 0u);
   m_pObject->SizeAndQuotaPass();
   m_pObject->SizeAndQuotaPass();
   EXPECT_LE(m_pObject->GetArchiveSize(), 2 * ullHour + kcRecords * (ullHour + 4 * 200000));
@@ -298,24 +298,24 @@ TEST_F(RetentionTest, BufferedHoursAreFlushedWithinTheTimeout) {
   ASSERT_EQ(S_OK, m_pArchive->SetFlushTimeout(100));
   auto pA = Writer("a");
   ASSERT_EQ(S_OK, WriteFrame(pA, Ft(2021, 1, 1, 5), 1, {"buffered"}));
-  NFault::Reset();
+  NSFault::Reset();
   ASSERT_EQ(S_OK, WriteFrame(pA, Ft(2021, 1, 1, 5, 1), 1, {"buffered"}));
   // Data, index and hash file: three flushes per round; allow a generous wait on a loaded machine.
-  for (int i = 0; i < 500 && NFault::GetCallCount(NFault::EOp::Flush) < 3; ++i) NSPlatform::SleepMs(10);
-  EXPECT_GE(NFault::GetCallCount(NFault::EOp::Flush), 3u);
+  for (int i = 0; i < 500 && NSFault::GetCallCount(NSFault::EOp::Flush) < 3; ++i) NSPlatform::SleepMs(10);
+  EXPECT_GE(NSFault::GetCallCount(NSFault::EOp::Flush), 3u);
   // Nothing new, nothing flushed.
   NSPlatform::SleepMs(50);
-  const unsigned cFlushes = NFault::GetCallCount(NFault::EOp::Flush);
+  const unsigned cFlushes = NSFault::GetCallCount(NSFault::EOp::Flush);
   NSPlatform::SleepMs(300);
-  EXPECT_EQ(cFlushes, NFault::GetCallCount(NFault::EOp::Flush));
+  EXPECT_EQ(cFlushes, NSFault::GetCallCount(NSFault::EOp::Flush));
 
   // Written through: no flusher at all.
   ASSERT_EQ(S_OK, m_pArchive->SetFlushTimeout(0));
   auto pB = Writer("b");
-  NFault::Reset();
+  NSFault::Reset();
   ASSERT_EQ(S_OK, WriteFrame(pB, Ft(2021, 1, 1, 6), 1, {"through"}));
   NSPlatform::SleepMs(300);
-  EXPECT_EQ(0u, NFault::GetCallCount(NFault::EOp::Flush));
+  EXPECT_EQ(0u, NSFault::GetCallCount(NSFault::EOp::Flush));
 #ifndef _WIN32
   // The data file of b's hour is open for synchronous data writes.
   bool bFound = false;
@@ -345,7 +345,7 @@ TEST_F(RetentionTest, BufferedHoursAreFlushedWithinTheTimeout) {
 // behaves.
 TEST_F(RetentionTest, RecordingGoesOnWhenTheDiskFills) {
   auto pCam = Writer("cam");
-  NFault::OverrideFreeSpace(1ull << 40);
+  NSFault::OverrideFreeSpace(1ull << 40);
   SetQuota(64 * 1048576ull, 0);
   const std::string strFrame(10000, 'f');
   for (WORD h = 0; h < 6; ++h)
@@ -360,14 +360,14 @@ TEST_F(RetentionTest, RecordingGoesOnWhenTheDiskFills) {
   for (int n = 0; n < 400 && vAcknowledged.size() < 20; ++n) {
     const FILETIME ft = Plus(Ft(2021, 1, 1, 5, 50), static_cast<LONGLONG>(n) * 10000000);
     if (n == 10) {
-      NFault::Arm({NFault::EOp::Write, 1, ERROR_DISK_FULL, true, -1, W("cam")});
-      NFault::OverrideFreeSpace(0);
+      NSFault::Arm({NSFault::EOp::Write, 1, ERROR_DISK_FULL, true, -1, W("cam")});
+      NSFault::OverrideFreeSpace(0);
       bFull = true;
     }
     // Space comes back when the engine deleted an hour.
     if (bFull && !Has("cam", 0)) {
-      NFault::Disarm(NFault::EOp::Write);
-      NFault::OverrideFreeSpace(1ull << 40);
+      NSFault::Disarm(NSFault::EOp::Write);
+      NSFault::OverrideFreeSpace(1ull << 40);
       bFull = false;
     }
     const HRESULT hr = WriteFrame(pCam, ft, 1, {strFrame});
@@ -409,11 +409,11 @@ TEST_F(RetentionTest, RecordingGoesOnWhenTheDiskFills) {
 TEST_F(RetentionTest, AFlusherThatMeetsAFullDiskWakesTheWorker) {
   ASSERT_EQ(S_OK, m_pArchive->SetFlushTimeout(20));
   auto pCam = Writer("cam");
-  NFault::OverrideFreeSpace(1ull << 40);
+  NSFault::OverrideFreeSpace(1ull << 40);
   SetQuota(64 * 1048576ull, 0);
   for (WORD h = 0; h < 3; ++h) ASSERT_EQ(S_OK, WriteFrame(pCam, Ft(2021, 1, 1, h), 1, {"buffered"}));
-  NFault::OverrideFreeSpace(0);
-  NFault::Arm({NFault::EOp::Flush, 1, ERROR_DISK_FULL, true, -1, W("cam")});
+  NSFault::OverrideFreeSpace(0);
+  NSFault::Arm({NSFault::EOp::Flush, 1, ERROR_DISK_FULL, true, -1, W("cam")});
   ASSERT_EQ(S_OK, WriteFrame(pCam, Ft(2021, 1, 1, 2, 1), 1, {"buffered"}));
   for (int i = 0; i < 1000 && (Has("cam", 0) || Has("cam", 1)); ++i) NSPlatform::SleepMs(10);
   EXPECT_FALSE(Has("cam", 0));
@@ -427,8 +427,8 @@ TEST_F(RetentionTest, AFlusherThatMeetsAFullDiskWakesTheWorker) {
 // (ENOSPC in the middle of a frame, or while a new hour is made), and the hour it failed in must
 // take later frames as if nothing happened.
 TEST(DiskFullTest, RecordingGoesOnWhenARealVolumeFills) {
-  NKvTest::CTempDir dir;
-  NKvTest::CSmallVolume volume(dir.Sub(KV_W("volume")), 24);
+  NSTest::CTempDir dir;
+  NSTest::CSmallVolume volume(dir.Sub(KV_W("volume")), 24);
   if (!volume.IsMounted()) GTEST_SKIP() << "this process may not mount a small file system";
   NSCom::CComObject<CArchiveImpl>* p = nullptr;
   ASSERT_EQ(S_OK, NSCom::CComObject<CArchiveImpl>::CreateInstance(&p));
@@ -484,7 +484,7 @@ namespace {
 // Archives let go while their flusher and a pass hold their last records: whichever thread drops
 // the last reference (the flusher itself, often) takes the archive down cleanly.
 TEST(ArchiveLifetimeTest, ReleasedWhileItsThreadsWork) {
-  NKvTest::CTempDir dir;
+  NSTest::CTempDir dir;
   for (int i = 0; i < 40; ++i) {
     NSCom::CComObject<CArchiveImpl>* p = nullptr;
     ASSERT_EQ(S_OK, NSCom::CComObject<CArchiveImpl>::CreateInstance(&p));

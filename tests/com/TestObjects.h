@@ -39,7 +39,7 @@ MIDL_INTERFACE("6B1D3C10-4F0A-4C55-9E21-0A7C51D2E0FF")
 ITestNobody : public IUnknown {};
 __CRT_UUID_DECL(ITestNobody, 0x6B1D3C10, 0x4F0A, 0x4C55, 0x9E, 0x21, 0x0A, 0x7C, 0x51, 0xD2, 0xE0, 0xFF)
 
-namespace NSComTest {
+namespace NSTest {
 
 // Per-class counters of constructions, destructions and FinalRelease calls.
 struct SCounters {
@@ -203,4 +203,4 @@ class CComKitTest : public ::testing::Test {
   }
 };
 
-}  // namespace NSComTest
+}  // namespace NSTest

@@ -10,7 +10,7 @@
 
 #include "com/ComBase.h"
 
-namespace NKvTest {
+namespace NSTest {
 
 class CMemoryStream final : public IStream {
  public:
@@ -87,4 +87,4 @@ class CMemoryStream final : public IStream {
   size_t m_cbLargestWrite = 0;
 };
 
-}  // namespace NKvTest
+}  // namespace NSTest

@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace NKvTest {
+namespace NSTest {
 
 CSmallVolume::CSmallVolume(const WString& strDirectory, unsigned cMiB)
     : m_strDirectory(NSPlatform::WideToUtf8(strDirectory)) {
@@ -25,4 +25,4 @@ CSmallVolume::~CSmallVolume() {
 #endif
 }
 
-}  // namespace NKvTest
+}  // namespace NSTest

@@ -4,7 +4,7 @@
 
 #include "platform/os.h"
 
-namespace NKvTest {
+namespace NSTest {
 
 class CSmallVolume {
  public:
@@ -20,4 +20,4 @@ class CSmallVolume {
   bool m_bMounted = false;
 };
 
-}  // namespace NKvTest
+}  // namespace NSTest

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <random>
 
-namespace NKvTest {
+namespace NSTest {
 
 using namespace NSPlatform;
 
@@ -42,7 +42,7 @@ CTempDir::CTempDir() {
 CTempDir::~CTempDir() {
   if (m_strPath.empty()) return;
   // A test that armed the fault seam and stopped early must not leave its tree behind.
-  NFault::Reset();
+  NSFault::Reset();
   DeleteTree(m_strPath);
 }
 
@@ -90,4 +90,4 @@ HRESULT DeleteTree(const WString& strPath) {
   return SUCCEEDED(hr) ? RemoveDir(strPath.c_str()) : hr;
 }
 
-}  // namespace NKvTest
+}  // namespace NSTest

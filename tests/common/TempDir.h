@@ -8,7 +8,7 @@
 
 #include "platform/os.h"
 
-namespace NKvTest {
+namespace NSTest {
 
 class CTempDir {
  public:
@@ -33,4 +33,4 @@ HRESULT ReadFileBytes(const WString& strPath, std::string* pBytes);
 // Deletes a file or a directory tree, clearing read-only attributes on the way.
 HRESULT DeleteTree(const WString& strPath);
 
-}  // namespace NKvTest
+}  // namespace NSTest

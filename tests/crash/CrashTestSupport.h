@@ -16,7 +16,7 @@
 
 extern char** environ;
 
-namespace NKvCrashTest {
+namespace NSTest {
 
 // A 64 MiB file system mounted on a directory of a scratch directory, for as long as the object
 // lives: ext4 on a loop device (what recorders have), else tmpfs. Neither can be had without the
@@ -73,4 +73,4 @@ inline int RunChild(const char* pszSuite, const std::string& strDirectory) {
 // The directory a child test works in; null when the test runs on its own (it then skips).
 inline const char* ChildDirectory() { return std::getenv(kszChildVariable); }
 
-}  // namespace NKvCrashTest
+}  // namespace NSTest

@@ -11,8 +11,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-using namespace NKvRecordTest;
-using NKvCrashTest::ChildDirectory;
+using namespace NSTest;
+using NSTest::ChildDirectory;
 
 namespace {
 
@@ -50,10 +50,10 @@ std::string ScenarioDirectory() {
 
 // The parent's part: a volume, the scenario suite in a child process on it, the volume gone after.
 void RunOnVolume(const char* pszSuite) {
-  NKvTest::CTempDir dir;
-  NKvCrashTest::CSmallVolume volume(NSPlatform::WideToUtf8(dir.Path()));
+  NSTest::CTempDir dir;
+  NSTest::CSmallVolume volume(NSPlatform::WideToUtf8(dir.Path()));
   if (!volume.Mounted()) GTEST_SKIP() << "no small volume can be mounted here (no right to mount)";
-  EXPECT_EQ(0, NKvCrashTest::RunChild(pszSuite, volume.Path()))
+  EXPECT_EQ(0, NSTest::RunChild(pszSuite, volume.Path()))
       << "the scenario failed or crashed on " << volume.Kind() << " (a code above 128 is a signal)";
 }
 

@@ -12,7 +12,7 @@
 #include "crash/CrashTestSupport.h"
 #include "frame/Module.h"
 
-using namespace NKvRecordTest;
+using namespace NSTest;
 
 namespace {
 
@@ -49,13 +49,13 @@ NSCom::CComPtr<IArchiveFactory> Factory() {
 }  // namespace
 
 TEST(Soak, EveryThreadOfAnArchiveTogetherThenTheProcessEnds) {
-  NKvTest::CTempDir dir;
-  EXPECT_EQ(0, NKvCrashTest::RunChild("SoakProcess", NSPlatform::WideToUtf8(dir.Path())))
+  NSTest::CTempDir dir;
+  EXPECT_EQ(0, NSTest::RunChild("SoakProcess", NSPlatform::WideToUtf8(dir.Path())))
       << "the soak failed, or a sanitizer reported (a code above 128 is a signal)";
 }
 
 TEST(SoakProcess, EveryThreadTogetherThenExit) {
-  const char* pszDirectory = NKvCrashTest::ChildDirectory();
+  const char* pszDirectory = NSTest::ChildDirectory();
   if (!pszDirectory) GTEST_SKIP() << "runs as the child process of Soak only";
   const std::string strDirectory = pszDirectory;
   auto pFactory = Factory();

@@ -21,7 +21,7 @@
 #endif
 
 using namespace NSHours;
-namespace NFault = NSPlatform::NFault;
+namespace NSFault = NSPlatform::NSFault;
 
 namespace {
 
@@ -41,7 +41,7 @@ ULONGLONG AllocatedBytes(const WString& strPath) {
 #endif
 }
 
-WString HourPath(const NKvTest::CTempDir& dir, const char* pszHour) {
+WString HourPath(const NSTest::CTempDir& dir, const char* pszHour) {
   WString str = NSPlatform::Utf8ToWide(pszHour);
   std::replace(str.begin(), str.end(), WCHAR(u'/'), NSPlatform::chPathSeparator);
   return dir.Sub(str);
@@ -50,7 +50,7 @@ WString HourPath(const NKvTest::CTempDir& dir, const char* pszHour) {
 }  // namespace
 
 TEST(HourIndexSpace, ANewHourOwnsItsIndexAndAFullDiskWhileMakingItIsAnError) {
-  NKvTest::CTempDir dir;
+  NSTest::CTempDir dir;
   auto pLock = std::make_shared<NSSystem::SLock>();
   const SYSTEMTIME stLast = {2024, 5, 0, 6, 10, 59, 59, 990};  // the last slot: the index's far end
   BYTE abData[] = {'s', 'l', 'o', 't'};
@@ -68,19 +68,19 @@ TEST(HourIndexSpace, ANewHourOwnsItsIndexAndAFullDiskWhileMakingItIsAnError) {
   // The disk fills up while the index is being made: the open says so, and leaves no index file
   // that a later open would take for a damaged one.
   const WString strHour = HourPath(dir, "rec/2024/05/06/11");
-  NFault::SRule rule;
-  rule.eOp = NFault::EOp::Write;
+  NSFault::SRule rule;
+  rule.eOp = NSFault::EOp::Write;
   rule.nNth = 3;
   rule.dwError = ERROR_DISK_FULL;
   rule.cbShort = 1000;
   rule.strPathContains = KV_W("descriptor.alh");
-  NFault::Arm(rule);
+  NSFault::Arm(rule);
   {
     CHourManager hour(pLock);
     EXPECT_EQ(NSKronvale::khrDiskFull, hour.Open(strHour, true, false));
     hour.Close();
   }
-  NFault::Reset();
+  NSFault::Reset();
   EXPECT_FALSE(NSPlatform::PathExists(NSPlatform::CombinePath(strHour, KV_W("descriptor.alh")).c_str()));
 
   // Space is back: the hour is made and takes frames.

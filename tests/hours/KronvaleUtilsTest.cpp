@@ -10,7 +10,7 @@
 #include "platform/os.h"
 
 using namespace NSKronvaleUtils;
-using NKvTest::CTempDir;
+using NSTest::CTempDir;
 
 namespace {
 
@@ -145,22 +145,22 @@ TEST(KronvaleUtils, FlagFilterModes) {
 TEST(KronvaleUtils, CopyTreeCopiesADirectory) {
   CTempDir dir;
   ASSERT_EQ(NSPlatform::CreateDirTree(dir.Sub(Native("src/2021/03")).c_str()), S_OK);
-  ASSERT_EQ(NKvTest::WriteFileBytes(dir.Sub(Native("src/2021/03/data.al")), "frame"), S_OK);
+  ASSERT_EQ(NSTest::WriteFileBytes(dir.Sub(Native("src/2021/03/data.al")), "frame"), S_OK);
   EXPECT_TRUE(CopyTree(dir.Sub(KV_W("src")), dir.Sub(KV_W("dst"))));
   std::string strBytes;
-  EXPECT_EQ(NKvTest::ReadFileBytes(dir.Sub(Native("dst/2021/03/data.al")), &strBytes), S_OK);
+  EXPECT_EQ(NSTest::ReadFileBytes(dir.Sub(Native("dst/2021/03/data.al")), &strBytes), S_OK);
   EXPECT_EQ(strBytes, "frame");
   EXPECT_FALSE(CopyTree(dir.Sub(KV_W("missing")), dir.Sub(KV_W("dst2"))));
 }
 
 class DeleteFileSystemObjectTest : public testing::Test {
  protected:
-  void SetUp() override { NSPlatform::NFault::Reset(); }
-  void TearDown() override { NSPlatform::NFault::Reset(); }
+  void SetUp() override { NSPlatform::NSFault::Reset(); }
+  void TearDown() override { NSPlatform::NSFault::Reset(); }
 
   void MakeFile(const char* pszRelative, bool bReadOnly = false) {
     const WString strPath = m_dir.Sub(Native(pszRelative));
-    ASSERT_EQ(NKvTest::WriteFileBytes(strPath, "x"), S_OK);
+    ASSERT_EQ(NSTest::WriteFileBytes(strPath, "x"), S_OK);
     if (bReadOnly) {
       ASSERT_EQ(NSPlatform::SetAttributes(strPath.c_str(), FILE_ATTRIBUTE_READONLY), S_OK);
     }
@@ -203,11 +203,11 @@ TEST_F(DeleteFileSystemObjectTest, StopsAtTheFirstChildThatCannotBeDeleted) {
   MakeFile("tree/a.bin");
   MakeFile("tree/b.bin");
   MakeFile("tree/c.bin");
-  NSPlatform::NFault::SRule rule;
-  rule.eOp = NSPlatform::NFault::EOp::Directory;
+  NSPlatform::NSFault::SRule rule;
+  rule.eOp = NSPlatform::NSFault::EOp::Directory;
   rule.dwError = ERROR_SHARING_VIOLATION;
   rule.strPathContains = KV_W("b.bin");
-  NSPlatform::NFault::Arm(rule);
+  NSPlatform::NSFault::Arm(rule);
   NSTest::CLogCapture capture;
   EXPECT_EQ(DeleteFileSystemObject(m_dir.Sub(KV_W("tree"))), static_cast<HRESULT>(0x80070020));
   EXPECT_FALSE(Exists("tree/a.bin"));
@@ -224,11 +224,11 @@ TEST_F(DeleteFileSystemObjectTest, StopsAtTheFirstChildThatCannotBeDeleted) {
 TEST_F(DeleteFileSystemObjectTest, ReportsAReadOnlyBitThatCannotBeCleared) {
   ASSERT_EQ(NSPlatform::CreateDir(m_dir.Sub(KV_W("tree")).c_str()), S_OK);
   MakeFile("tree/ro.bin", true);
-  NSPlatform::NFault::SRule rule;
-  rule.eOp = NSPlatform::NFault::EOp::Directory;
+  NSPlatform::NSFault::SRule rule;
+  rule.eOp = NSPlatform::NSFault::EOp::Directory;
   rule.dwError = ERROR_WRITE_PROTECT;
   rule.strPathContains = KV_W("ro.bin");
-  NSPlatform::NFault::Arm(rule);  // the first call only: clearing the bit
+  NSPlatform::NSFault::Arm(rule);  // the first call only: clearing the bit
   NSTest::CLogCapture capture;
   // The file stays read-only, so its deletion is refused in turn.
   EXPECT_EQ(DeleteFileSystemObject(m_dir.Sub(KV_W("tree"))), E_ACCESSDENIED);

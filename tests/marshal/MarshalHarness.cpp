@@ -25,7 +25,7 @@ extern "C" void RPC_ENTRY GetProxyDllInfo(const SProxyFileInfoHead*** ppInfo, co
 
 using NSCom::CComPtr;
 
-namespace NKvMarshalTest {
+namespace NSTest {
 
 SProxyStubInfo GetProxyStubInfo() {
   SProxyStubInfo info{};
@@ -261,6 +261,6 @@ void CMarshalTest::TearDown() {
   m_pGuard.reset();
 }
 
-}  // namespace NKvMarshalTest
+}  // namespace NSTest
 
 #endif  // _WIN32

@@ -28,7 +28,7 @@
 // its own object map.
 extern "C" HRESULT STDAPICALLTYPE PrxDllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv);
 
-namespace NKvMarshalTest {
+namespace NSTest {
 
 // Every wait of the harness is bounded by this; a test whose calls do not come back within
 // kHangLimitMs is reported and the process ends.
@@ -154,6 +154,6 @@ class CMarshalTest : public ::testing::Test {
   IStream* m_apStreams[3] = {};
 };
 
-}  // namespace NKvMarshalTest
+}  // namespace NSTest
 
 #endif  // _WIN32

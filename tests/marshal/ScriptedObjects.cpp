@@ -8,7 +8,7 @@ using NSCom::CComBSTR;
 using NSCom::CComObject;
 using NSCom::CComPtr;
 
-namespace NKvMarshalTest {
+namespace NSTest {
 
 namespace {
 
@@ -491,6 +491,6 @@ STDMETHODIMP CScriptedFactory::DeleteArchive(BSTR path) {
   return m_hrResult;
 }
 
-}  // namespace NKvMarshalTest
+}  // namespace NSTest
 
 #endif  // _WIN32

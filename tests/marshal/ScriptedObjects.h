@@ -18,7 +18,7 @@
 
 #include "com/ComKit.h"
 
-namespace NKvMarshalTest {
+namespace NSTest {
 
 // Objects of every scripted class alive in the process, whichever apartment made them.
 inline std::atomic<int> g_cLiveObjects{0};
@@ -221,6 +221,6 @@ class CScriptedFactory : public NSCom::CComObjectRootEx, public CLiveCounted, pu
   HRESULT Make(const char* pszMethod, BSTR path, I** pp);
 };
 
-}  // namespace NKvMarshalTest
+}  // namespace NSTest
 
 #endif  // _WIN32

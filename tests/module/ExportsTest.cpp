@@ -20,7 +20,7 @@
 
 namespace {
 
-using NSModuleTest::CLibrary;
+using NSTest::CLibrary;
 
 // {0D63C1B4-6E2A-4F8B-9D7C-2A1E5B3F4C60}: a class no module serves.
 const CLSID kclsidUnknown = {0x0D63C1B4, 0x6E2A, 0x4F8B, {0x9D, 0x7C, 0x2A, 0x1E, 0x5B, 0x3F, 0x4C, 0x60}};
@@ -36,8 +36,8 @@ class ModuleExportsTest : public ::testing::Test {
   }
 
   CLibrary m_library;
-  NSModuleTest::PFNDLLGETCLASSOBJECT m_pfnGetClassObject = nullptr;
-  NSModuleTest::PFNDLLCANUNLOADNOW m_pfnCanUnloadNow = nullptr;
+  NSTest::PFNDLLGETCLASSOBJECT m_pfnGetClassObject = nullptr;
+  NSTest::PFNDLLCANUNLOADNOW m_pfnCanUnloadNow = nullptr;
 };
 
 TEST_F(ModuleExportsTest, GetClassObjectRefusesWhatItCannotServe) {

@@ -15,11 +15,11 @@
 #include "module/Library.h"
 #include "records/RecordTestSupport.h"
 
-using namespace NKvRecordTest;
+using namespace NSTest;
 
 namespace {
 
-using NSModuleTest::PFNDLLREGISTERSERVER;
+using NSTest::PFNDLLREGISTERSERVER;
 
 // The child reads "packet.bin" from the directory this variable names and writes "seen.txt".
 constexpr char kszChildDirectory[] = "KV_EXTRACT_COM_CHILD_DIR";
@@ -118,10 +118,10 @@ class ExtractMarshalTest : public ::testing::Test {
     }
   }
 
-  NSModuleTest::CLibrary m_library;
+  NSTest::CLibrary m_library;
   PFNDLLREGISTERSERVER m_pfnUnregister = nullptr;
   bool m_bInitialized = false;
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
   NSCom::CComPtr<IArchiveFactory> m_pFactory;
   NSCom::CComPtr<IKronvale> m_pArchive;
   NSCom::CComPtr<IRecord> m_pRecord;
@@ -135,13 +135,13 @@ TEST(ExtractComChild, UnmarshalsThePacketItWasGiven) {
   ASSERT_EQ(S_OK, CoInitializeEx(nullptr, COINIT_MULTITHREADED));
   {
     std::string strPacket;
-    ASSERT_EQ(S_OK, NKvTest::ReadFileBytes(NSPlatform::CombinePath(strDirectory, KV_W("packet.bin")), &strPacket));
+    ASSERT_EQ(S_OK, NSTest::ReadFileBytes(NSPlatform::CombinePath(strDirectory, KV_W("packet.bin")), &strPacket));
     auto pStream = StreamOver(strPacket);
     NSCom::CComPtr<IUnknown> pMarker;
     ASSERT_EQ(S_OK, CoUnmarshalInterface(pStream, IID_IRecordExtract, reinterpret_cast<void**>(&pMarker)));
     NSCom::CComPtr<IRecord> pExtract;
     ASSERT_EQ(S_OK, pMarker->QueryInterface(IID_IRecord, reinterpret_cast<void**>(&pExtract)));
-    ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(NSPlatform::CombinePath(strDirectory, KV_W("seen.txt")), Describe(pExtract, 2)));
+    ASSERT_EQ(S_OK, NSTest::WriteFileBytes(NSPlatform::CombinePath(strDirectory, KV_W("seen.txt")), Describe(pExtract, 2)));
   }
   CoUninitialize();
 }
@@ -163,7 +163,7 @@ TEST_F(ExtractMarshalTest, LocalAndRemotePacketsCrossToASecondProcess) {
     ASSERT_GT(strMarshaled.size(), 12u);
     const WString strDirectory = m_dir.Sub(dwContext == MSHCTX_LOCAL ? KV_W("local") : KV_W("remote"));
     ASSERT_EQ(S_OK, NSPlatform::CreateDir(strDirectory.c_str()));
-    ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(NSPlatform::CombinePath(strDirectory, KV_W("packet.bin")), strMarshaled));
+    ASSERT_EQ(S_OK, NSTest::WriteFileBytes(NSPlatform::CombinePath(strDirectory, KV_W("packet.bin")), strMarshaled));
 
     WCHAR szProgram[MAX_PATH];
     const DWORD cch = GetModuleFileNameW(nullptr, szProgram, MAX_PATH);
@@ -182,7 +182,7 @@ TEST_F(ExtractMarshalTest, LocalAndRemotePacketsCrossToASecondProcess) {
     CloseHandle(pi.hProcess);
     ASSERT_EQ(0u, dwExit);
     std::string strSeen;
-    ASSERT_EQ(S_OK, NKvTest::ReadFileBytes(NSPlatform::CombinePath(strDirectory, KV_W("seen.txt")), &strSeen));
+    ASSERT_EQ(S_OK, NSTest::ReadFileBytes(NSPlatform::CombinePath(strDirectory, KV_W("seen.txt")), &strSeen));
     EXPECT_EQ(strExpected, strSeen);
     // Releasing the marshaled data is the extract's no-op.
     LARGE_INTEGER liZero = {};

@@ -8,7 +8,7 @@
 
 #include "platform/os.h"
 
-namespace NSModuleTest {
+namespace NSTest {
 
 typedef HRESULT(STDAPICALLTYPE* PFNDLLGETCLASSOBJECT)(REFCLSID rclsid, REFIID riid, void** ppv);
 typedef HRESULT(STDAPICALLTYPE* PFNDLLCANUNLOADNOW)();
@@ -40,4 +40,4 @@ class CLibrary {
   HMODULE m_hModule = nullptr;
 };
 
-}  // namespace NSModuleTest
+}  // namespace NSTest

@@ -17,8 +17,8 @@
 
 namespace {
 
-using NSModuleTest::CLibrary;
-using NSModuleTest::PFNDLLREGISTERSERVER;
+using NSTest::CLibrary;
+using NSTest::PFNDLLREGISTERSERVER;
 using NSFrame::CMemoryRegistry;
 using NSFrame::ERegistryRoot;
 

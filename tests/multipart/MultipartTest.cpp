@@ -11,10 +11,10 @@
 #include "multipart/MultipartArchive.h"
 #include "records/RecordTestSupport.h"
 
-using namespace NKvRecordTest;
+using namespace NSTest;
 using NSKronvale::khrNoPartition;
 using NSKronvale::khrPathNotFound;
-namespace NFault = NSPlatform::NFault;
+namespace NSFault = NSPlatform::NSFault;
 
 namespace {
 
@@ -22,18 +22,18 @@ namespace {
 // The one place that knows the fault seam.
 class CDisks {
  public:
-  ~CDisks() { NFault::Reset(); }
+  ~CDisks() { NSFault::Reset(); }
   // Only the disks whose paths contain strPart are full from now on.
   void Fill(const WString& strPart) {
-    NFault::SRule rule;
-    rule.eOp = NFault::EOp::Write;
+    NSFault::SRule rule;
+    rule.eOp = NSFault::EOp::Write;
     rule.nNth = 1;
     rule.dwError = ERROR_DISK_FULL;
     rule.bSticky = true;
     rule.strPathContains = strPart;
-    NFault::Arm(rule);
+    NSFault::Arm(rule);
   }
-  void FreeAll() { NFault::Reset(); }
+  void FreeAll() { NSFault::Reset(); }
 };
 
 class MultipartTest : public ::testing::Test {
@@ -84,7 +84,7 @@ class MultipartTest : public ::testing::Test {
     return std::count_if(v.begin(), v.end(), [&](const NSTest::SLoggedReport& r) { return r.strText == strText; });
   }
 
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
   NSCom::CComPtr<IArchiveFactory> m_pFactory;
   CDisks m_disks;
 };
@@ -173,7 +173,7 @@ TEST_F(MultipartTest, TheFileKeepsPartitionsOptionsDescriptionAndTheActiveChoice
     EXPECT_EQ(E_NOTIMPL, pMultipart->SetQuota(1, 1));
 
     std::string strText;
-    ASSERT_EQ(S_OK, NKvTest::ReadFileBytes(File(), &strText));
+    ASSERT_EQ(S_OK, NSTest::ReadFileBytes(File(), &strText));
     auto archive = [&](int i, const char* pszFlags, const char* pszOrder) {
       return "  <archive path=\"" + NSPlatform::WideToUtf8(Disk(i)) + "\">\n    <flags type=\"ULONG\">" + pszFlags +
              "</flags>\n    <order type=\"ULONG\">" + pszOrder + "</order>\n  </archive>\n";
@@ -247,7 +247,7 @@ TEST_F(MultipartTest, FilesThatAreNotOursAreRefusedAndNothingIsDeleted) {
   pDisk0 = nullptr;
   for (const std::string& strBad : aBad) {
     NewFactory();
-    ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(strFile, strBad));
+    ASSERT_EQ(S_OK, NSTest::WriteFileBytes(strFile, strBad));
     {
       NSTest::CLogCapture capture;
       NSCom::CComPtr<IKronvale> p;
@@ -258,13 +258,13 @@ TEST_F(MultipartTest, FilesThatAreNotOursAreRefusedAndNothingIsDeleted) {
     const bool bOurs = strBad.rfind(strHead, 0) == 0 && strBad.find("</config>") != std::string::npos;
     EXPECT_EQ(bOurs ? S_OK : E_INVALIDARG, m_pFactory->DeleteArchive(NSCom::CComBSTR(strFile))) << strBad;
     EXPECT_EQ(!bOurs, NSPlatform::PathExists(strFile.c_str())) << strBad;
-    NKvTest::DeleteTree(strFile);
+    NSTest::DeleteTree(strFile);
   }
 
   // A partition whose disk is gone is skipped, reported, and kept in the file for its return.
   NewFactory();
   const std::string strMissing = NSPlatform::WideToUtf8(m_dir.Sub(KV_W("unplugged")));
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(strFile, strHead + "<archive path=\"" + strMissing + "\"/><archive path=\"" +
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(strFile, strHead + "<archive path=\"" + strMissing + "\"/><archive path=\"" +
                                                         strPath0 + "\"/><archive path=\"" +
                                                         NSPlatform::WideToUtf8(strFile) + "\"/></config>"));
   {
@@ -283,7 +283,7 @@ TEST_F(MultipartTest, FilesThatAreNotOursAreRefusedAndNothingIsDeleted) {
     CoTaskMemFree(ppPartitions);
     ASSERT_EQ(S_OK, pMultipart->SetDescription(NSCom::CComBSTR(KV_W("saved"))));
     std::string strText;
-    ASSERT_EQ(S_OK, NKvTest::ReadFileBytes(strFile, &strText));
+    ASSERT_EQ(S_OK, NSTest::ReadFileBytes(strFile, &strText));
     EXPECT_NE(std::string::npos, strText.find("<archive path=\"" + strMissing + "\">")) << strText;
   }
   {

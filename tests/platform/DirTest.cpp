@@ -5,9 +5,9 @@
 #include "platform/os.h"
 
 using namespace NSPlatform;
-using NKvTest::CTempDir;
-using NKvTest::ReadFileBytes;
-using NKvTest::WriteFileBytes;
+using NSTest::CTempDir;
+using NSTest::ReadFileBytes;
+using NSTest::WriteFileBytes;
 
 namespace {
 

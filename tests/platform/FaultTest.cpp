@@ -6,9 +6,9 @@
 #include "platform/os.h"
 
 using namespace NSPlatform;
-using NKvTest::CTempDir;
-using NKvTest::ReadFileBytes;
-using NKvTest::WriteFileBytes;
+using NSTest::CTempDir;
+using NSTest::ReadFileBytes;
+using NSTest::WriteFileBytes;
 
 namespace {
 
@@ -16,11 +16,11 @@ constexpr DWORD dwReadWrite = GENERIC_READ | GENERIC_WRITE;
 
 class FaultSeam : public testing::Test {
  protected:
-  void SetUp() override { NFault::Reset(); }
-  void TearDown() override { NFault::Reset(); }
+  void SetUp() override { NSFault::Reset(); }
+  void TearDown() override { NSFault::Reset(); }
 
-  NFault::SRule Rule(NFault::EOp eOp, unsigned nNth, DWORD dwError) {
-    NFault::SRule rule;
+  NSFault::SRule Rule(NSFault::EOp eOp, unsigned nNth, DWORD dwError) {
+    NSFault::SRule rule;
     rule.eOp = eOp;
     rule.nNth = nNth;
     rule.dwError = dwError;
@@ -42,7 +42,7 @@ TEST_F(FaultSeam, TheThirdWriteFailsWithDiskFull) {
   const WString strFile = m_dir.Sub(KV_W("w.bin"));
   CFile file;
   ASSERT_EQ(file.Open(strFile.c_str(), dwReadWrite, 0, CREATE_NEW, 0), S_OK);
-  NFault::Arm(Rule(NFault::EOp::Write, 3, ERROR_DISK_FULL));
+  NSFault::Arm(Rule(NSFault::EOp::Write, 3, ERROR_DISK_FULL));
   DWORD cb = 99;
   EXPECT_EQ(file.Write("aaaa", 4, &cb), S_OK);
   const SIoBuffer aBuffers[] = {{"b", 1}, {"bbb", 3}};
@@ -51,19 +51,19 @@ TEST_F(FaultSeam, TheThirdWriteFailsWithDiskFull) {
   EXPECT_EQ(NSPlatform::GetLastError(), static_cast<DWORD>(ERROR_DISK_FULL));
   EXPECT_EQ(cb, 0u);
   EXPECT_EQ(file.Write("dddd", 4, &cb), S_OK);  // only the third call fails
-  EXPECT_EQ(NFault::GetCallCount(NFault::EOp::Write), 4u);
+  EXPECT_EQ(NSFault::GetCallCount(NSFault::EOp::Write), 4u);
   file.Close();
   EXPECT_EQ(Contents(strFile), "aaaabbbbdddd");
 
   // Sticky: every matching call from the Nth on.
-  NFault::SRule rule = Rule(NFault::EOp::Write, 2, ERROR_WRITE_FAULT);
+  NSFault::SRule rule = Rule(NSFault::EOp::Write, 2, ERROR_WRITE_FAULT);
   rule.bSticky = true;
-  NFault::Arm(rule);
+  NSFault::Arm(rule);
   ASSERT_EQ(file.Open(strFile.c_str(), dwReadWrite, 0, TRUNCATE_EXISTING, 0), S_OK);
   EXPECT_EQ(file.Write("1", 1, &cb), S_OK);
   EXPECT_EQ(file.Write("2", 1, &cb), static_cast<HRESULT>(0x8007001D));
   EXPECT_EQ(file.Write("3", 1, &cb), static_cast<HRESULT>(0x8007001D));
-  NFault::Disarm(NFault::EOp::Write);
+  NSFault::Disarm(NSFault::EOp::Write);
   EXPECT_EQ(file.Write("4", 1, &cb), S_OK);
   file.Close();
   EXPECT_EQ(Contents(strFile), "14");
@@ -73,9 +73,9 @@ TEST_F(FaultSeam, ShortWritesWriteOnlyTheFirstBytes) {
   const WString strFile = m_dir.Sub(KV_W("short.bin"));
   CFile file;
   ASSERT_EQ(file.Open(strFile.c_str(), dwReadWrite, 0, CREATE_NEW, 0), S_OK);
-  NFault::SRule rule = Rule(NFault::EOp::Write, 1, ERROR_SUCCESS);
+  NSFault::SRule rule = Rule(NSFault::EOp::Write, 1, ERROR_SUCCESS);
   rule.cbShort = 3;
-  NFault::Arm(rule);
+  NSFault::Arm(rule);
   DWORD cb = 0;
   EXPECT_EQ(file.Write("0123456789", 10, &cb), S_OK);
   EXPECT_EQ(cb, 3u);
@@ -85,13 +85,13 @@ TEST_F(FaultSeam, ShortWritesWriteOnlyTheFirstBytes) {
 
   // Across the buffers of a gathered write.
   rule.cbShort = 5;
-  NFault::Arm(rule);
+  NSFault::Arm(rule);
   const SIoBuffer aBuffers[] = {{"abc", 3}, {"defg", 4}, {"hij", 3}};
   EXPECT_EQ(file.WriteGather(aBuffers, 3, &cb), S_OK);
   EXPECT_EQ(cb, 5u);
   // Shorter than the request only: a larger count changes nothing.
   rule.cbShort = 100;
-  NFault::Arm(rule);
+  NSFault::Arm(rule);
   EXPECT_EQ(file.WriteAt(8, "XY", 2, &cb), S_OK);
   EXPECT_EQ(cb, 2u);
   file.Close();
@@ -105,25 +105,25 @@ TEST_F(FaultSeam, ADiskFillingUpInsideAWriteKeepsWhatFitAndBothPlatformsCountAli
   const WString strFile = m_dir.Sub(KV_W("full.bin"));
   CFile file;
   ASSERT_EQ(file.Open(strFile.c_str(), dwReadWrite, 0, CREATE_NEW, 0), S_OK);
-  NFault::SRule rule = Rule(NFault::EOp::Write, 1, ERROR_DISK_FULL);
+  NSFault::SRule rule = Rule(NSFault::EOp::Write, 1, ERROR_DISK_FULL);
   rule.cbShort = 4;
-  NFault::Arm(rule);
+  NSFault::Arm(rule);
   const SIoBuffer aBuffers[] = {{"abc", 3}, {"defg", 4}};
   DWORD cb = 0;
   EXPECT_EQ(file.WriteGatherAt(0, aBuffers, 2, &cb), static_cast<HRESULT>(0x80070070));
   EXPECT_EQ(cb, 4u);
   EXPECT_EQ(file.WriteAt(4, "XY", 2, &cb), S_OK);  // only the first call
 
-  NFault::Arm(Rule(NFault::EOp::Write, 1, ERROR_SUCCESS));
+  NSFault::Arm(Rule(NSFault::EOp::Write, 1, ERROR_SUCCESS));
   EXPECT_EQ(file.Write("z", 1, &cb), KvHResultFromWin32(ERROR_INVALID_FUNCTION));
   file.Close();
-  NFault::Arm(Rule(NFault::EOp::Read, 1, ERROR_READ_FAULT));
+  NSFault::Arm(Rule(NSFault::EOp::Read, 1, ERROR_READ_FAULT));
   char ch = 0;
   EXPECT_EQ(file.Read(&ch, 1, &cb), KvHResultFromWin32(ERROR_INVALID_HANDLE));
   EXPECT_EQ(file.Write(&ch, 1, &cb), KvHResultFromWin32(ERROR_INVALID_HANDLE));
   EXPECT_EQ(file.Flush(), KvHResultFromWin32(ERROR_INVALID_HANDLE));
-  EXPECT_EQ(NFault::GetCallCount(NFault::EOp::Read), 0u);
-  NFault::Reset();
+  EXPECT_EQ(NSFault::GetCallCount(NSFault::EOp::Read), 0u);
+  NSFault::Reset();
   EXPECT_EQ(Contents(strFile), "abcdXY");
 }
 
@@ -134,9 +134,9 @@ TEST_F(FaultSeam, OtherOperationsFailWithoutTouchingTheDisk) {
   ASSERT_EQ(WriteFileBytes(strBystander, "content"), S_OK);
 
   // Path filters leave other files alone and count only the calls they match.
-  NFault::SRule rule = Rule(NFault::EOp::Read, 1, ERROR_READ_FAULT);
+  NSFault::SRule rule = Rule(NSFault::EOp::Read, 1, ERROR_READ_FAULT);
   rule.strPathContains = KV_W("target");
-  NFault::Arm(rule);
+  NSFault::Arm(rule);
   CFile file;
   char ach[8];
   DWORD cb = 0;
@@ -147,27 +147,27 @@ TEST_F(FaultSeam, OtherOperationsFailWithoutTouchingTheDisk) {
   EXPECT_EQ(file.ReadAt(0, ach, sizeof(ach), &cb), static_cast<HRESULT>(0x8007001E));
   EXPECT_EQ(file.Read(ach, sizeof(ach), &cb), S_OK);
 
-  NFault::Arm(Rule(NFault::EOp::Flush, 1, ERROR_IO_DEVICE));
+  NSFault::Arm(Rule(NSFault::EOp::Flush, 1, ERROR_IO_DEVICE));
   EXPECT_EQ(file.Flush(), static_cast<HRESULT>(0x8007045D));
   EXPECT_EQ(file.Flush(), S_OK);
   {
     CFileMapping mapping;
     ASSERT_EQ(mapping.Map(file), S_OK);
-    NFault::SRule flush = Rule(NFault::EOp::Flush, 1, ERROR_IO_DEVICE);
+    NSFault::SRule flush = Rule(NSFault::EOp::Flush, 1, ERROR_IO_DEVICE);
     flush.strPathContains = KV_W("target.bin");
-    NFault::Arm(flush);
+    NSFault::Arm(flush);
     EXPECT_EQ(mapping.Flush(), static_cast<HRESULT>(0x8007045D));
   }
   file.Close();
 
-  NFault::Arm(Rule(NFault::EOp::Open, 1, ERROR_ACCESS_DENIED));
+  NSFault::Arm(Rule(NSFault::EOp::Open, 1, ERROR_ACCESS_DENIED));
   const WString strNew = m_dir.Sub(KV_W("new.bin"));
   EXPECT_EQ(file.Open(strNew.c_str(), dwReadWrite, 0, CREATE_NEW, 0), E_ACCESSDENIED);
   EXPECT_FALSE(PathExists(strNew.c_str()));
 
-  NFault::SRule dirRule = Rule(NFault::EOp::Directory, 1, ERROR_DISK_FULL);
+  NSFault::SRule dirRule = Rule(NSFault::EOp::Directory, 1, ERROR_DISK_FULL);
   dirRule.bSticky = true;
-  NFault::Arm(dirRule);
+  NSFault::Arm(dirRule);
   const WString strSub = m_dir.Sub(KV_W("sub"));
   EXPECT_EQ(CreateDir(strSub.c_str()), static_cast<HRESULT>(0x80070070));
   EXPECT_EQ(CreateDirTree(strSub.c_str()), static_cast<HRESULT>(0x80070070));
@@ -178,8 +178,8 @@ TEST_F(FaultSeam, OtherOperationsFailWithoutTouchingTheDisk) {
   std::vector<SDirEntry> vEntries;
   EXPECT_EQ(ListDir(m_dir.Path().c_str(), &vEntries), static_cast<HRESULT>(0x80070070));
   EXPECT_EQ(RemoveDir(m_dir.Path().c_str()), static_cast<HRESULT>(0x80070070));
-  EXPECT_EQ(NFault::GetCallCount(NFault::EOp::Directory), 7u);
-  NFault::Reset();
+  EXPECT_EQ(NSFault::GetCallCount(NSFault::EOp::Directory), 7u);
+  NSFault::Reset();
   DWORD dwAttributes = 0;
   ASSERT_EQ(GetAttributes(strFile.c_str(), &dwAttributes), S_OK);
   EXPECT_EQ(dwAttributes, static_cast<DWORD>(FILE_ATTRIBUTE_NORMAL));
@@ -193,14 +193,14 @@ TEST_F(FaultSeam, FreeSpaceOverride) {
   EXPECT_LE(ullTotalFree, ullTotal);
   const ULONGLONG ullRealTotal = ullTotal;
 
-  NFault::OverrideFreeSpace(12345);
+  NSFault::OverrideFreeSpace(12345);
   ASSERT_EQ(GetFreeDiskSpace(m_dir.Path().c_str(), &ullFree, &ullTotal, &ullTotalFree), S_OK);
   EXPECT_EQ(ullFree, 12345u);
   EXPECT_EQ(ullTotalFree, 12345u);
   EXPECT_EQ(ullTotal, ullRealTotal);
   ASSERT_EQ(GetFreeDiskSpace(m_dir.Path().c_str(), nullptr, nullptr, &ullTotalFree), S_OK);
   EXPECT_EQ(ullTotalFree, 12345u);
-  NFault::ClearFreeSpaceOverride();
+  NSFault::ClearFreeSpaceOverride();
   ASSERT_EQ(GetFreeDiskSpace(m_dir.Path().c_str(), &ullFree, nullptr, nullptr), S_OK);
 
   const WString strMissing = CombinePath(m_dir.Sub(KV_W("none")), KV_W("deeper"));

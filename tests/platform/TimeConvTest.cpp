@@ -40,7 +40,7 @@ struct SImpl {
 
 const SImpl g_aImpls[] = {
     {"platform", &NSPlatform::SysTimeToFileTime, &NSPlatform::FileTimeToSysTime},
-    {"portable", &NPortable::SysTimeToFileTime, &NPortable::FileTimeToSysTime},
+    {"portable", &NSPortable::SysTimeToFileTime, &NSPortable::FileTimeToSysTime},
 };
 
 }  // namespace
@@ -109,7 +109,7 @@ TEST(TimeConv, InvalidValuesAreRefusedWithInvalidParameter) {
   SYSTEMTIME st = MakeTime(30828, 1, 1);
   FILETIME ft{};
   NSPlatform::SetLastError(0);
-  EXPECT_FALSE(NPortable::SysTimeToFileTime(&st, &ft));
+  EXPECT_FALSE(NSPortable::SysTimeToFileTime(&st, &ft));
   EXPECT_EQ(NSPlatform::GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 }
 
@@ -120,15 +120,15 @@ TEST(TimeConv, RoundTripsAndWeekdaysOverASweep) {
     const ULONGLONG ull = (random() & 0x7FFFFFFFFFFFFFFFull) / ullMs * ullMs;
     const FILETIME ft = U64ToFileTime(ull);
     SYSTEMTIME st{};
-    ASSERT_TRUE(NPortable::FileTimeToSysTime(&ft, &st));
+    ASSERT_TRUE(NSPortable::FileTimeToSysTime(&ft, &st));
     if (st.wYear > 30827) continue;
     FILETIME ftBack{};
-    ASSERT_TRUE(NPortable::SysTimeToFileTime(&st, &ftBack));
+    ASSERT_TRUE(NSPortable::SysTimeToFileTime(&st, &ftBack));
     ASSERT_EQ(FileTimeToU64(ftBack), ull);
     // Sub-millisecond ticks are dropped, not rounded.
     const FILETIME ftFine = U64ToFileTime(ull + ullMs - 1);
     SYSTEMTIME stFine{};
-    ASSERT_TRUE(NPortable::FileTimeToSysTime(&ftFine, &stFine));
+    ASSERT_TRUE(NSPortable::FileTimeToSysTime(&ftFine, &stFine));
     ASSERT_TRUE(SameFields(st, stFine));
   }
   // Consecutive days step the weekday by one, across month, year and century ends.
@@ -138,7 +138,7 @@ TEST(TimeConv, RoundTripsAndWeekdaysOverASweep) {
   for (int nDay = 0; nDay < 400 * 366; ++nDay, ull += ullDay, wExpected = (wExpected + 1) % 7) {
     const FILETIME ft = U64ToFileTime(ull);
     SYSTEMTIME st{};
-    ASSERT_TRUE(NPortable::FileTimeToSysTime(&ft, &st));
+    ASSERT_TRUE(NSPortable::FileTimeToSysTime(&ft, &st));
     ASSERT_EQ(st.wDayOfWeek, wExpected) << st.wYear << "-" << st.wMonth << "-" << st.wDay;
   }
 }
@@ -157,7 +157,7 @@ TEST(TimeConv, PlatformAndPortableAgree) {
     const bool bPlatform = NSPlatform::SysTimeToFileTime(&st, &ftPlatform);
     const DWORD dwPlatform = bPlatform ? 0 : NSPlatform::GetLastError();
     NSPlatform::SetLastError(0);
-    const bool bPortable = NPortable::SysTimeToFileTime(&st, &ftPortable);
+    const bool bPortable = NSPortable::SysTimeToFileTime(&st, &ftPortable);
     const DWORD dwPortable = bPortable ? 0 : NSPlatform::GetLastError();
     ASSERT_EQ(bPlatform, bPortable) << st.wYear << "-" << st.wMonth << "-" << st.wDay << " " << st.wHour << ":"
                                     << st.wMinute << ":" << st.wSecond << "." << st.wMilliseconds;
@@ -169,7 +169,7 @@ TEST(TimeConv, PlatformAndPortableAgree) {
     const FILETIME ft = U64ToFileTime((static_cast<ULONGLONG>(random()) << 32 | random()) & 0x7FFFFFFFFFFFFFFFull);
     SYSTEMTIME stPlatform{}, stPortable{};
     ASSERT_TRUE(NSPlatform::FileTimeToSysTime(&ft, &stPlatform));
-    ASSERT_TRUE(NPortable::FileTimeToSysTime(&ft, &stPortable));
+    ASSERT_TRUE(NSPortable::FileTimeToSysTime(&ft, &stPortable));
     ASSERT_TRUE(SameFields(stPlatform, stPortable)) << FileTimeToU64(ft);
   }
 }

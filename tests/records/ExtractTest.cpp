@@ -12,7 +12,7 @@
 #include "records/StreamOnFile.h"
 
 using namespace NSKronvale;
-using namespace NKvRecordTest;
+using namespace NSTest;
 using NSRecords::CRecordExtract;
 using NSRecords::CStreamOnFile;
 
@@ -43,7 +43,7 @@ std::string Bytes(IStream* pStream) {
 // The packet MarshalInterface writes for dwContext.
 std::string Packet(IRecord* pExtract, DWORD dwContext = MSHCTX_DIFFERENTMACHINE) {
   auto pMarshal = Query<IMarshal>(pExtract, IID_IMarshal);
-  NKvTest::CMemoryStream stream;
+  NSTest::CMemoryStream stream;
   EXPECT_EQ(S_OK, pMarshal->MarshalInterface(&stream, IID_IRecord, pExtract, dwContext, nullptr, MSHLFLAGS_NORMAL));
   return stream.Bytes();
 }
@@ -53,7 +53,7 @@ std::string Packet(IRecord* pExtract, DWORD dwContext = MSHCTX_DIFFERENTMACHINE)
 HRESULT Unmarshal(const std::string& strPacket, bool bTellsSize, IRecord** ppExtract, std::string* pstrRest = nullptr) {
   auto pShell = NewExtract();
   auto pMarshal = Query<IMarshal>(pShell, IID_IMarshal);
-  NKvTest::CMemoryStream stream(strPacket, bTellsSize);
+  NSTest::CMemoryStream stream(strPacket, bTellsSize);
   IRecord* p = reinterpret_cast<IRecord*>(0x1);
   const HRESULT hr = pMarshal->UnmarshalInterface(&stream, IID_IRecord, reinterpret_cast<void**>(&p));
   EXPECT_EQ(1u, stream.m_cRef.load());  // nothing keeps the caller's stream
@@ -93,7 +93,7 @@ class ExtractTest : public ::testing::Test {
     return p;
   }
 
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
   CTestArchive m_archive{m_dir.Sub(KV_W("arc"))};
   NSCom::CComPtr<IRecordEx> m_pWriter;
   const FILETIME m_aFrames[7] = {Ft(2021, 5, 1, 10, 0, 0, 0),  Ft(2021, 5, 1, 10, 0, 0, 20), Ft(2021, 5, 1, 10, 0, 1, 0),
@@ -204,7 +204,7 @@ TEST_F(ExtractTest, PacketBytesFollowTheLayout) {
   NSTest::CLogCapture capture;
   auto pOther = Extract(m_aFrames[0], Frames(1));
   auto pOtherMarshal = Query<IMarshal>(pOther, IID_IMarshal);
-  NKvTest::CMemoryStream stream;
+  NSTest::CMemoryStream stream;
   for (DWORD dwContext : {DWORD{MSHCTX_INPROC}, DWORD{MSHCTX_NOSHAREDMEM}}) {
     EXPECT_EQ(E_INVALIDARG, pOtherMarshal->MarshalInterface(&stream, IID_IRecord, pOther, dwContext, nullptr, 0));
     EXPECT_EQ(E_INVALIDARG, pOtherMarshal->GetMarshalSizeMax(IID_IRecord, pOther, dwContext, nullptr, 0, &cbSize));
@@ -382,7 +382,7 @@ constexpr char kszChildDirectory[] = "KV_EXTRACT_CHILD_DIR";
 
 std::string ReadText(const WString& strPath) {
   std::string str;
-  EXPECT_EQ(S_OK, NKvTest::ReadFileBytes(strPath, &str));
+  EXPECT_EQ(S_OK, NSTest::ReadFileBytes(strPath, &str));
   return str;
 }
 
@@ -392,14 +392,14 @@ TEST(ExtractChildProcess, UnmarshalsThePacketItWasGiven) {
   const WString strDirectory = W(pszDirectory);
   NSCom::CComPtr<IRecord> pExtract;
   ASSERT_EQ(S_OK, Unmarshal(ReadText(NSPlatform::CombinePath(strDirectory, KV_W("packet.bin"))), true, &pExtract));
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(NSPlatform::CombinePath(strDirectory, KV_W("seen.txt")), Describe(pExtract, 2)));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(NSPlatform::CombinePath(strDirectory, KV_W("seen.txt")), Describe(pExtract, 2)));
 }
 
 TEST_F(ExtractTest, APacketCrossesToAnotherProcess) {
   auto pExtract = Extract(Ft(2021, 1, 1, 0), Frames(100));
   const WString strDirectory = m_dir.Sub(KV_W("cross"));
   ASSERT_EQ(S_OK, NSPlatform::CreateDir(strDirectory.c_str()));
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(NSPlatform::CombinePath(strDirectory, KV_W("packet.bin")), Packet(pExtract)));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(NSPlatform::CombinePath(strDirectory, KV_W("packet.bin")), Packet(pExtract)));
   WString strProgram;
   ASSERT_EQ(S_OK, NSPlatform::GetOwnModulePath(&strProgram));
   NSTest::CLogCapture::SetEnvironment(kszChildDirectory, strDirectory);
@@ -475,7 +475,7 @@ TEST(StreamOnFileTest, AnswersOnlyForItselfAndKeepsItsFileWithinFourGiB) {
   EXPECT_EQ(S_OK, pStream->CopyTo(pTarget, uliCount, nullptr, nullptr));
   EXPECT_EQ(strLong, Bytes(pTarget));
   pTarget->Release();
-  NKvTest::CMemoryStream memory;
+  NSTest::CMemoryStream memory;
   ASSERT_EQ(S_OK, pStream->Seek(liZero, STREAM_SEEK_SET, nullptr));
   uliCount.QuadPart = 2500;
   EXPECT_EQ(S_OK, pStream->CopyTo(&memory, uliCount, nullptr, nullptr));

@@ -11,7 +11,7 @@
 #include "records/RecordTestSupport.h"
 
 using namespace NSKronvale;
-using namespace NKvRecordTest;
+using namespace NSTest;
 
 namespace {
 
@@ -46,7 +46,7 @@ class RecordHourCacheTest : public ::testing::Test {
     return NSPlatform::CombinePath(m_dir.Sub(KV_W("arc")), Native((std::string(pszRecord) + "/" + pszHour).c_str()));
   }
 
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
   CTestArchive m_archive{m_dir.Sub(KV_W("arc"))};
   NSCom::CComPtr<IRecordEx> m_pWriter;
   NSCom::CComPtr<IRecordEx> m_pReader;
@@ -118,7 +118,7 @@ TEST_F(RecordHourCacheTest, ACachedHourAnswersLikeAFreshReaderAfterEveryChange) 
   ASSERT_EQ(S_OK, WriteFrame(m_pWriter, Ft(2021, 5, 4, 12), 1, {"away"}));  // 10h closed for the writer
   ExpectReaderCurrent("moving the writer on");
   MoveReadersTo(Ft(2021, 5, 4, 12), "away");  // 10h left
-  ASSERT_EQ(S_OK, NKvTest::DeleteTree(HourDir("cam", "2021/05/04/10")));
+  ASSERT_EQ(S_OK, NSTest::DeleteTree(HourDir("cam", "2021/05/04/10")));
   NSCom::CComPtr<IRecordFastCopy> pCopy = Query<IRecordFastCopy>(pDonor, IID_IRecordFastCopy);
   NSCom::CComBSTR bstrTarget(NSPlatform::CombinePath(m_dir.Sub(KV_W("arc")), KV_W("cam")).c_str());
   ASSERT_EQ(S_OK, pCopy->CopyHoursTo(bstrTarget, Ft(2021, 5, 4, 10), Ft(2021, 5, 4, 11)));

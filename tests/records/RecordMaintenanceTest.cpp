@@ -5,7 +5,7 @@
 #include "records/RecordTestSupport.h"
 
 using namespace NSKronvale;
-using namespace NKvRecordTest;
+using namespace NSTest;
 
 namespace {
 
@@ -24,23 +24,23 @@ class RecordMaintenanceTest : public ::testing::Test {
     for (int i = 0; i < 3; ++i) ASSERT_EQ(S_OK, WriteFrame(m_pWriter, m_aft[i], 1u << i, {m_astr[i], "tail"}));
     ASSERT_EQ(S_OK, WriteFrame(m_pWriter, Ft(2021, 3, 7, 11), 8, {"eleven"}));
     std::string strData;
-    ASSERT_EQ(S_OK, NKvTest::ReadFileBytes(Dir("cam/2021/03/07/10/data.al"), &strData));
+    ASSERT_EQ(S_OK, NSTest::ReadFileBytes(Dir("cam/2021/03/07/10/data.al"), &strData));
     ASSERT_EQ(131u, strData.size());
     strData.resize(strData.size() - 30);
-    ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(Dir("cam/2021/03/07/10/data.al"), strData));
+    ASSERT_EQ(S_OK, NSTest::WriteFileBytes(Dir("cam/2021/03/07/10/data.al"), strData));
     m_strTorn = Snapshot();
   }
   std::string Snapshot() const {
     std::string strAll;
     for (const char* psz : {"data.al", "descriptor.ald", "descriptor.alh"}) {
       std::string str;
-      NKvTest::ReadFileBytes(NSPlatform::CombinePath(Dir("cam/2021/03/07/10"), W(psz)), &str);
+      NSTest::ReadFileBytes(NSPlatform::CombinePath(Dir("cam/2021/03/07/10"), W(psz)), &str);
       strAll += str + "|";
     }
     return strAll;
   }
 
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
   CTestArchive m_archive{m_dir.Sub(KV_W("arc"))};
   NSCom::CComPtr<IRecordEx> m_pWriter;
   const FILETIME m_aft[3] = {Ft(2021, 3, 7, 10, 1), Ft(2021, 3, 7, 10, 2), Ft(2021, 3, 7, 10, 3)};
@@ -139,10 +139,10 @@ TEST_F(RecordMaintenanceTest, RemoveHourClosesTheOpenHourAndEmptyParents) {
 
   // A file the system will not delete (held by another process on Windows) stops the removal, and
   // the answer says so instead of a bare E_FAIL.
-  NSPlatform::NFault::Arm({NSPlatform::NFault::EOp::Directory, 1, ERROR_SHARING_VIOLATION, true, -1, W("data.al")});
+  NSPlatform::NSFault::Arm({NSPlatform::NSFault::EOp::Directory, 1, ERROR_SHARING_VIOLATION, true, -1, W("data.al")});
   NSTest::CLogCapture refused;
   EXPECT_EQ(khrSharingViolation, m_pWriter->RemoveHour(Ft(2021, 3, 7, 10)));
-  NSPlatform::NFault::Reset();
+  NSPlatform::NSFault::Reset();
   EXPECT_TRUE(Logged(refused, "error", W("Failed to delete hour '") + Dir("cam/2021/03/07/10") + W("' (0x80070020)\n")));
   EXPECT_EQ(S_OK, m_pWriter->RemoveHour(Ft(2021, 3, 7, 10)));
   EXPECT_FALSE(NSPlatform::PathExists(Dir("cam/2021/03/07").c_str()));

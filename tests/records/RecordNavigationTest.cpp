@@ -6,7 +6,7 @@
 #include "records/RecordTestSupport.h"
 
 using namespace NSKronvale;
-using namespace NKvRecordTest;
+using namespace NSTest;
 
 namespace {
 
@@ -21,7 +21,7 @@ class RecordNavigationTest : public ::testing::Test {
     return NSPlatform::CombinePath(m_dir.Sub(KV_W("arc")), Native(pszRelative));
   }
 
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
   CTestArchive m_archive{m_dir.Sub(KV_W("arc"))};
   NSCom::CComPtr<IRecordEx> m_pWriter;
 };
@@ -114,7 +114,7 @@ TEST_F(RecordNavigationTest, SearchesEraseEmptyDirectoriesOnTheirPath) {
   EXPECT_FALSE(NSPlatform::PathExists(Dir("cam/2021/02/03").c_str()));
   EXPECT_TRUE(NSPlatform::PathExists(Dir("cam/2021/02/junk").c_str()));
   EXPECT_FALSE(NSPlatform::PathExists(Dir("cam/2021/03").c_str()));
-  ASSERT_EQ(S_OK, NKvTest::DeleteTree(Dir("cam/2021/02/junk")));
+  ASSERT_EQ(S_OK, NSTest::DeleteTree(Dir("cam/2021/02/junk")));
 
   // Once February is empty, the next search through it erases the month too; the empty year after
   // the last frame goes with a search past it.

@@ -5,13 +5,13 @@
 #include <kronvale/KronvaleResults.h>
 
 using namespace NSKronvale;
-using namespace NKvRecordTest;
+using namespace NSTest;
 
 namespace {
 
 class RecordTest : public ::testing::Test {
  protected:
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
   CTestArchive m_archive{m_dir.Sub(KV_W("arc"))};
 
   WString RecordPath(const char* pszRelative = "") const {
@@ -107,19 +107,19 @@ TEST_F(RecordTest, DescriptionFileIsBareUtf16) {
   EXPECT_EQ(khrFileNotFound, pRecord->GetDescription(&bstr));
   ASSERT_EQ(S_OK, pRecord->SetDescription(NSCom::CComBSTR(KV_W(""))));
   std::string strBytes = "?";
-  ASSERT_EQ(S_OK, NKvTest::ReadFileBytes(RecordPath("cam/record.ald"), &strBytes));
+  ASSERT_EQ(S_OK, NSTest::ReadFileBytes(RecordPath("cam/record.ald"), &strBytes));
   EXPECT_EQ("", strBytes);
   EXPECT_EQ(S_OK, pRecord->GetDescription(&bstr));
   EXPECT_EQ(nullptr, bstr.m_str);
 
   ASSERT_EQ(S_OK, pRecord->SetDescription(NSCom::CComBSTR(KV_W("Gate \u00E9"))));
-  ASSERT_EQ(S_OK, NKvTest::ReadFileBytes(RecordPath("cam/record.ald"), &strBytes));
+  ASSERT_EQ(S_OK, NSTest::ReadFileBytes(RecordPath("cam/record.ald"), &strBytes));
   EXPECT_EQ(std::string("G\0a\0t\0e\0 \0\xE9\0", 12), strBytes);
   ASSERT_EQ(S_OK, pRecord->GetDescription(&bstr));
   EXPECT_EQ(WString(KV_W("Gate \u00E9")), WString(bstr.m_str));
 
   // An odd byte at the end is not a code unit.
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(RecordPath("cam/record.ald"), std::string("A\0B", 3)));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(RecordPath("cam/record.ald"), std::string("A\0B", 3)));
   bstr.Empty();
   ASSERT_EQ(S_OK, pRecord->GetDescription(&bstr));
   EXPECT_EQ(WString(KV_W("A")), WString(bstr.m_str));
@@ -273,9 +273,9 @@ TEST_F(RecordTest, RecordDirectoryRemovedUnderALiveRecord) {
 #ifdef _WIN32
   // Windows keeps the directory of a record whose writer lives ("record.lck" is open); what the
   // operator deletes is everything else in it.
-  ASSERT_EQ(S_OK, NKvTest::DeleteTree(NSPlatform::CombinePath(RecordPath("cam"), KV_W("2021"))));
+  ASSERT_EQ(S_OK, NSTest::DeleteTree(NSPlatform::CombinePath(RecordPath("cam"), KV_W("2021"))));
 #else
-  ASSERT_EQ(S_OK, NKvTest::DeleteTree(RecordPath("cam")));
+  ASSERT_EQ(S_OK, NSTest::DeleteTree(RecordPath("cam")));
 #endif
   FILETIME ftFound;
   EXPECT_EQ(khrFileNotFound, pRecord->Read(Ft(2021, 3, 7, 10), nullptr, nullptr, 0));

@@ -19,7 +19,7 @@
 #include "platform/os.h"
 #include "records/Record.h"
 
-namespace NKvRecordTest {
+namespace NSTest {
 
 
 inline WString W(const char* psz) { return NSPlatform::Utf8ToWide(psz); }
@@ -203,4 +203,4 @@ inline NSCom::CComPtr<IRecordInternal> Internal(IUnknown* p) {
   return Query<IRecordInternal>(p, __uuidof(IRecordInternal));
 }
 
-}  // namespace NKvRecordTest
+}  // namespace NSTest

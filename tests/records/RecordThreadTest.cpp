@@ -6,7 +6,7 @@
 
 #include "records/RecordTestSupport.h"
 
-using namespace NKvRecordTest;
+using namespace NSTest;
 
 namespace {
 
@@ -25,7 +25,7 @@ std::vector<std::string> FrameBuffers(int n) {
 }
 
 TEST(RecordThreadTest, WritersAndReadersShareARecord) {
-  NKvTest::CTempDir dir;
+  NSTest::CTempDir dir;
   CTestArchive archive(dir.Sub(KV_W("arc")));
   auto pWriter = archive.Writer("cam");
   ASSERT_TRUE(pWriter);

@@ -12,7 +12,7 @@
 
 namespace NSPlatform {
 
-using namespace NPosix;
+using namespace NSPosix;
 
 namespace {
 
@@ -128,7 +128,7 @@ HRESULT MakeDirectories(const std::string& strNative) {
 HRESULT CreateDir(const WCHAR* pszPath) {
   const WString strPath = WidePath(pszPath);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   const std::string strNative = WideToUtf8(strPath);
   if (::mkdir(strNative.c_str(), 0777) != 0) {
@@ -141,7 +141,7 @@ HRESULT CreateDir(const WCHAR* pszPath) {
 HRESULT CreateDirTree(const WCHAR* pszPath) {
   const WString strPath = WidePath(pszPath);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   // SHCreateDirectoryExW takes full paths only.
   if (strPath.empty() || !IsPathSeparator(strPath[0])) return Fail(ERROR_BAD_PATHNAME);
   const std::string strNative = WideToUtf8(WithoutTrailingSeparators(CanonicalizePath(strPath)));
@@ -153,7 +153,7 @@ HRESULT CreateDirTree(const WCHAR* pszPath) {
 HRESULT RemoveDir(const WCHAR* pszPath) {
   const WString strPath = WidePath(pszPath);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   const std::string strNative = WideToUtf8(WithoutTrailingSeparators(strPath));
   struct stat st;
@@ -172,7 +172,7 @@ HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, co
   pvEntries->clear();
   const WString strPath = WidePath(pszDirectory);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   const std::string strNative = WideToUtf8(strPath);
   TDirPtr pDir(::opendir(strNative.c_str()));

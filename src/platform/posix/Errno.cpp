@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 
 namespace NSPlatform {
-namespace NPosix {
+namespace NSPosix {
 
 bool ParentIsDirectory(const std::string& strPath) {
   if (strPath.empty()) return false;
@@ -76,5 +76,5 @@ std::string NativePath(const WCHAR* pszPath) { return pszPath ? WideToUtf8(pszPa
 
 WString WidePath(const WCHAR* pszPath) { return pszPath ? WString(pszPath) : WString(); }
 
-}  // namespace NPosix
+}  // namespace NSPosix
 }  // namespace NSPlatform

@@ -10,7 +10,7 @@
 #include "platform/os.h"
 
 namespace NSPlatform {
-namespace NPosix {
+namespace NSPosix {
 
 // What the failing call was about: EEXIST is ERROR_FILE_EXISTS for a file and ERROR_ALREADY_EXISTS
 // for a directory, as CreateFileW and CreateDirectoryW answer.
@@ -44,5 +44,5 @@ auto RetryEintr(F fn) -> decltype(fn()) {
   return r;
 }
 
-}  // namespace NPosix
+}  // namespace NSPosix
 }  // namespace NSPlatform

@@ -34,7 +34,7 @@ constexpr ULONGLONG kullAtPosition = ~0ull;
 }  // namespace
 
 
-using namespace NPosix;
+using namespace NSPosix;
 
 namespace {
 
@@ -158,7 +158,7 @@ HRESULT CFile::Open(const WCHAR* pszPath, DWORD dwAccess, DWORD dwShare, DWORD d
   if (pbExisted) *pbExisted = false;
   const WString strPath = WidePath(pszPath);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Open, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (NSFault::Intercept(NSFault::EOp::Open, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
 
   bool bMayCreate = false, bMustCreate = false, bTruncate = false;
@@ -272,7 +272,7 @@ HRESULT CFile::Read(void* pv, DWORD cb, DWORD* pcbRead) {
   if (pcbRead) *pcbRead = 0;
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Read, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (NSFault::Intercept(NSFault::EOp::Read, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (!(m_dwAccess & GENERIC_READ)) return Fail(ERROR_ACCESS_DENIED);
   if (cb != 0 && !pv) return Fail(ERROR_NOACCESS);
   DWORD cbDone = 0;
@@ -292,7 +292,7 @@ HRESULT CFile::Write(const void* pv, DWORD cb, DWORD* pcbWritten) {
   if (!(m_dwAccess & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
   if (cb != 0 && !pv) return Fail(ERROR_NOACCESS);
   DWORD dwInjected = ERROR_SUCCESS;
-  const bool bInjected = NFault::Intercept(NFault::EOp::Write, m_strPath, &cb, &dwInjected);
+  const bool bInjected = NSFault::Intercept(NSFault::EOp::Write, m_strPath, &cb, &dwInjected);
   DWORD cbDone = 0;
   while (cbDone < cb) {
     const ssize_t n = RetryEintr([&] { return ::write(static_cast<int>(m_hNative), static_cast<const char*>(pv) + cbDone, cb - cbDone); });
@@ -320,7 +320,7 @@ HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, siz
     if (pBuffers[i].cb != 0 && !pBuffers[i].pv) return Fail(ERROR_NOACCESS);
   }
   DWORD dwInjected = ERROR_SUCCESS;
-  const bool bInjected = NFault::Intercept(NFault::EOp::Write, m_strPath, &cbTotal, &dwInjected);
+  const bool bInjected = NSFault::Intercept(NSFault::EOp::Write, m_strPath, &cbTotal, &dwInjected);
 
   // The vector covers exactly cbTotal bytes, which the seam may have lowered for a short write.
   std::vector<iovec> vIov;
@@ -358,7 +358,7 @@ HRESULT CFile::ReadAt(ULONGLONG ullOffset, void* pv, DWORD cb, DWORD* pcbRead) {
   if (pcbRead) *pcbRead = 0;
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Read, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (NSFault::Intercept(NSFault::EOp::Read, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (!(m_dwAccess & GENERIC_READ)) return Fail(ERROR_ACCESS_DENIED);
   if (!IsValidOffset(ullOffset)) return Fail(ERROR_INVALID_PARAMETER);
   if (cb != 0 && !pv) return Fail(ERROR_NOACCESS);
@@ -383,7 +383,7 @@ HRESULT CFile::WriteAt(ULONGLONG ullOffset, const void* pv, DWORD cb, DWORD* pcb
   if (!IsValidOffset(ullOffset) || !IsValidOffset(ullOffset + cb)) return Fail(ERROR_INVALID_PARAMETER);
   if (cb != 0 && !pv) return Fail(ERROR_NOACCESS);
   DWORD dwInjected = ERROR_SUCCESS;
-  const bool bInjected = NFault::Intercept(NFault::EOp::Write, m_strPath, &cb, &dwInjected);
+  const bool bInjected = NSFault::Intercept(NSFault::EOp::Write, m_strPath, &cb, &dwInjected);
   DWORD cbDone = 0;
   while (cbDone < cb) {
     const ssize_t n = RetryEintr([&] {
@@ -434,9 +434,9 @@ HRESULT CFile::GetTimes(FILETIME* pftCreation, FILETIME* pftLastAccess, FILETIME
   if (!pftCreation || !pftLastAccess || !pftLastWrite) return Fail(ERROR_INVALID_PARAMETER);
   struct stat st;
   if (::fstat(static_cast<int>(m_hNative), &st) != 0) return FailErrno(errno);
-  *pftCreation = NPosix::FileTimeFromUnix(st.st_ctim.tv_sec, st.st_ctim.tv_nsec);
-  *pftLastAccess = NPosix::FileTimeFromUnix(st.st_atim.tv_sec, st.st_atim.tv_nsec);
-  *pftLastWrite = NPosix::FileTimeFromUnix(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
+  *pftCreation = NSPosix::FileTimeFromUnix(st.st_ctim.tv_sec, st.st_ctim.tv_nsec);
+  *pftLastAccess = NSPosix::FileTimeFromUnix(st.st_atim.tv_sec, st.st_atim.tv_nsec);
+  *pftLastWrite = NSPosix::FileTimeFromUnix(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
   return S_OK;
 }
 
@@ -453,7 +453,7 @@ HRESULT CFile::SetEndOfFile() {
 HRESULT CFile::Flush() {
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (NSFault::Intercept(NSFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (!(m_dwAccess & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
   if (RetryEintr([&] { return ::fdatasync(static_cast<int>(m_hNative)); }) != 0) return FailErrno(errno);
   return S_OK;
@@ -521,7 +521,7 @@ HRESULT CFileMapping::Map(const CFile& file) {
 HRESULT CFileMapping::Flush() {
   if (!m_pView) return Fail(ERROR_INVALID_HANDLE);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (NSFault::Intercept(NSFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (::msync(m_pView, static_cast<size_t>(m_ullSize), MS_SYNC) != 0) return FailErrno(errno);
   return S_OK;
 }
@@ -540,7 +540,7 @@ void CFileMapping::Unmap() {
 HRESULT RemoveFile(const WCHAR* pszPath) {
   const WString strPath = WidePath(pszPath);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   const std::string strNative = WideToUtf8(strPath);
   struct stat st;
@@ -555,7 +555,7 @@ HRESULT RemoveFile(const WCHAR* pszPath) {
 HRESULT RenameFile(const WCHAR* pszFrom, const WCHAR* pszTo) {
   const WString strFrom = WidePath(pszFrom);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, strFrom, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (NSFault::Intercept(NSFault::EOp::Directory, strFrom, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strFrom.empty() || !pszTo || !*pszTo) return Fail(ERROR_PATH_NOT_FOUND);
   const std::string strNativeFrom = WideToUtf8(strFrom);
   const std::string strNativeTo = NativePath(pszTo);
@@ -625,7 +625,7 @@ HRESULT GetAttributes(const WCHAR* pszPath, DWORD* pdwAttributes) {
 HRESULT SetAttributes(const WCHAR* pszPath, DWORD dwAttributes) {
   const WString strPath = WidePath(pszPath);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   const std::string strNative = WideToUtf8(strPath);
   if (strNative.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   struct stat st;

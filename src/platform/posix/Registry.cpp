@@ -5,7 +5,7 @@
 
 namespace NSPlatform {
 
-using NPosix::Fail;
+using NSPosix::Fail;
 
 HRESULT RegistryCreateKey(ERegistryRoot, const WCHAR*) { return Fail(ERROR_NOT_SUPPORTED); }
 HRESULT RegistryOpenKey(ERegistryRoot, const WCHAR*) { return Fail(ERROR_NOT_SUPPORTED); }

@@ -21,7 +21,7 @@ timespec Now(clockid_t clock) {
 
 }  // namespace
 
-FILETIME NPosix::FileTimeFromUnix(int64_t llSeconds, long lNanoseconds) {
+FILETIME NSPosix::FileTimeFromUnix(int64_t llSeconds, long lNanoseconds) {
   const LONGLONG llSince1601 = llSeconds + llSeconds1601To1970;
   if (llSince1601 < 0) return U64ToFileTime(0);
   return U64ToFileTime(static_cast<ULONGLONG>(llSince1601) * 10000000ULL + static_cast<ULONGLONG>(lNanoseconds) / 100);
@@ -29,18 +29,18 @@ FILETIME NPosix::FileTimeFromUnix(int64_t llSeconds, long lNanoseconds) {
 
 void GetUtcFileTime(FILETIME* pft) {
   const timespec ts = Now(CLOCK_REALTIME);
-  *pft = NPosix::FileTimeFromUnix(ts.tv_sec, ts.tv_nsec);
+  *pft = NSPosix::FileTimeFromUnix(ts.tv_sec, ts.tv_nsec);
 }
 
 void GetUtcSystemTime(SYSTEMTIME* pst) {
   FILETIME ft;
   GetUtcFileTime(&ft);
-  NPortable::FileTimeToSysTime(&ft, pst);
+  NSPortable::FileTimeToSysTime(&ft, pst);
 }
 
-bool SysTimeToFileTime(const SYSTEMTIME* pst, FILETIME* pft) { return NPortable::SysTimeToFileTime(pst, pft); }
+bool SysTimeToFileTime(const SYSTEMTIME* pst, FILETIME* pft) { return NSPortable::SysTimeToFileTime(pst, pft); }
 
-bool FileTimeToSysTime(const FILETIME* pft, SYSTEMTIME* pst) { return NPortable::FileTimeToSysTime(pft, pst); }
+bool FileTimeToSysTime(const FILETIME* pft, SYSTEMTIME* pst) { return NSPortable::FileTimeToSysTime(pft, pst); }
 
 ULONGLONG GetTickCount64() {
   const timespec ts = Now(CLOCK_MONOTONIC);

@@ -6,7 +6,7 @@
 
 namespace NSPlatform {
 
-using namespace NPosix;
+using namespace NSPosix;
 
 HRESULT GetFreeDiskSpace(const WCHAR* pszPath, ULONGLONG* pullFreeToCaller, ULONGLONG* pullTotal,
                          ULONGLONG* pullTotalFree) {
@@ -21,7 +21,7 @@ HRESULT GetFreeDiskSpace(const WCHAR* pszPath, ULONGLONG* pullFreeToCaller, ULON
   ULONGLONG ullFreeToCaller = static_cast<ULONGLONG>(vfs.f_bavail) * ullBlock;
   ULONGLONG ullTotalFree = static_cast<ULONGLONG>(vfs.f_bfree) * ullBlock;
   ULONGLONG ullOverride = 0;
-  if (NFault::GetFreeSpaceOverride(&ullOverride)) ullFreeToCaller = ullTotalFree = ullOverride;
+  if (NSFault::GetFreeSpaceOverride(&ullOverride)) ullFreeToCaller = ullTotalFree = ullOverride;
   if (pullFreeToCaller) *pullFreeToCaller = ullFreeToCaller;
   if (pullTotal) *pullTotal = static_cast<ULONGLONG>(vfs.f_blocks) * ullBlock;
   if (pullTotalFree) *pullTotalFree = ullTotalFree;

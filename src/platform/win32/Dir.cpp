@@ -79,7 +79,7 @@ HRESULT ShellPathList(const WCHAR* pszPath, WString* pstrList) {
 
 HRESULT CreateDir(const WCHAR* pszPath) {
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
+  if (NSFault::Intercept(NSFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
     return FailWith(dwInjected);
   }
   return ::CreateDirectoryW(pszPath, nullptr) ? S_OK : FailLast();
@@ -87,7 +87,7 @@ HRESULT CreateDir(const WCHAR* pszPath) {
 
 HRESULT CreateDirTree(const WCHAR* pszPath) {
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
+  if (NSFault::Intercept(NSFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
     return FailWith(dwInjected);
   }
   // It takes full paths only (a relative one is ERROR_BAD_PATHNAME), and answers a Win32 code
@@ -101,7 +101,7 @@ HRESULT CreateDirTree(const WCHAR* pszPath) {
 
 HRESULT RemoveDir(const WCHAR* pszPath) {
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
+  if (NSFault::Intercept(NSFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
     return FailWith(dwInjected);
   }
   return ::RemoveDirectoryW(pszPath) ? S_OK : FailLast();
@@ -111,7 +111,7 @@ HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, co
   pvEntries->clear();
   WString strDirectory = PathOrEmpty(pszDirectory);
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, strDirectory, nullptr, &dwInjected)) {
+  if (NSFault::Intercept(NSFault::EOp::Directory, strDirectory, nullptr, &dwInjected)) {
     return FailWith(dwInjected);
   }
   WString strPattern = strDirectory;

@@ -92,7 +92,7 @@ HRESULT CFile::Open(const WCHAR* pszPath, DWORD dwAccess, DWORD dwShare, DWORD d
   }
   m_strPath = pszPath;
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Open, m_strPath, nullptr, &dwInjected)) {
+  if (NSFault::Intercept(NSFault::EOp::Open, m_strPath, nullptr, &dwInjected)) {
     return FailWith(dwInjected);
   }
   if (RefusesWriter(pszPath, dwAccess, dwCreation, dwFlagsAndAttributes)) {
@@ -140,7 +140,7 @@ HRESULT CFile::Read(void* pv, DWORD cb, DWORD* pcbRead) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Read, m_strPath, nullptr, &dwInjected)) {
+  if (NSFault::Intercept(NSFault::EOp::Read, m_strPath, nullptr, &dwInjected)) {
     return FailWith(dwInjected);
   }
   DWORD cbRead = 0;
@@ -161,7 +161,7 @@ HRESULT CFile::Write(const void* pv, DWORD cb, DWORD* pcbWritten) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
   DWORD dwInjected = ERROR_SUCCESS;
-  const bool bInjected = NFault::Intercept(NFault::EOp::Write, m_strPath, &cb, &dwInjected);
+  const bool bInjected = NSFault::Intercept(NSFault::EOp::Write, m_strPath, &cb, &dwInjected);
   DWORD cbWritten = 0;
   if (cb != 0 && !::WriteFile(AsHandle(m_hNative), pv, cb, &cbWritten, nullptr)) {
     return FailLast();
@@ -197,7 +197,7 @@ HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, siz
     }
   }
   DWORD dwInjected = ERROR_SUCCESS;
-  const bool bInjected = NFault::Intercept(NFault::EOp::Write, m_strPath, &cbTotal, &dwInjected);
+  const bool bInjected = NSFault::Intercept(NSFault::EOp::Write, m_strPath, &cbTotal, &dwInjected);
   // One buffer, or a short write that ends inside the first one, needs no copy.
   if (cBuffers == 0 || cbTotal <= pBuffers[0].cb) {
     const void* pv = cBuffers == 0 ? nullptr : pBuffers[0].pv;
@@ -253,7 +253,7 @@ HRESULT CFile::ReadAt(ULONGLONG ullOffset, void* pv, DWORD cb, DWORD* pcbRead) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Read, m_strPath, nullptr, &dwInjected)) {
+  if (NSFault::Intercept(NSFault::EOp::Read, m_strPath, nullptr, &dwInjected)) {
     return FailWith(dwInjected);
   }
   OVERLAPPED ov = OverlappedAt(ullOffset);
@@ -280,7 +280,7 @@ HRESULT CFile::WriteAt(ULONGLONG ullOffset, const void* pv, DWORD cb, DWORD* pcb
     return FailWith(ERROR_INVALID_HANDLE);
   }
   DWORD dwInjected = ERROR_SUCCESS;
-  const bool bInjected = NFault::Intercept(NFault::EOp::Write, m_strPath, &cb, &dwInjected);
+  const bool bInjected = NSFault::Intercept(NSFault::EOp::Write, m_strPath, &cb, &dwInjected);
   OVERLAPPED ov = OverlappedAt(ullOffset);
   DWORD cbWritten = 0;
   if (cb != 0 && !::WriteFile(AsHandle(m_hNative), pv, cb, &cbWritten, &ov)) {
@@ -345,7 +345,7 @@ HRESULT CFile::Flush() {
     return FailWith(ERROR_INVALID_HANDLE);
   }
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) {
+  if (NSFault::Intercept(NSFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) {
     return FailWith(dwInjected);
   }
   return ::FlushFileBuffers(AsHandle(m_hNative)) ? S_OK : FailLast();
@@ -422,7 +422,7 @@ HRESULT CFileMapping::Flush() {
     return FailWith(ERROR_INVALID_HANDLE);
   }
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) {
+  if (NSFault::Intercept(NSFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) {
     return FailWith(dwInjected);
   }
   return ::FlushViewOfFile(m_pView, 0) ? S_OK : FailLast();
@@ -447,7 +447,7 @@ void CFileMapping::Unmap() {
 
 HRESULT RemoveFile(const WCHAR* pszPath) {
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, NWin32::PathOrEmpty(pszPath), nullptr, &dwInjected)) {
+  if (NSFault::Intercept(NSFault::EOp::Directory, NWin32::PathOrEmpty(pszPath), nullptr, &dwInjected)) {
     return FailWith(dwInjected);
   }
   return ::DeleteFileW(pszPath) ? S_OK : FailLast();
@@ -455,7 +455,7 @@ HRESULT RemoveFile(const WCHAR* pszPath) {
 
 HRESULT RenameFile(const WCHAR* pszFrom, const WCHAR* pszTo) {
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, NWin32::PathOrEmpty(pszFrom), nullptr, &dwInjected)) {
+  if (NSFault::Intercept(NSFault::EOp::Directory, NWin32::PathOrEmpty(pszFrom), nullptr, &dwInjected)) {
     return FailWith(dwInjected);
   }
   return ::MoveFileExW(pszFrom, pszTo, MOVEFILE_REPLACE_EXISTING) ? S_OK : FailLast();
@@ -494,7 +494,7 @@ HRESULT GetAttributes(const WCHAR* pszPath, DWORD* pdwAttributes) {
 
 HRESULT SetAttributes(const WCHAR* pszPath, DWORD dwAttributes) {
   DWORD dwInjected = ERROR_SUCCESS;
-  if (NFault::Intercept(NFault::EOp::Directory, NWin32::PathOrEmpty(pszPath), nullptr, &dwInjected)) {
+  if (NSFault::Intercept(NSFault::EOp::Directory, NWin32::PathOrEmpty(pszPath), nullptr, &dwInjected)) {
     return FailWith(dwInjected);
   }
   // The directory bit cannot be set or cleared this way; zero would mean "no change" to the file

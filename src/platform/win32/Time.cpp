@@ -13,7 +13,7 @@ void GetUtcSystemTime(SYSTEMTIME* pst) { ::GetSystemTime(pst); }
 // accepts 29 February of every year and years past 30827, which Windows refuses.
 bool SysTimeToFileTime(const SYSTEMTIME* pst, FILETIME* pft) {
   FILETIME ftVetted;
-  if (!NPortable::SysTimeToFileTime(pst, &ftVetted)) {
+  if (!NSPortable::SysTimeToFileTime(pst, &ftVetted)) {
     return false;
   }
   return ::SystemTimeToFileTime(pst, pft) != FALSE;

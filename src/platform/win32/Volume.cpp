@@ -16,7 +16,7 @@ HRESULT GetFreeDiskSpace(const WCHAR* pszPath, ULONGLONG* pullFreeToCaller, ULON
   // A test's override stands for the free space only: the path must still name a volume, and the
   // volume's size is the real one.
   ULONGLONG ullOverride = 0;
-  if (NFault::GetFreeSpaceOverride(&ullOverride)) {
+  if (NSFault::GetFreeSpaceOverride(&ullOverride)) {
     uliFreeToCaller.QuadPart = ullOverride;
     uliTotalFree.QuadPart = ullOverride;
   }

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace NKillHarness {
+namespace NSTest {
 
 constexpr uint64_t kullTicksPerSecond = 10000000ull;
 constexpr uint64_t kullTicksPerHour = 3600ull * kullTicksPerSecond;
@@ -86,4 +86,4 @@ class CFrameModel {
   uint64_t m_ullStep;
 };
 
-}  // namespace NKillHarness
+}  // namespace NSTest

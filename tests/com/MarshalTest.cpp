@@ -8,7 +8,7 @@
 #include "TestObjects.h"
 
 using namespace NSCom;
-using namespace NSComTest;
+using namespace NSTest;
 
 namespace {
 

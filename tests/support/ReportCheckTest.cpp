@@ -35,7 +35,7 @@ struct SFrameInfo {
 
 }  // namespace
 
-namespace NSKronvaleTest {
+namespace NSTest {
 
 // Stands in for an engine object: its methods check the way engine methods do.
 class CArchiveLike {
@@ -80,11 +80,11 @@ struct CHolder {
 
 bool ConformantLike() { return KV_ATLVERIFY(NSPlatform::GetTickCount64() == 0); }
 
-}  // namespace NSKronvaleTest
+}  // namespace NSTest
 
 namespace {
 
-using NSKronvaleTest::CArchiveLike;
+using NSTest::CArchiveLike;
 
 TEST(ReportChecks, NullPointerReportsItsNameAndKeepsTheLastError) {
   CLogCapture capture;
@@ -108,7 +108,7 @@ TEST(ReportChecks, NullPointerReportsItsNameAndKeepsTheLastError) {
   EXPECT_EQ(U8(reports[0].strText), "pdwCount\n");
   EXPECT_EQ(U8(reports[0].strCategory), "TRASSDO");
   EXPECT_EQ(reports[0].strFunction, "CArchiveLike::GetCount");
-  EXPECT_EQ(reports[0].strFile, "report_check_test.cpp");
+  EXPECT_EQ(reports[0].strFile, "ReportCheckTest.cpp");
   EXPECT_GT(reports[0].nLine, 0);
   EXPECT_EQ(U8(reports[1].strText), "pdwCount && ppRecordStatistic\n");
   EXPECT_EQ(reports[1].strFunction, "CArchiveLike::GetStatistics");
@@ -178,7 +178,7 @@ TEST(ReportChecks, InvariantTextsWithRecordedValues) {
   // Passing checks report nothing; wrappers yield their value outside checks too.
   EXPECT_TRUE(KV_ASSERT(KV_AR(cbFile) == 1548600));
   EXPECT_EQ(KV_AR(Add(1, 1)), 2);
-  EXPECT_FALSE(NSKronvaleTest::CHolder<int>().Check(4));
+  EXPECT_FALSE(NSTest::CHolder<int>().Check(4));
 
   std::vector<SLoggedReport> reports = capture.Reports();
   ASSERT_EQ(reports.size(), 9u);
@@ -217,7 +217,7 @@ TEST(ReportChecks, AtlVerifyCategoryAndFunctionNames) {
     FILETIME ftMaxFileTime;
     EXPECT_FALSE(KV_ATLVERIFY(NSPlatform::SysTimeToFileTime(&sysTime, &ftMaxFileTime)));
   }
-  EXPECT_FALSE(NSKronvaleTest::ConformantLike());
+  EXPECT_FALSE(NSTest::ConformantLike());
   std::vector<SLoggedReport> reports = capture.Reports();
   ASSERT_EQ(reports.size(), 2u);
   EXPECT_EQ(U8(reports[0].strText), "NSPlatform::SysTimeToFileTime(&sysTime, &ftMaxFileTime)");

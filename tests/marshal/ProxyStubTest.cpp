@@ -9,7 +9,7 @@
 
 #include "marshal/MarshalHarness.h"
 
-using namespace NKvMarshalTest;
+using namespace NSTest;
 using NSCom::CComPtr;
 
 namespace {

@@ -7,9 +7,9 @@
 #include "common/TempDir.h"
 #include "platform/os.h"
 
-using NKvTest::CTempDir;
-using NKvTest::ReadFileBytes;
-using NKvTest::WriteFileBytes;
+using NSTest::CTempDir;
+using NSTest::ReadFileBytes;
+using NSTest::WriteFileBytes;
 
 TEST(Win32Names, FoldPathCaseLowersEveryScript) {
   using NSPlatform::FoldPathCase;

@@ -6,7 +6,7 @@
 #include "TestObjects.h"
 
 using namespace NSCom;
-using namespace NSComTest;
+using namespace NSTest;
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "marshal/MarshalHarness.h"
 
-using namespace NKvMarshalTest;
+using namespace NSTest;
 using NSCom::CComBSTR;
 using NSCom::CComPtr;
 

@@ -52,7 +52,7 @@ TEST(ReportLog, MessagesAtEachLevel) {
   EXPECT_EQ(U8(reports[0].strText), "Archive opened from cache: C:\\Archives\\Zürich\n");
   EXPECT_EQ(U8(reports[0].strCategory), "message");
   EXPECT_EQ(reports[0].strFunction, "ReportLog_MessagesAtEachLevel_Test::TestBody");
-  EXPECT_EQ(reports[0].strFile, "report_log_test.cpp");
+  EXPECT_EQ(reports[0].strFile, "ReportLogTest.cpp");
   EXPECT_EQ(reports[0].nLine, nLine);
   EXPECT_EQ(U8(reports[1].strCategory), "warning");
   EXPECT_EQ(U8(reports[1].strText), "Failed to open next hour 2021\\03\\07\\05\n");
@@ -72,7 +72,7 @@ TEST(ReportLog, MessagesAtEachLevel) {
   std::string strFirst = strRaw.substr(0, strRaw.find('\n'));
   EXPECT_TRUE(std::regex_match(
       strFirst, std::regex("<report time=\"\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z\" thread=\"\\d+\" "
-                           "function=\"ReportLog_MessagesAtEachLevel_Test::TestBody\" file=\"report_log_test.cpp\" "
+                           "function=\"ReportLog_MessagesAtEachLevel_Test::TestBody\" file=\"ReportLogTest.cpp\" "
                            "line=\"\\d+\" category=\"message\">Archive opened from cache: .*")))
       << strFirst;
 }
