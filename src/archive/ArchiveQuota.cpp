@@ -320,6 +320,7 @@ void TrimHourCounts(const std::vector<SRemovalRecord>& vRecords, LONG lHourLimit
       strHour = NextDeletableHour(record.pInternal, strHour);
     }
     const DWORD cHours = record.pInternal->GetHourCount();
+    // frozen text: "containig" is spelled so on purpose
     if (static_cast<LONGLONG>(cHours) > lHourLimit)
       KV_LOG_WARNING(KV_W("Per record hour count limit of %d hours was exceeded for record '%s' currently containig %d hours\n"),
                      static_cast<int>(lHourLimit), RecordPath(record.pRecord).c_str(), static_cast<int>(cHours));

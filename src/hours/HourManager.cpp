@@ -190,7 +190,7 @@ HRESULT CHourManager::OpenHash(bool bCreate) {
   hr = m_hashFile.GetSize(&ullSize);
   if (!KV_SUCCEEDED(hr)) return hr;
   if (!KV_ASSERT_TEXT(
-          ::NSReport::NDetail::RecordValue("_AR(", "GetFileSize(hHash, NULL)", ullSize) == sizeof(SHashFile),
+          ::NSReport::NSDetail::RecordValue("_AR(", "GetFileSize(hHash, NULL)", ullSize) == sizeof(SHashFile),
           "_AR(GetFileSize(hHash, NULL))==sizeof(SHashFile)\n"))
     return khrFileCorrupt;
   m_bMapLater = true;  // mapped by OpenLocked, or when first needed (MapView)
@@ -910,6 +910,7 @@ bool CHourManager::IsCorruptedLocked() {
   }
   const SFrameInfoHash* pSlot = GetSlot(st);
   if (!pSlot || pSlot->GetIndex() != ullDescriptorSize / sizeof(SFrameInfo) - 1) {
+    // frozen text: it does not describe this test, and stays as it is
     KV_LOG(kszLevelHourService, KV_W("Hour %s is corrupted: last index must be multiple of index file size\n"),
            m_strPath.c_str());
     return true;

@@ -167,7 +167,7 @@ class CCheck {
   SItem m_items[kcMaxItems];
 };
 
-namespace NDetail {
+namespace NSDetail {
 
 template <class T>
 CCheck::SItem MakeItem(const char* pszPrefix, const char* pszName, const T& value) noexcept {
@@ -238,7 +238,7 @@ T&& RecordResult(const char* pszName, T&& value) noexcept {
   return std::forward<T>(value);
 }
 
-}  // namespace NDetail
+}  // namespace NSDetail
 
 // Raises the module's exception carrying E_OUTOFMEMORY. Not reported through the log.
 [[noreturn]] void ThrowOutOfMemory();
@@ -282,7 +282,9 @@ inline constexpr NSReport::SFunctionName kv_reportFunctionName{nullptr};
 #define KV_VERIFY(expr) (::NSReport::CCheck(KV_HERE, #expr "\n").Verify(static_cast<bool>(expr)))
 // Invariant check; reported the same way.
 #define KV_ASSERT(expr) (::NSReport::CCheck(KV_HERE, #expr "\n").Verify(static_cast<bool>(expr)))
-// A check with its report text given in full (a narrow literal, normally ending in "\n").
+// A check with its report text given in full (a narrow literal, normally ending in "\n"). Its text
+// is frozen: it is the system's promised text, and it often names a variable of an older spelling
+// of the code ("pftPrevFrameTime\n" where the output is pftOutFrameTime). Keep it as it stands.
 #define KV_ASSERT_TEXT(expr, text) (::NSReport::CCheck(KV_HERE, text).Verify(static_cast<bool>(expr)))
 // KV_VERIFY(SUCCEEDED(KV_ARE(hr))) for an HRESULT variable: answers whether hr is a success.
 #define KV_SUCCEEDED(hr) KV_VERIFY(SUCCEEDED(KV_ARE(hr)))
@@ -310,9 +312,9 @@ inline constexpr NSReport::SFunctionName kv_reportFunctionName{nullptr};
 // it into the check's text after the expression. The texts are the system's own and spell these
 // "_AR(", "_TR(" and "_ARE(" (a check's text has the "KV" of the names taken out), so
 // KV_VERIFY(SUCCEEDED(KV_ARE(hr))) reports "SUCCEEDED(_ARE(hr))\n" with the value written in.
-#define KV_AR(x) ::NSReport::NDetail::RecordValue("_AR(", #x, x)
-#define KV_TR(x) ::NSReport::NDetail::RecordValue("_TR(", #x, x)
-#define KV_ARE(x) ::NSReport::NDetail::RecordResult(#x, x)
+#define KV_AR(x) ::NSReport::NSDetail::RecordValue("_AR(", #x, x)
+#define KV_TR(x) ::NSReport::NSDetail::RecordValue("_TR(", #x, x)
+#define KV_ARE(x) ::NSReport::NSDetail::RecordResult(#x, x)
 
 // ---- Messages ------------------------------------------------------------------------------------
 

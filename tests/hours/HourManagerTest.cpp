@@ -88,18 +88,18 @@ class CProgressLog final : public IProgress {
 
 class HourTest : public ::testing::Test {
  protected:
-  void TearDown() override { NSPlatform::NFault::Reset(); }
+  void TearDown() override { NSPlatform::NSFault::Reset(); }
 
  public:
   WString HourPath() const { return m_dir.Sub(Native("rec/2021/03/07/12")); }
   WString FilePath(const WCHAR* pszName) const { return NSPlatform::CombinePath(HourPath(), pszName); }
   std::string FileBytes(const WCHAR* pszName) const {
     std::string str;
-    EXPECT_EQ(NKvTest::ReadFileBytes(FilePath(pszName), &str), S_OK);
+    EXPECT_EQ(NSTest::ReadFileBytes(FilePath(pszName), &str), S_OK);
     return str;
   }
   void Put(const WCHAR* pszName, const std::string& s) {
-    ASSERT_EQ(NKvTest::WriteFileBytes(FilePath(pszName), s), S_OK);
+    ASSERT_EQ(NSTest::WriteFileBytes(FilePath(pszName), s), S_OK);
   }
   // Overwrites bytes at an offset, extending the file when they reach past its end.
   void Patch(const WCHAR* pszName, size_t cbOffset, const std::string& strBytes) {
@@ -112,14 +112,14 @@ class HourTest : public ::testing::Test {
     return FileBytes(kszDataFileName) + "|" + FileBytes(kszDescriptorFileName) + "|" + FileBytes(kszHashFileName);
   }
   void Cut(const WCHAR* pszName, size_t cbSize) { Put(pszName, FileBytes(pszName).substr(0, cbSize)); }
-  void ResetHour() { NKvTest::DeleteTree(m_dir.Sub(KV_W("rec"))); }
+  void ResetHour() { NSTest::DeleteTree(m_dir.Sub(KV_W("rec"))); }
   void WriteHour(const std::vector<SFrame>& vFrames) {
     CHourManager hour(m_pLock);
     ASSERT_EQ(hour.Open(HourPath(), true, false), S_OK);
     for (const SFrame& f : vFrames) ASSERT_EQ(Write(hour, f.st, f.dwFlags, f.vBuffers), S_OK);
   }
 
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
   NSSystem::ILockPtr m_pLock = std::make_shared<NSSystem::SLock>();
 };
 
@@ -249,12 +249,12 @@ TEST_F(HourTest, ReadsIntoCallerMemoryTaskMemoryAndOneCarvedBlock) {
   const SYSTEMTIME st = At(5, 0, 0);
 
   // Count 0 never touches data.al (every read of it would fail).
-  NSPlatform::NFault::Arm({NSPlatform::NFault::EOp::Read, 1, ERROR_READ_FAULT, true, -1, KV_W("data.al")});
+  NSPlatform::NSFault::Arm({NSPlatform::NSFault::EOp::Read, 1, ERROR_READ_FAULT, true, -1, KV_W("data.al")});
   DWORD dwFlags = 0;
   EXPECT_EQ(hour.Read(st, nullptr, nullptr, 0), S_FALSE);
   EXPECT_EQ(hour.Read(st, &dwFlags, nullptr, 0), S_FALSE);
   EXPECT_EQ(dwFlags, 0x9u);
-  NSPlatform::NFault::Reset();
+  NSPlatform::NSFault::Reset();
 
   // Task memory for null pointers; the caller frees it.
   SHourFrameBuffer v[3] = {};
@@ -623,6 +623,42 @@ TEST_F(HourTest, RepairKeepsAFrameCutAtItsOffsetPlusItsFullSizeAndNoShorter) {
     EXPECT_EQ(hour.GetFrameCount(), cbLess ? 1u : 2u);
     EXPECT_EQ(ReadOne(hour, At(0, 0, 0)), "one");
   }
+  // The walk's stop names the frame's end; the text is frozen.
+  Put(kszDataFileName, strHealthy.substr(0, 35 + 44 - 1));
+  CHourManager hour(m_pLock);
+  ASSERT_EQ(hour.Open(HourPath(), false, false), S_OK);
+  hour.Close();
+  NSTest::CLogCapture capture;
+  ASSERT_EQ(hour.Repair(nullptr), S_OK);
+  const std::vector<NSTest::SLoggedReport> vChecks = capture.Reports(KV_W("TRASSDO"));
+  ASSERT_EQ(vChecks.size(), 1u);
+  EXPECT_EQ(vChecks[0].strText, KV_W("ULONGLONG(llLastHealthyPos+oFrameHeader.dwFullSize) <= ullFileSize\n"));
+}
+
+// Every call on an hour that is not open answers khrInvalidState with the frozen text of the check
+// that refuses it, and changes nothing.
+TEST_F(HourTest, AClosedHourRefusesEveryCallWithItsFrozenText) {
+  WriteHour({{At(0, 0, 0), 0x1, {"one"}}});
+  const std::string strBefore = AllBytes();
+  CHourManager hour(m_pLock);
+  NSTest::CLogCapture capture;
+  std::string str = "x";
+  SHourFrameBuffer buffer = {reinterpret_cast<BYTE*>(str.data()), 1};
+  EXPECT_EQ(hour.Write(At(0, 0, 0), 0, &buffer, 1), khrInvalidState);
+  EXPECT_EQ(hour.Refresh(), khrInvalidState);
+  FILETIME ft = {};
+  EXPECT_EQ(hour.GetSibling(At(0, 0, 0), nullptr, &ft, true, true), khrInvalidState);
+  SHourStatistic statistic = {};
+  EXPECT_EQ(hour.GetStatistic(&statistic), khrInvalidState);
+  std::vector<SHourCell> vCells;
+  EXPECT_EQ(hour.GetCells(At(0, 0, 0), At(59, 59, 990), 100, nullptr, &vCells), khrInvalidState);
+  EXPECT_EQ(hour.GetFullSizeIfOpen(), 0u);
+  std::vector<WString> vTexts;
+  for (const NSTest::SLoggedReport& report : capture.Reports(KV_W("TRASSDO"))) vTexts.push_back(report.strText);
+  const WString strClosed = KV_W("pDescriptorHeader\n");
+  EXPECT_EQ(vTexts, (std::vector<WString>{strClosed, strClosed, strClosed, strClosed, strClosed,
+                                          KV_W("m_hFile && INVALID_HANDLE_VALUE!=m_hFile\n")}));
+  EXPECT_TRUE(AllBytes() == strBefore);
 }
 
 TEST_F(HourRepairTest, DescriptorCutAtEveryOffsetOfItsLastTwoEntriesRepairsEveryFrame) {
@@ -646,10 +682,10 @@ TEST_F(HourRepairTest, DescriptorCutAtEveryOffsetOfItsLastTwoEntriesRepairsEvery
 // garbage from a later repair (which stops at the first bad frame), and the refused frame never
 // comes back. Then a crash tears the last frame: a repair loses that frame and nothing else.
 TEST_F(HourRepairTest, AFailedAppendLeavesTheHourAsItWasAndLaterFramesSurviveARepair) {
-  using NSPlatform::NFault::EOp;
+  using NSPlatform::NSFault::EOp;
   struct SCase {
     const char* pszName;
-    NSPlatform::NFault::SRule rule;
+    NSPlatform::NSFault::SRule rule;
     HRESULT hr;
   } const vCases[] = {
       {"short data", {EOp::Write, 1, 0, false, 10, KV_W("data.al")}, khrWriteFault},
@@ -667,9 +703,9 @@ TEST_F(HourRepairTest, AFailedAppendLeavesTheHourAsItWasAndLaterFramesSurviveARe
     {
       CHourManager hour(m_pLock);
       ASSERT_EQ(hour.Open(HourPath(), true, false), S_OK);
-      NSPlatform::NFault::Arm(c.rule);
+      NSPlatform::NSFault::Arm(c.rule);
       EXPECT_EQ(Write(hour, At(0, 3, 0), 0x10, {std::string(100, 'x')}), c.hr);
-      NSPlatform::NFault::Reset();
+      NSPlatform::NSFault::Reset();
       EXPECT_EQ(AllBytes(), m_vHealthy[0] + "|" + m_vHealthy[1] + "|" + m_vHealthy[2]);
       EXPECT_EQ(ReadOne(hour, At(0, 3, 0)), "hr=" + std::to_string(static_cast<DWORD>(khrNotFound)));
       // Space is back: twenty frames follow, the last one torn by a crash.
