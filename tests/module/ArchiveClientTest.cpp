@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <kronvale/kronvale.h>
+#include <kronvale/KronvaleClient.h>
 
 #include <string>
 
@@ -10,35 +11,10 @@
 #include "common/TempDir.h"
 #include "module/Library.h"
 
+using NSKronvale::CBstr;
+using NSKronvale::CPtr;
+
 namespace {
-
-// Owns one interface pointer.
-template <class I>
-class CPtr {
- public:
-  CPtr() = default;
-  ~CPtr() {
-    if (p) p->Release();
-  }
-  CPtr(const CPtr&) = delete;
-  CPtr& operator=(const CPtr&) = delete;
-  I** operator&() { return &p; }
-  I* operator->() const { return p; }
-  I* p = nullptr;
-};
-
-// A BSTR for a call.
-class CBstr {
- public:
-  explicit CBstr(const WString& str) : m_bstr(SysAllocStringLen(str.data(), static_cast<UINT>(str.size()))) {}
-  ~CBstr() { SysFreeString(m_bstr); }
-  CBstr(const CBstr&) = delete;
-  CBstr& operator=(const CBstr&) = delete;
-  operator BSTR() const { return m_bstr; }
-
- private:
-  BSTR m_bstr;
-};
 
 class ArchiveClientTest : public ::testing::Test {
  protected:
@@ -47,9 +23,9 @@ class ArchiveClientTest : public ::testing::Test {
     ASSERT_EQ(S_OK, m_library.GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&m_pFactory)));
   }
 
-  NSModuleTest::CLibrary m_library;
+  NSTest::CLibrary m_library;
   CPtr<IArchiveFactory> m_pFactory;
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
 };
 
 TEST_F(ArchiveClientTest, FramesReachTheDiskThroughThePublicInterfaces) {

@@ -6,6 +6,7 @@
 
 #include <kronvale/KronvaleResults.h>
 #include <kronvale/kronvale.h>
+#include <kronvale/KronvaleClient.h>
 
 #include <string>
 
@@ -15,33 +16,6 @@
 using namespace NSKronvale;
 
 namespace {
-
-template <class I>
-struct CPtr {
-  CPtr() = default;
-  ~CPtr() { Reset(); }
-  CPtr(const CPtr&) = delete;
-  CPtr& operator=(const CPtr&) = delete;
-  void Reset() {
-    if (p) p->Release();
-    p = nullptr;
-  }
-  I** operator&() { return &p; }
-  I* operator->() const { return p; }
-  I* p = nullptr;
-};
-
-class CBstr {
- public:
-  explicit CBstr(const WString& str) : m_bstr(SysAllocStringLen(str.data(), static_cast<UINT>(str.size()))) {}
-  ~CBstr() { SysFreeString(m_bstr); }
-  CBstr(const CBstr&) = delete;
-  CBstr& operator=(const CBstr&) = delete;
-  operator BSTR() const { return m_bstr; }
-
- private:
-  BSTR m_bstr;
-};
 
 WString WithNul(const WString& strBefore, const WString& strAfter) {
   WString str = strBefore;
@@ -67,7 +41,7 @@ class HostileInputTest : public ::testing::Test {
     ASSERT_TRUE(m_library.IsLoaded());
     ASSERT_EQ(S_OK, m_library.GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&m_pFactory)));
     ASSERT_EQ(S_OK, NSPlatform::CreateDirTree(m_dir.Sub(KV_W("witness")).c_str()));
-    ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(Witness(KV_W("keep.bin")), "precious"));
+    ASSERT_EQ(S_OK, NSTest::WriteFileBytes(Witness(KV_W("keep.bin")), "precious"));
     m_strWitness = Tree(m_dir.Path());
   }
   void TearDown() override {
@@ -89,9 +63,9 @@ class HostileInputTest : public ::testing::Test {
     return *pszMore ? NSPlatform::CombinePath(m_dir.Sub(KV_W("arc")), pszMore) : m_dir.Sub(KV_W("arc"));
   }
 
-  NSModuleTest::CLibrary m_library;
+  NSTest::CLibrary m_library;
   CPtr<IArchiveFactory> m_pFactory;
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
   std::string m_strWitness;
 };
 
@@ -171,8 +145,8 @@ TEST_F(HostileInputTest, RecordNamesAndBuffersThatCannotBeStoredAreRefusedAndLea
 // opening it says so, deleting it is allowed, and creating an archive there finishes the job.
 TEST_F(HostileInputTest, TheLeftoversOfAKilledCreationAreFinishedByTheNextCreation) {
   ASSERT_EQ(S_OK, NSPlatform::CreateDirTree(Arc().c_str()));
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(Arc(KV_W("settings.als.new")), ""));
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(Arc(KV_W("descriptor.ald")), ""));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(Arc(KV_W("settings.als.new")), ""));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(Arc(KV_W("descriptor.ald")), ""));
   CPtr<IKronvale> pArchive;
   EXPECT_EQ(khrPathNotFound, m_pFactory->OpenArchive(CBstr(Arc()), &pArchive));
   ASSERT_EQ(S_OK, m_pFactory->CreateArchive(CBstr(Arc()), &pArchive));
@@ -186,12 +160,12 @@ TEST_F(HostileInputTest, TheLeftoversOfAKilledCreationAreFinishedByTheNextCreati
 
   // Leftovers alone may be deleted; anything else beside them makes the directory someone else's.
   ASSERT_EQ(S_OK, NSPlatform::CreateDirTree(Arc().c_str()));
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(Arc(KV_W("settings.als.new")), "<con"));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(Arc(KV_W("settings.als.new")), "<con"));
   EXPECT_EQ(S_OK, m_pFactory->DeleteArchive(CBstr(Arc())));
   EXPECT_FALSE(NSPlatform::PathExists(Arc().c_str()));
   ASSERT_EQ(S_OK, NSPlatform::CreateDirTree(Arc().c_str()));
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(Arc(KV_W("settings.als.new")), ""));
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(Arc(KV_W("notes.txt")), "mine"));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(Arc(KV_W("settings.als.new")), ""));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(Arc(KV_W("notes.txt")), "mine"));
   EXPECT_EQ(E_INVALIDARG, m_pFactory->DeleteArchive(CBstr(Arc())));
   EXPECT_EQ(khrDirectoryNotEmpty, m_pFactory->CreateArchive(CBstr(Arc()), &pArchive));
   EXPECT_TRUE(NSPlatform::PathExists(Arc(KV_W("notes.txt")).c_str()));

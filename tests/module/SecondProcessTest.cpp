@@ -5,6 +5,7 @@
 
 #include <kronvale/KronvaleResults.h>
 #include <kronvale/kronvale.h>
+#include <kronvale/KronvaleClient.h>
 
 #include <cstdlib>
 #include <string>
@@ -28,33 +29,6 @@ namespace {
 
 constexpr char kszArchiveVariable[] = "KV_TEST_SECOND_PROCESS_ARCHIVE";
 const FILETIME kftFrame = {0x2A69C000u, 0x01D71234u};
-
-class CBstr {
- public:
-  explicit CBstr(const WString& str) : m_bstr(SysAllocStringLen(str.data(), static_cast<UINT>(str.size()))) {}
-  ~CBstr() { SysFreeString(m_bstr); }
-  CBstr(const CBstr&) = delete;
-  CBstr& operator=(const CBstr&) = delete;
-  operator BSTR() const { return m_bstr; }
-
- private:
-  BSTR m_bstr;
-};
-
-template <class I>
-struct CPtr {
-  CPtr() = default;
-  ~CPtr() { Reset(); }
-  void Reset() {
-    if (p) p->Release();
-    p = nullptr;
-  }
-  CPtr(const CPtr&) = delete;
-  CPtr& operator=(const CPtr&) = delete;
-  I** operator&() { return &p; }
-  I* operator->() const { return p; }
-  I* p = nullptr;
-};
 
 // This test program run again with the tests of one suite only and the archive's path in the
 // environment. Wait answers its exit code (0 when every expectation held there, and no sanitizer
@@ -135,11 +109,11 @@ bool WaitForFile(const WString& strPath) {
 // The recorder: makes an archive, writes a frame and keeps its writer while the second process
 // runs, then writes on and deletes the record itself.
 TEST(RecordingProcess, ASecondProcessReadsButNeitherWritesNorDeletes) {
-  NSModuleTest::CLibrary library;
+  NSTest::CLibrary library;
   ASSERT_TRUE(library.IsLoaded());
   CPtr<IArchiveFactory> pFactory;
   ASSERT_EQ(S_OK, library.GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
-  NKvTest::CTempDir dir;
+  NSTest::CTempDir dir;
   const WString strArchive = dir.Sub(KV_W("arc"));
   CPtr<IKronvale> pArchive;
   ASSERT_EQ(S_OK, pFactory->CreateArchive(CBstr(strArchive), &pArchive));
@@ -169,7 +143,7 @@ TEST(SecondProcess, ReadsTheRecordingAndIsRefusedItsWriter) {
   const WString strArchive = NSPlatform::Utf8ToWide(pszArchive);
   // Kept loaded to the end of the process, as a host keeps it: the archive stays in the factory's
   // cache (this process must not delete the recorder's archive to empty it).
-  static NSModuleTest::CLibrary* s_pLibrary = new NSModuleTest::CLibrary;
+  static NSTest::CLibrary* s_pLibrary = new NSTest::CLibrary;
   ASSERT_TRUE(s_pLibrary->IsLoaded());
   CPtr<IArchiveFactory> pFactory;
   ASSERT_EQ(S_OK, s_pLibrary->GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
@@ -197,14 +171,14 @@ TEST(SecondProcess, ReadsTheRecordingAndIsRefusedItsWriter) {
 // frames still unflushed) and never releases anything: exit stops the workers before the library's
 // static objects go, so the sanitizer presets see no use after free and no race.
 TEST(ExitingProcess, EndsCleanlyWhileItsArchiveWorks) {
-  NKvTest::CTempDir dir;
+  NSTest::CTempDir dir;
   EXPECT_EQ(0, RunSecondProcess(dir.Sub(KV_W("arc")), "ExitWhileWorking"));
 }
 
 TEST(ExitWhileWorking, ExitsHoldingItsArchive) {
   const char* pszArchive = std::getenv(kszArchiveVariable);
   if (!pszArchive) GTEST_SKIP() << "runs as the second process of ExitingProcess only";
-  static NSModuleTest::CLibrary* s_pLibrary = new NSModuleTest::CLibrary;  // never unloaded: the process ends with it
+  static NSTest::CLibrary* s_pLibrary = new NSTest::CLibrary;  // never unloaded: the process ends with it
   ASSERT_TRUE(s_pLibrary->IsLoaded());
   IArchiveFactory* pFactory = nullptr;
   ASSERT_EQ(S_OK, s_pLibrary->GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
@@ -227,11 +201,11 @@ TEST(ExitWhileWorking, ExitsHoldingItsArchive) {
 // and its index mapped): the repair must neither fail for the reader's handles nor leave the hour
 // without its index, and the reader goes on reading what it has.
 TEST(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
-  NSModuleTest::CLibrary library;
+  NSTest::CLibrary library;
   ASSERT_TRUE(library.IsLoaded());
   CPtr<IArchiveFactory> pFactory;
   ASSERT_EQ(S_OK, library.GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
-  NKvTest::CTempDir dir;
+  NSTest::CTempDir dir;
   const WString strArchive = dir.Sub(KV_W("arc"));
   BYTE abData[] = {'f', 'r', 'a', 'm', 'e'};
   const SFrameBuffer buffer = {abData, sizeof(abData)};
@@ -263,9 +237,9 @@ TEST(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
   }
   const WString strData = NSPlatform::CombinePath(strHour, KV_W("data.al"));
   std::string strBytes;
-  ASSERT_EQ(S_OK, NKvTest::ReadFileBytes(strData, &strBytes));
+  ASSERT_EQ(S_OK, NSTest::ReadFileBytes(strData, &strBytes));
   strBytes.resize(strBytes.size() - 30);
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(strData, strBytes));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(strData, strBytes));
 
   CSecondProcess reader(strArchive, "HoldingReader");
   ASSERT_TRUE(WaitForFile(dir.Sub(KV_W("ready"))));
@@ -279,7 +253,7 @@ TEST(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
     EXPECT_EQ(S_FALSE, pWriter->Read(at(0), &dwFlags, nullptr, 0));
     EXPECT_EQ(khrNotFound, pWriter->Read(at(2), &dwFlags, nullptr, 0));
     EXPECT_EQ(S_OK, pWriter->Write(at(3), 1, &buffer, 1));
-    ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(dir.Sub(KV_W("done")), "done"));
+    ASSERT_EQ(S_OK, NSTest::WriteFileBytes(dir.Sub(KV_W("done")), "done"));
     EXPECT_EQ(0, reader.Wait());
     EXPECT_EQ(S_FALSE, pWriter->Read(at(3), &dwFlags, nullptr, 0));
     pWriter.Reset();
@@ -296,7 +270,7 @@ TEST(HoldingReader, HoldsTheHourOpenUntilTold) {
   const WString strArchive = NSPlatform::Utf8ToWide(pszArchive);
   WString strDirectory = strArchive;
   while (!strDirectory.empty() && !NSPlatform::IsPathSeparator(strDirectory.back())) strDirectory.pop_back();
-  static NSModuleTest::CLibrary* s_pLibrary = new NSModuleTest::CLibrary;
+  static NSTest::CLibrary* s_pLibrary = new NSTest::CLibrary;
   ASSERT_TRUE(s_pLibrary->IsLoaded());
   CPtr<IArchiveFactory> pFactory;
   ASSERT_EQ(S_OK, s_pLibrary->GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
@@ -308,7 +282,7 @@ TEST(HoldingReader, HoldsTheHourOpenUntilTold) {
   DWORD dwFlags = 0;
   ASSERT_EQ(S_OK, pReader->Read(kftFrame, &dwFlags, &buffer, 1));
   CoTaskMemFree(buffer.pData);
-  ASSERT_EQ(S_OK, NKvTest::WriteFileBytes(strDirectory + KV_W("ready"), "ready"));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(strDirectory + KV_W("ready"), "ready"));
   ASSERT_TRUE(WaitForFile(strDirectory + KV_W("done")));
   // What it had open still reads.
   buffer = {nullptr, 0};

@@ -3,6 +3,7 @@
 // and the public interfaces only; verify and repair read the hour files directly and repair them
 // with the engine's own hour repair, as a maintenance tool may. `kvtool --help` lists the verbs.
 #include <kronvale/kronvale.h>
+#include <kronvale/KronvaleClient.h>
 #include <kronvale/KronvaleResults.h>
 
 #include <CLI/CLI.hpp>
@@ -24,6 +25,9 @@
 #endif
 
 using namespace NSTool;
+using NSKronvale::CBstr;
+using NSKronvale::CPtr;
+using NSKronvale::CTaskBuffers;
 
 namespace {
 
@@ -33,45 +37,8 @@ using PFNGETCLASSOBJECT = HRESULT(STDAPICALLTYPE*)(REFCLSID, REFIID, void**);
 
 // ---- Small owners -------------------------------------------------------------------------------
 
-template <class I>
-class CPtr {
- public:
-  CPtr() = default;
-  ~CPtr() {
-    if (p) p->Release();
-  }
-  CPtr(const CPtr&) = delete;
-  CPtr& operator=(const CPtr&) = delete;
-  I** operator&() { return &p; }
-  I* operator->() const { return p; }
-  I* p = nullptr;
-};
-
-class CBstr {
- public:
-  explicit CBstr(const std::string& str) {
-    const WString strWide = NSPlatform::Utf8ToWide(str);
-    m_bstr = SysAllocStringLen(strWide.data(), static_cast<UINT>(strWide.size()));
-  }
-  ~CBstr() { SysFreeString(m_bstr); }
-  CBstr(const CBstr&) = delete;
-  CBstr& operator=(const CBstr&) = delete;
-  operator BSTR() const { return m_bstr; }
-
- private:
-  BSTR m_bstr = nullptr;
-};
-
-// Buffers a Read handed out in task memory.
-class CFrameBuffers {
- public:
-  ~CFrameBuffers() { Free(); }
-  void Free() {
-    for (auto& buffer : v) CoTaskMemFree(buffer.pData);
-    v.clear();
-  }
-  std::vector<SFrameBuffer> v;
-};
+// A BSTR from UTF-8 text, for one call.
+CBstr Bstr(const std::string& str) { return CBstr(NSPlatform::Utf8ToWide(str)); }
 
 // A failed call as a person reads it: what was being done, the system's text and the HRESULT.
 void Check(HRESULT hr, const std::string& strWhat) {
@@ -167,11 +134,11 @@ class CArchive {
   CArchive(CKronvale& kronvale, const std::string& strPath, bool bCreate) : m_strPath(strPath) {
     const WString strWide = Wide(strPath);
     if (bCreate && !NSPlatform::PathExists(strWide.c_str())) {
-      Check(kronvale.Factory()->CreateArchive(CBstr(strPath), &m_p), "creating archive " + Quote(strPath));
+      Check(kronvale.Factory()->CreateArchive(Bstr(strPath), &m_p), "creating archive " + Quote(strPath));
       return;
     }
     CheckIsArchive(strPath);
-    Check(kronvale.Factory()->OpenArchive(CBstr(strPath), &m_p), "opening archive " + Quote(strPath));
+    Check(kronvale.Factory()->OpenArchive(Bstr(strPath), &m_p), "opening archive " + Quote(strPath));
   }
   ~CArchive() {
     if (m_p.p) m_p->Free();
@@ -187,8 +154,8 @@ class CArchive {
       throw CToolError(ketNotFound, "opening record " + Quote(strRecord) + ": archive " + Quote(m_strPath) +
                                         " has no such record");
     const std::string strWhat = "opening record " + Quote(strRecord) + " of archive " + Quote(m_strPath);
-    if (bWriter) Check(m_p->CreateRecord(CBstr(strRecord), ppRecord), strWhat);
-    else Check(m_p->OpenRecord(CBstr(strRecord), ppRecord), strWhat);
+    if (bWriter) Check(m_p->CreateRecord(Bstr(strRecord), ppRecord), strWhat);
+    else Check(m_p->OpenRecord(Bstr(strRecord), ppRecord), strWhat);
   }
 
   std::vector<std::string> Records() {
@@ -219,15 +186,11 @@ std::string ReadWhat(const std::string& strRecord, ULONGLONG ullTime) {
 // Reads every buffer of the frame at ullTime: the record answers khrInsufficientBuffer when asked
 // for more buffers than the frame has and accepts fewer, so the count is found by doubling and
 // halving. A frame of no buffers reads as its flags alone.
-HRESULT ReadWholeFrame(IRecord* pRecord, ULONGLONG ullTime, DWORD* pdwFlags, CFrameBuffers* pBuffers) {
+HRESULT ReadWholeFrame(IRecord* pRecord, ULONGLONG ullTime, DWORD* pdwFlags, CTaskBuffers* pBuffers) {
   auto tryRead = [&](DWORD dwCount) {
-    pBuffers->Free();
-    pBuffers->v.assign(dwCount, SFrameBuffer{nullptr, 0});
-    HRESULT hr = pRecord->Read(Ft(ullTime), pdwFlags, dwCount ? pBuffers->v.data() : nullptr, dwCount);
-    if (FAILED(hr)) {
-      for (auto& buffer : pBuffers->v) buffer.pData = nullptr;  // a failed read leaves no memory with us
-      pBuffers->v.clear();
-    }
+    pBuffers->Reset(dwCount);
+    const HRESULT hr = pRecord->Read(Ft(ullTime), pdwFlags, pBuffers->data(), dwCount);
+    if (FAILED(hr)) pBuffers->Abandon();
     return hr;
   };
   DWORD dwGood = 0, dwBad = 1;  // dwGood buffers read, dwBad too many
@@ -605,21 +568,21 @@ int Read(CKronvale& kronvale, const std::string& strPath, const std::string& str
   CPtr<IRecord> pRecord;
   archive.OpenRecord(strRecord, false, &pRecord);
   DWORD dwFlags = 0;
-  CFrameBuffers buffers;
+  CTaskBuffers buffers;
   Check(ReadWholeFrame(pRecord.p, ullTime, &dwFlags, &buffers), ReadWhat(strRecord, ullTime));
   if (bJson) {
     std::printf("{\"time\":%s,\"flags\":%u,\"buffers\":[", JsonString(FormatTime(ullTime, true)).c_str(),
                 static_cast<unsigned>(dwFlags));
-    for (size_t i = 0; i < buffers.v.size(); ++i)
-      std::printf("%s{\"size\":%u,\"hex\":\"%s\"}", i ? "," : "", static_cast<unsigned>(buffers.v[i].dwDataSize),
-                  Hex(buffers.v[i].pData, buffers.v[i].dwDataSize).c_str());
+    for (size_t i = 0; i < buffers.size(); ++i)
+      std::printf("%s{\"size\":%u,\"hex\":\"%s\"}", i ? "," : "", static_cast<unsigned>(buffers[i].dwDataSize),
+                  Hex(buffers[i].pData, buffers[i].dwDataSize).c_str());
     std::printf("]}\n");
     return ketSuccess;
   }
-  std::printf("%s flags 0x%08X, %zu buffers\n", FormatTime(ullTime).c_str(), static_cast<unsigned>(dwFlags), buffers.v.size());
-  for (size_t i = 0; i < buffers.v.size(); ++i)
-    std::printf("  buffer %zu: %u bytes: %s\n", i, static_cast<unsigned>(buffers.v[i].dwDataSize),
-                Printable(buffers.v[i].pData, buffers.v[i].dwDataSize, 64).c_str());
+  std::printf("%s flags 0x%08X, %zu buffers\n", FormatTime(ullTime).c_str(), static_cast<unsigned>(dwFlags), buffers.size());
+  for (size_t i = 0; i < buffers.size(); ++i)
+    std::printf("  buffer %zu: %u bytes: %s\n", i, static_cast<unsigned>(buffers[i].dwDataSize),
+                Printable(buffers[i].pData, buffers[i].dwDataSize, 64).c_str());
   return ketSuccess;
 }
 
@@ -727,13 +690,13 @@ int Export(CKronvale& kronvale, const std::string& strPath, const std::string& s
   for (bool bMore = FirstFrame(pRecord.p, ullFrom, ullTo, pFilter, strWhat, &ullTime); bMore;
        bMore = NextFrame(pRecord.p, ullTime, ullTo, pFilter, strWhat, &ullTime), ++cFrames) {
     DWORD dwFlags = 0;
-    CFrameBuffers buffers;
+    CTaskBuffers buffers;
     Check(ReadWholeFrame(pRecord.p, ullTime, &dwFlags, &buffers), ReadWhat(strRecord, ullTime));
     // The index line of the frame: on stdout when streaming, in index.jsonl of the directory.
     std::string strIndex = "{\"time\":" + JsonString(FormatTime(ullTime, true)) + ",\"flags\":" + std::to_string(dwFlags) +
                            ",\"buffers\":[";
-    for (size_t i = 0; i < buffers.v.size(); ++i) {
-      const auto& buffer = buffers.v[i];
+    for (size_t i = 0; i < buffers.size(); ++i) {
+      const auto& buffer = buffers[i];
       std::string strBytes;
       if (strFormat == "raw") strBytes.assign(reinterpret_cast<const char*>(buffer.pData), buffer.dwDataSize);
       else if (strFormat == "hex") strBytes = Hex(buffer.pData, buffer.dwDataSize) + "\n";
@@ -755,7 +718,7 @@ int Export(CKronvale& kronvale, const std::string& strPath, const std::string& s
     strIndex += "]}\n";
     if (bStream) {
       std::fwrite(strIndex.data(), 1, strIndex.size(), stdout);
-      for (const auto& buffer : buffers.v) {
+      for (const auto& buffer : buffers) {
         if (strFormat == "raw") std::fwrite(buffer.pData, 1, buffer.dwDataSize, stdout);
         else if (strFormat == "hex") std::printf("%s\n", Hex(buffer.pData, buffer.dwDataSize).c_str());
         else std::printf("{\"size\":%u,\"hex\":\"%s\"}\n", static_cast<unsigned>(buffer.dwDataSize), Hex(buffer.pData, buffer.dwDataSize).c_str());
@@ -828,16 +791,16 @@ int ExportMp4(CKronvale& kronvale, const std::string& strPath, const std::string
   for (bool bMore = true; bMore; bMore = NextFrame(pRecord.p, ullTime, ullTo, nullptr, strWhat, &ullTime)) {
     progress.Step(writer.Frames());
     DWORD dwFlags = 0;
-    CFrameBuffers buffers;
+    CTaskBuffers buffers;
     Check(ReadWholeFrame(pRecord.p, ullTime, &dwFlags, &buffers), ReadWhat(strRecord, ullTime));
-    if (buffers.v.size() != 1)
+    if (buffers.size() != 1)
       throw CToolError(ketFailure, "exporting" + strPeriod + ": the frame at " + FormatTime(ullTime) + " has " +
-                                       std::to_string(buffers.v.size()) + " buffers, not one access unit; nothing written");
+                                       std::to_string(buffers.size()) + " buffers, not one access unit; nothing written");
     if (ullTime - ullLast > ullLongestPause) {
       ullLongestPause = ullTime - ullLast;
       ullPauseAt = ullLast;
     }
-    writer.Add(ullTime, (dwFlags & kKeyFrames.dwMask) != 0, buffers.v[0].pData, buffers.v[0].dwDataSize);
+    writer.Add(ullTime, (dwFlags & kKeyFrames.dwMask) != 0, buffers[0].pData, buffers[0].dwDataSize);
     ullLast = ullTime;
   }
   const std::string strCodec = writer.Commit();
@@ -887,7 +850,7 @@ int Copy(CKronvale& kronvale, const std::string& strPath, const std::string& str
   WString strTargetRecord;
   Check(NSPlatform::GetFullPath(target.RecordPath(strRecord).c_str(), &strTargetRecord),
         "copying the hours of record " + Quote(strRecord) + " to archive " + Quote(strTarget));
-  Check(pCopy->CopyHoursTo(CBstr(Utf8(strTargetRecord)), Ft(ullFrom), Ft(ullTo)),
+  Check(pCopy->CopyHoursTo(CBstr(strTargetRecord), Ft(ullFrom), Ft(ullTo)),
         "copying the hours of record " + Quote(strRecord) + " to archive " + Quote(strTarget));
   std::printf("hours of %s from %s to %s copied to %s\n", strRecord.c_str(), FormatTime(ullFrom).c_str(),
               FormatTime(ullTo).c_str(), strTarget.c_str());
@@ -950,7 +913,7 @@ int Remove(CKronvale& kronvale, const std::string& strPath, const std::string& s
     CheckRecordName(strRecord);
     if (!NSPlatform::IsDirectory(archive.RecordPath(strRecord).c_str()))
       throw CToolError(ketNotFound, "removing record " + Quote(strRecord) + ": archive " + Quote(strPath) + " has no such record");
-    Check(archive->DeleteRecord(CBstr(strRecord)), "removing record " + Quote(strRecord) + " of archive " + Quote(strPath));
+    Check(archive->DeleteRecord(Bstr(strRecord)), "removing record " + Quote(strRecord) + " of archive " + Quote(strPath));
     std::printf("record %s removed from %s\n", strRecord.c_str(), strPath.c_str());
     return ketSuccess;
   }
@@ -1047,7 +1010,7 @@ int Demo(CKronvale& kronvale, const std::string& strPath, unsigned nMinutes, boo
                                          ", so it is not a demo archive (use another path, or --append)");
     std::printf("removing the previous demo archive %s\n", strPath.c_str());
     std::fflush(stdout);
-    Check(kronvale.Factory()->DeleteArchive(CBstr(strPath)), "removing the previous demo archive " + Quote(strPath));
+    Check(kronvale.Factory()->DeleteArchive(Bstr(strPath)), "removing the previous demo archive " + Quote(strPath));
   }
   int nResult = ketSuccess;
   {
@@ -1099,10 +1062,10 @@ int Demo(CKronvale& kronvale, const std::string& strPath, unsigned nMinutes, boo
     CPtr<IRecord> pPlayer;
     archive.OpenRecord(kszDemoRecord, false, &pPlayer);
     DWORD dwFlags = 0;
-    CFrameBuffers buffers;
+    CTaskBuffers buffers;
     Check(ReadWholeFrame(pPlayer.p, ullStart, &dwFlags, &buffers), ReadWhat(kszDemoRecord, ullStart));
-    const bool bSame = buffers.v.size() == 1 && buffers.v[0].dwDataSize == vFirst.size() &&
-                       std::equal(vFirst.begin(), vFirst.end(), buffers.v[0].pData) && dwFlags & 0x1;
+    const bool bSame = buffers.size() == 1 && buffers[0].dwDataSize == vFirst.size() &&
+                       std::equal(vFirst.begin(), vFirst.end(), buffers[0].pData) && dwFlags & 0x1;
     std::printf("first frame %s read back: %s\n", FormatTime(ullStart).c_str(), bSame ? "content verified" : "CONTENT MISMATCH");
     if (!bSame) nResult = ketFailure;
   }

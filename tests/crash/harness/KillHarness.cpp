@@ -25,6 +25,7 @@
 // The interfaces' headers come first: <fcntl.h> defines names (LOCK_WRITE) that they use.
 #include <kronvale/KronvaleResults.h>
 #include <kronvale/kronvale.h>
+#include <kronvale/KronvaleClient.h>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -50,8 +51,14 @@
 
 extern char** environ;
 
-namespace NKillHarness {
+namespace NSTest {
 namespace {
+
+using NSKronvale::CBstr;
+using NSKronvale::CPtr;
+
+// A BSTR from UTF-8 text, for one call.
+CBstr Bstr(const std::string& str) { return CBstr(NSPlatform::Utf8ToWide(str)); }
 
 constexpr DWORD kdwFlushMs = 100;   // FlushTimeout of the buffered rounds
 constexpr DWORD kdwMarginMs = 400;  // what a flush may take on a busy disk, beyond its period
@@ -79,36 +86,6 @@ std::string Hex(HRESULT hr) {
 
 FILETIME ToFileTime(uint64_t ull) { return {static_cast<DWORD>(ull), static_cast<DWORD>(ull >> 32)}; }
 uint64_t FromFileTime(const FILETIME& ft) { return (uint64_t{ft.dwHighDateTime} << 32) | ft.dwLowDateTime; }
-
-class CBstr {
- public:
-  explicit CBstr(const std::string& str) {
-    const WString strWide = NSPlatform::Utf8ToWide(str);
-    m_bstr = SysAllocStringLen(strWide.data(), static_cast<UINT>(strWide.size()));
-  }
-  ~CBstr() { SysFreeString(m_bstr); }
-  CBstr(const CBstr&) = delete;
-  CBstr& operator=(const CBstr&) = delete;
-  operator BSTR() const { return m_bstr; }
-
- private:
-  BSTR m_bstr;
-};
-
-template <class I>
-struct CPtr {
-  CPtr() = default;
-  ~CPtr() { Reset(); }
-  CPtr(const CPtr&) = delete;
-  CPtr& operator=(const CPtr&) = delete;
-  void Reset() {
-    if (p) p->Release();
-    p = nullptr;
-  }
-  I** operator&() { return &p; }
-  I* operator->() const { return p; }
-  I* p = nullptr;
-};
 
 // The library as a host loads it: by file name from the program's directory, kept to the end of the
 // process (a recorder never unloads it; the killed ones cannot). The factory is kept as long, in a
@@ -261,15 +238,15 @@ int RunWriter(const SSeries& series, uint64_t ullSeed, uint32_t dwRound, bool bB
   IArchiveFactory* pFactory = LoadFactory();
   if (!pFactory) return 10;
   CPtr<IKronvale> pArchive;
-  HRESULT hr = pFactory->OpenArchive(CBstr(series.Archive()), &pArchive);
-  if (FAILED(hr)) hr = pFactory->CreateArchive(CBstr(series.Archive()), &pArchive);
+  HRESULT hr = pFactory->OpenArchive(Bstr(series.Archive()), &pArchive);
+  if (FAILED(hr)) hr = pFactory->CreateArchive(Bstr(series.Archive()), &pArchive);
   if (FAILED(hr)) {
     std::fprintf(stderr, "writer: no archive: %s\n", Hex(hr).c_str());
     return 11;
   }
   hr = pArchive->SetFlushTimeout(bBuffered ? kdwFlushMs : 0);
   CPtr<IRecord> pRecord;
-  if (SUCCEEDED(hr)) hr = pArchive->CreateRecord(CBstr(kszRecord), &pRecord);
+  if (SUCCEEDED(hr)) hr = pArchive->CreateRecord(Bstr(kszRecord), &pRecord);
   if (FAILED(hr)) {
     std::fprintf(stderr, "writer: no record writer: %s\n", Hex(hr).c_str());
     return 12;
@@ -333,11 +310,11 @@ int RunReader(const SSeries& series, uint64_t ullSeed) {
   CPtr<IRecord> pRecord;
   // The first round's writer may still be making the archive or the record.
   while (!g_bStop && !pRecord.p) {
-    if (!pArchive.p && (!Exists(series.ReadyMark()) || FAILED(pFactory->OpenArchive(CBstr(series.Archive()), &pArchive)))) {
+    if (!pArchive.p && (!Exists(series.ReadyMark()) || FAILED(pFactory->OpenArchive(Bstr(series.Archive()), &pArchive)))) {
       SleepNs(2000000);
       continue;
     }
-    if (FAILED(pArchive->OpenRecord(CBstr(kszRecord), &pRecord))) SleepNs(2000000);
+    if (FAILED(pArchive->OpenRecord(Bstr(kszRecord), &pRecord))) SleepNs(2000000);
   }
   CFrameChecker checker(model);
   uint64_t ullRandom = Mix(ullSeed ^ 0x7EADull);
@@ -401,14 +378,14 @@ class CVerifier {
     if (!pFactory) return 10;
     m_vAcks = LoadAcks(m_series.AckLog());
     CPtr<IKronvale> pArchive;
-    HRESULT hr = pFactory->OpenArchive(CBstr(m_series.Archive()), &pArchive);
+    HRESULT hr = pFactory->OpenArchive(Bstr(m_series.Archive()), &pArchive);
     if (FAILED(hr)) {
       // A writer killed before its archive was made leaves nothing to check.
       if (m_vAcks.empty() && !Exists(m_series.ReadyMark())) return Finish();
       return Fail("OpenArchive answered " + Hex(hr));
     }
     CPtr<IRecord> pRecord;
-    hr = pArchive->CreateRecord(CBstr(kszRecord), &pRecord);
+    hr = pArchive->CreateRecord(Bstr(kszRecord), &pRecord);
     if (FAILED(hr)) return Fail("the record's writer: CreateRecord answered " + Hex(hr));
     if (!m_vAcks.empty()) {
       CheckFirstRead(pRecord.p);
@@ -812,6 +789,6 @@ int Main(int argc, char** argv) {
 }
 
 }  // namespace
-}  // namespace NKillHarness
+}  // namespace NSTest
 
-int main(int argc, char** argv) { return NKillHarness::Main(argc, argv); }
+int main(int argc, char** argv) { return NSTest::Main(argc, argv); }
