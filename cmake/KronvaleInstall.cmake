@@ -4,7 +4,7 @@
 # small static library, which the package and pkg-config add by themselves).
 #
 #   Linux:   lib/libkronvale.so, lib/libkronvale_guids.a, include/kronvale-sdk/ (kronvale/kronvale.h,
-#            kronvale/KronvaleResults.h, kronvale/kronvale_i.c and the stand-ins for the Windows
+#            kronvale/KronvaleResults.h, kronvale/KronvaleClient.h, kronvale/kronvale_i.c and the stand-ins for the Windows
 #            SDK headers the interface header includes)
 #   Windows: bin/kronvale.dll, lib/libkronvale.dll.a, lib/libkronvale_guids.a, include/kronvale/
 #            (kronvale.h, KronvaleResults.h, kronvale_i.c)
@@ -37,7 +37,7 @@ install(TARGETS kronvale kronvale_guids
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES ${kv_kit_gen}/kronvale.h ${kv_kit_gen}/kronvale_i.c ${CMAKE_SOURCE_DIR}/include/kronvale/KronvaleResults.h
+install(FILES ${kv_kit_gen}/kronvale.h ${kv_kit_gen}/kronvale_i.c ${CMAKE_SOURCE_DIR}/include/kronvale/KronvaleResults.h ${CMAKE_SOURCE_DIR}/include/kronvale/KronvaleClient.h
         DESTINATION ${kv_kit_includedir}/kronvale)
 if(NOT WIN32)
   file(GLOB kv_kit_sdk ${CMAKE_SOURCE_DIR}/include/kronvale/linux/*.h)
