@@ -11,6 +11,7 @@
 
 #include <unistd.h>
 
+#include "hours/KronvaleUtils.h"
 #include "platform/os.h"
 
 namespace NSBench {
@@ -103,5 +104,21 @@ inline WString MakeRunDirectory() {
   Check(NSPlatform::CreateDirTree(strRoot.c_str()), "creating the benchmark directory");
   return strRoot;
 }
+
+// Where the run's files go: a directory of its own (MakeRunDirectory), deleted at the end.
+class CBenchDir {
+ public:
+  CBenchDir() : m_strRoot(MakeRunDirectory()) {}
+  ~CBenchDir() { NSKronvaleUtils::DeleteFileSystemObject(m_strRoot); }
+  CBenchDir(const CBenchDir&) = delete;
+  CBenchDir& operator=(const CBenchDir&) = delete;
+
+  const WString& Root() const { return m_strRoot; }
+  WString Sub(const char* pszName) const { return NSPlatform::CombinePath(m_strRoot, NSPlatform::Utf8ToWide(pszName)); }
+  std::string Native(const char* pszName) const { return NSPlatform::WideToUtf8(Sub(pszName)); }
+
+ private:
+  WString m_strRoot;
+};
 
 }  // namespace NSBench

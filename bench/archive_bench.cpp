@@ -94,27 +94,6 @@ double FreeBytes(const std::string& strPath) {
   return static_cast<double>(vfs.f_bavail) * static_cast<double>(vfs.f_frsize);
 }
 
-// Where the run's files go: a directory of its own under $KRONVALE_BENCH_DIR or the temporary
-// directory, deleted at the end.
-class CBenchDir {
- public:
-  CBenchDir() : m_strRoot(MakeRunDirectory()) {
-    g_strRunDirectory = NSPlatform::WideToUtf8(m_strRoot);
-  }
-  ~CBenchDir() {
-    g_strRunDirectory.clear();
-    NSKronvaleUtils::DeleteFileSystemObject(m_strRoot);
-  }
-  CBenchDir(const CBenchDir&) = delete;
-  CBenchDir& operator=(const CBenchDir&) = delete;
-
-  const WString& Root() const { return m_strRoot; }
-  WString Sub(const char* pszName) const { return NSPlatform::CombinePath(m_strRoot, NSPlatform::Utf8ToWide(pszName)); }
-
- private:
-  WString m_strRoot;
-};
-
 // An archive object made in-process on a directory of its own, as a client holds one. Free runs
 // when it goes: until then the archive and its records hold each other. The clock starts just
 // before the object is made, with the archive's own size-and-quota worker.
@@ -705,6 +684,7 @@ int main() {
   NSBench::ProgramName() = "kv_archive_bench";
   NSBench::AtDie() = DeleteRunDirectory;
   const CBenchDir dir;
+  g_strRunDirectory = NSPlatform::WideToUtf8(dir.Root());  // deleted by Die too
   std::printf("kv_archive_bench: files under %s\n\n", Native(dir.Root()).c_str());
   std::fflush(stdout);
   CStopwatch total;

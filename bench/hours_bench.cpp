@@ -81,28 +81,11 @@ void FillPattern(BYTE* pb, size_t cb, unsigned nSeed) {
   for (size_t i = 0; i < cb; ++i) pb[i] = static_cast<BYTE>(i * 131u + nSeed);
 }
 
-// Where the run's files go: a directory of its own under $KRONVALE_BENCH_DIR or the temporary
-// directory, deleted at the end. Every case removes its files before the next one starts.
-class CBenchDir {
- public:
-  CBenchDir() : m_strRoot(MakeRunDirectory()) {}
-  ~CBenchDir() { NSKronvaleUtils::DeleteFileSystemObject(m_strRoot); }
-  CBenchDir(const CBenchDir&) = delete;
-  CBenchDir& operator=(const CBenchDir&) = delete;
-
-  const WString& Root() const { return m_strRoot; }
-  // <root>/<record>/2021/03/07/12, the layout a record gives its hours.
-  WString HourPath(const char* pszRecord) const {
-    return NSPlatform::CombinePath(NSPlatform::CombinePath(m_strRoot, NSPlatform::Utf8ToWide(pszRecord)),
-                                   NSKronvaleUtils::FormatHourPath(kstHour));
-  }
-  std::string Native(const char* pszName) const {
-    return NSPlatform::WideToUtf8(NSPlatform::CombinePath(m_strRoot, NSPlatform::Utf8ToWide(pszName)));
-  }
-
- private:
-  WString m_strRoot;
-};
+// <root>/<record>/2021/03/07/12, the layout a record gives its hours.
+WString HourPath(const CBenchDir& dir, const char* pszRecord) {
+  return NSPlatform::CombinePath(NSPlatform::CombinePath(dir.Root(), NSPlatform::Utf8ToWide(pszRecord)),
+                                 NSKronvaleUtils::FormatHourPath(kstHour));
+}
 
 // Leftover dirty pages of the previous case must not be written back during the next one.
 void Settle() { ::sync(); }
@@ -129,7 +112,7 @@ SAppendRun AppendHour(const CBenchDir& dir, const NSSystem::ILockPtr& pLock, DWO
   FillPattern(vData.data(), vData.size(), 7);
   SHourFrameBuffer buffer = {vData.data(), cbData};
   CHourManager hour(pLock);
-  Check(hour.Open(dir.HourPath("append"), true, bBuffered), "CHourManager::Open");
+  Check(hour.Open(HourPath(dir, "append"), true, bBuffered), "CHourManager::Open");
   Settle();
 
   SAppendRun run;
@@ -325,7 +308,7 @@ void BenchReads(const CBenchDir& dir, const NSSystem::ILockPtr& pLock) {
   std::shuffle(vSlots.begin(), vSlots.end(), random);
   vSlots.resize(kcFrames);
   std::sort(vSlots.begin(), vSlots.end());
-  const WString strPath = dir.HourPath("read");
+  const WString strPath = HourPath(dir, "read");
   WriteHour(strPath, pLock, vSlots, std::vector<DWORD>(kcFrames, kdwFrameFlags), kcbData);
 
   std::vector<DWORD> vOrder(1u << 20);
@@ -504,7 +487,7 @@ void BenchSiblings(const CBenchDir& dir, const NSSystem::ILockPtr& pLock) {
   constexpr DWORD kcDense = 200000;
   std::vector<DWORD> vSlots(kcDense);
   std::iota(vSlots.begin(), vSlots.end(), 0u);
-  const WString strDense = dir.HourPath("dense");
+  const WString strDense = HourPath(dir, "dense");
   WriteHour(strDense, pLock, vSlots, std::vector<DWORD>(kcDense, kdwFrameFlags), 16);
 
   // Sparse: four frames a minute (seconds 7, 22, 37, 52), flag 0x1; in minutes 3, 13, ... 53 the
@@ -517,7 +500,7 @@ void BenchSiblings(const CBenchDir& dir, const NSSystem::ILockPtr& pLock) {
       vSparseFlags.push_back(m % 10 == 3 && s == 22 ? 0x3u : 0x1u);
     }
   }
-  const WString strSparse = dir.HourPath("sparse");
+  const WString strSparse = HourPath(dir, "sparse");
   WriteHour(strSparse, pLock, vSparse, vSparseFlags, 16);
 
   const SHourFrameFilter anyOfFirst = {0x1, 0};   // matches every frame: each step reads its entry

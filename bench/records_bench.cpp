@@ -59,22 +59,6 @@ ULONGLONG SparseHourStart(DWORD dwWeek) { return Ticks(kstFirstWeek) + ULONGLONG
 // Leftover dirty pages of the previous case must not be written back during the next one.
 void Settle() { ::sync(); }
 
-// Where the run's files go: a directory of its own under $KRONVALE_BENCH_DIR or the temporary
-// directory, deleted at the end.
-class CBenchDir {
- public:
-  CBenchDir() : m_strRoot(MakeRunDirectory()) {}
-  ~CBenchDir() { NSKronvaleUtils::DeleteFileSystemObject(m_strRoot); }
-  CBenchDir(const CBenchDir&) = delete;
-  CBenchDir& operator=(const CBenchDir&) = delete;
-
-  const WString& Root() const { return m_strRoot; }
-  WString Sub(const char* pszName) const { return NSPlatform::CombinePath(m_strRoot, NSPlatform::Utf8ToWide(pszName)); }
-
- private:
-  WString m_strRoot;
-};
-
 // <directory>/<year>/<month>/<day>/<hour> of the hour holding ullTicks, the layout of a record.
 WString HourDirectory(const WString& strDirectory, ULONGLONG ullTicks) {
   return NSPlatform::CombinePath(strDirectory, NSKronvaleUtils::FormatHourPath(Breakdown(ullTicks)));

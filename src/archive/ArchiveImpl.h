@@ -22,6 +22,7 @@
 #include <mutex>
 #include <vector>
 
+#include "com/InterfaceMethods.h"
 #include "archive/ArchiveSettings.h"
 #include "com/ComKit.h"
 #include "records/RecordInternal.h"
@@ -104,26 +105,16 @@ class CArchiveImpl : public NSCom::CComObjectRootEx,
   HRESULT Open(const WString& strPath, DWORD dwAccess);
 
   // IDescription
-  STDMETHOD(SetDescription)(BSTR szDescription) override;
-  STDMETHOD(GetDescription)(BSTR* pszDescription) override;
-  STDMETHOD(GetPath)(BSTR* pszPath) override;
+  KV_IDESCRIPTION_METHODS;
 
   // IKronvale
-  STDMETHOD(CreateRecord)(BSTR name, IRecord** ppRecord) override;
-  STDMETHOD(OpenRecord)(BSTR name, IRecord** ppRecord) override;
-  STDMETHOD(GetRecords)(BSTR** ppszRecordName, DWORD* pdwRecordNameCount) override;
-  STDMETHOD(SetQuota)(ULONGLONG ullMinimumFreeDiskSpace, ULONGLONG ullMaximumArchiveSize) override;
-  STDMETHOD(SetFlushTimeout)(ULONG ulFlushTimeout) override;
-  STDMETHOD(GetInfo)(SArchiveInfo* pArhiveInfo) override;
-  STDMETHOD(Free)() override;
-  STDMETHOD(DeleteRecord)(BSTR name) override;
+  KV_IKRONVALE_METHODS;
 
   // IKronvaleEx
   STDMETHOD(OpenRecordEx)(BSTR client, BSTR name, ULONG mode, IRecord** ppRecord) override;
 
   // IKronvaleQuota
-  STDMETHOD(SetArchiveQuota)(const SArchiveQuota* pQuota) override;
-  STDMETHOD(GetArchiveQuota)(SArchiveQuota* pQuota) override;
+  KV_IKRONVALEQUOTA_METHODS;
 
   // IKronvaleInternal
   STDMETHOD(CreateRecordInternal)(BSTR name, IRecord** ppRecord, LONG lPublic) override;

@@ -30,6 +30,7 @@
 #include <set>
 #include <vector>
 
+#include "com/InterfaceMethods.h"
 #include "archive/ArchiveImpl.h"
 #include "com/ComKit.h"
 #include "records/StateControl.h"
@@ -99,29 +100,16 @@ class CMultipartArchive : public NSCom::CComObjectRootEx,
   LONG GetSpaceExhausted() const { return m_lSpaceExhausted.load(); }
 
   // IDescription
-  STDMETHOD(SetDescription)(BSTR szDescription) override;
-  STDMETHOD(GetDescription)(BSTR* pszDescription) override;
-  STDMETHOD(GetPath)(BSTR* pszPath) override;
+  KV_IDESCRIPTION_METHODS;
 
   // IKronvale
-  STDMETHOD(CreateRecord)(BSTR name, IRecord** ppRecord) override;
-  STDMETHOD(OpenRecord)(BSTR name, IRecord** ppRecord) override;
-  STDMETHOD(GetRecords)(BSTR** ppszRecordName, DWORD* pdwRecordNameCount) override;
-  // E_NOTIMPL: each partition keeps its own quota.
-  STDMETHOD(SetQuota)(ULONGLONG ullMinimumFreeDiskSpace, ULONGLONG ullMaximumArchiveSize) override;
-  STDMETHOD(SetFlushTimeout)(ULONG ulFlushTimeout) override;
-  // Sums of the partitions' free space, sizes and limits (a maximum size of 0, no limit, in any
-  // partition gives 0), the largest flush timeout and the union of the access words.
-  STDMETHOD(GetInfo)(SArchiveInfo* pArhiveInfo) override;
-  STDMETHOD(Free)() override;
-  STDMETHOD(DeleteRecord)(BSTR name) override;
+  // SetQuota is E_NOTIMPL: each partition keeps its own quota. GetInfo sums the partitions' free
+  // space, sizes and limits (a maximum size of 0, no limit, in any partition gives 0), and gives the
+  // largest flush timeout and the union of the access words.
+  KV_IKRONVALE_METHODS;
 
   // IMultipartArchive
-  STDMETHOD(AddPartition)(IKronvale* pPartition) override;
-  STDMETHOD(RemovePartition)(IKronvale* pPartition) override;
-  STDMETHOD(SetPartitionOptions)(IKronvale* pPartition, const SPartitionOptions* pOptions) override;
-  STDMETHOD(GetPartitionOptions)(IKronvale* pPartition, SPartitionOptions* pOptions) override;
-  STDMETHOD(GetPartitions)(DWORD* pdwCount, IKronvale*** ppPartitions) override;
+  KV_IMULTIPARTARCHIVE_METHODS;
 
   // IPartitionOwner
   void OnPartitionQuotaChanged() override;

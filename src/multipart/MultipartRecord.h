@@ -11,6 +11,7 @@
 
 #include <map>
 
+#include "com/InterfaceMethods.h"
 #include "com/ComKit.h"
 #include "support/Lock.h"
 
@@ -47,23 +48,10 @@ class CMultipartRecord : public NSCom::CComObjectRootEx, public IRecord {
   bool HasChild(IKronvale* pArchive);
 
   // IDescription: set on every child; read from every child, which must agree.
-  STDMETHOD(SetDescription)(BSTR szDescription) override;
-  STDMETHOD(GetDescription)(BSTR* pszDescription) override;
-  STDMETHOD(GetPath)(BSTR* pszPath) override;
+  KV_IDESCRIPTION_METHODS;
 
   // IRecord: Write with fail-over; everything else forwarded to the active child.
-  STDMETHOD(Write)(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount) override;
-  STDMETHOD(Read)(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuff, DWORD dwCount) override;
-  STDMETHOD(GetNext)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftNextFrameTime) override;
-  STDMETHOD(GetPrev)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftPrevFrameTime) override;
-  STDMETHOD(GetStatistic)(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution, const SFrameFilter* pFilter,
-                          LONG lFlags, DWORD* pdwCount, SRecordStatistic** ppRecordStatistic) override;
-  STDMETHOD(RemoveHour)(FILETIME ftHour) override;
-  STDMETHOD(GetName)(BSTR* pszName) override;
-  STDMETHOD(Extract)(FILETIME ftBegin, FILETIME ftEnd, const SFrameFilter* pFilter, LONG lCount,
-                     IRecord** ppExtract) override;
-  STDMETHOD(Merge)(IRecord* pSource, const SFrameFilter* pFilter, LONG lFlags) override;
-  STDMETHOD(CheckFrame)(FILETIME ftFrame, const SFrameFilter* pFilter) override;
+  KV_IRECORD_METHODS;
 
  private:
   using CSection = NSSystem::CCriticalSection<0, 4000>;

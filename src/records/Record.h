@@ -16,6 +16,7 @@
 #include <memory>
 #include <vector>
 
+#include "com/InterfaceMethods.h"
 #include "com/ComKit.h"
 #include "hours/HourManager.h"
 #include "records/RecordInternal.h"
@@ -61,29 +62,13 @@ class CRecord : public NSCom::CComObjectRootEx,
   void FinalRelease();
 
   // IDescription
-  STDMETHOD(SetDescription)(BSTR szDescription) override;
-  STDMETHOD(GetDescription)(BSTR* pszDescription) override;
-  STDMETHOD(GetPath)(BSTR* pszPath) override;
+  KV_IDESCRIPTION_METHODS;
 
   // IRecord
-  STDMETHOD(Write)(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount) override;
-  STDMETHOD(Read)(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuff, DWORD dwCount) override;
-  STDMETHOD(GetNext)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftNextFrameTime) override;
-  STDMETHOD(GetPrev)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftPrevFrameTime) override;
-  STDMETHOD(GetStatistic)(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution, const SFrameFilter* pFilter,
-                          LONG dwFlags, DWORD* pdwCount, SRecordStatistic** ppRecordStatistic) override;
-  STDMETHOD(RemoveHour)(FILETIME ftHour) override;
-  STDMETHOD(GetName)(BSTR* pszName) override;
-  STDMETHOD(Extract)(FILETIME ftBegin, FILETIME ftEnd, const SFrameFilter* pFilter, LONG lCount,
-                     IRecord** ppExtract) override;
-  STDMETHOD(Merge)(IRecord* pSource, const SFrameFilter* pFilter, LONG lFlags) override;
-  STDMETHOD(CheckFrame)(FILETIME ftFrame, const SFrameFilter* pFilter) override;
+  KV_IRECORD_METHODS;
 
   // IRecordEx
-  STDMETHOD(ReservedRange)(FILETIME ftBegin, FILETIME ftEnd) override;
-  STDMETHOD(GetStatus)(BSTR* pszStatus) override;
-  STDMETHOD(GetSibling)(LONG bForward, LONG dwSteps, FILETIME ft, const SFrameFilter* pFilter,
-                        FILETIME* pftOutFrameTime) override;
+  KV_IRECORDEX_METHODS;
 
   // IRecordFastCopy
   STDMETHOD(CopyHoursTo)(BSTR bstrTargetPath, FILETIME ftBegin, FILETIME ftEnd) override;

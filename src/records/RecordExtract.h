@@ -33,6 +33,7 @@
 #include <map>
 #include <vector>
 
+#include "com/InterfaceMethods.h"
 #include "com/ComKit.h"
 #include "support/Lock.h"
 
@@ -86,25 +87,12 @@ class CRecordExtract : public NSCom::CComObjectRootEx,
   // Write); Read, GetNext, GetPrev, GetStatistic and CheckFrame read it. SetDescription,
   // GetDescription, GetPath, RemoveHour and GetName are E_NOTIMPL, as are Extract and Merge: an
   // extract is not a recording.
-  STDMETHOD(SetDescription)(BSTR szDescription) override;
-  STDMETHOD(GetDescription)(BSTR* pszDescription) override;
-  STDMETHOD(GetPath)(BSTR* pszPath) override;
-  STDMETHOD(Write)(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount) override;
-  // Reads the frame stored at exactly ftFrame: its flags, and its first dwCount buffers, each in a
-  // new task-memory block the caller frees (pData on input is not used). dwCount above m_dwCount is
-  // HRESULT 0x80072024, an unknown time 0x80070490. A frame not loaded yet is read from the source
-  // first. On failure no block of this call is left with the caller.
-  STDMETHOD(Read)(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuff, DWORD dwCount) override;
-  STDMETHOD(GetNext)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftNextFrameTime) override;
-  STDMETHOD(GetPrev)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftPrevFrameTime) override;
-  STDMETHOD(GetStatistic)(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution, const SFrameFilter* pFilter,
-                          LONG dwFlags, DWORD* pdwCount, SRecordStatistic** ppRecordStatistic) override;
-  STDMETHOD(RemoveHour)(FILETIME ftHour) override;
-  STDMETHOD(GetName)(BSTR* pszName) override;
-  STDMETHOD(Extract)(FILETIME ftBegin, FILETIME ftEnd, const SFrameFilter* pFilter, LONG lCount,
-                     IRecord** ppExtract) override;
-  STDMETHOD(Merge)(IRecord* pSource, const SFrameFilter* pFilter, LONG lFlags) override;
-  STDMETHOD(CheckFrame)(FILETIME ftFrame, const SFrameFilter* pFilter) override;
+  KV_IDESCRIPTION_METHODS;
+  // Read answers the frame stored at exactly ftFrame: its flags, and its first dwCount buffers, each
+  // in a new task-memory block the caller frees (pData on input is not used). dwCount above
+  // m_dwCount is HRESULT 0x80072024, an unknown time 0x80070490. A frame not loaded yet is read from
+  // the source first. On failure no block of this call is left with the caller.
+  KV_IRECORD_METHODS;
 
   // IMarshal. GetMarshalSizeMax and MarshalInterface build the packet once (with the context of
   // the first call) and share it; MarshalInterface copies it whole into pStm and writes nothing

@@ -16,6 +16,7 @@
 
 #include <kronvale/kronvale.h>
 
+#include "com/InterfaceMethods.h"
 #include "com/ComKit.h"
 
 namespace NSTest {
@@ -104,27 +105,11 @@ class CScriptedRecord : public NSCom::CComObjectRootEx, public CLiveCounted, pub
   HRESULT m_hrMergeSourceName = E_FAIL;
 
   // IDescription
-  STDMETHOD(SetDescription)(BSTR szDescription) override;
-  STDMETHOD(GetDescription)(BSTR* pszDescription) override;
-  STDMETHOD(GetPath)(BSTR* pszPath) override;
+  KV_IDESCRIPTION_METHODS;
   // IRecord
-  STDMETHOD(Write)(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount) override;
-  STDMETHOD(Read)(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuff, DWORD dwCount) override;
-  STDMETHOD(GetNext)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftNextFrameTime) override;
-  STDMETHOD(GetPrev)(FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftPrevFrameTime) override;
-  STDMETHOD(GetStatistic)(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution, const SFrameFilter* pFilter,
-                          LONG lFlags, DWORD* pdwCount, SRecordStatistic** ppRecordStatistic) override;
-  STDMETHOD(RemoveHour)(FILETIME ftHour) override;
-  STDMETHOD(GetName)(BSTR* pszName) override;
-  STDMETHOD(Extract)(FILETIME ftBegin, FILETIME ftEnd, const SFrameFilter* pFilter, LONG lCount,
-                     IRecord** ppExtract) override;
-  STDMETHOD(Merge)(IRecord* pSource, const SFrameFilter* pFilter, LONG lFlags) override;
-  STDMETHOD(CheckFrame)(FILETIME ftFrame, const SFrameFilter* pFilter) override;
+  KV_IRECORD_METHODS;
   // IRecordEx
-  STDMETHOD(ReservedRange)(FILETIME ftBegin, FILETIME ftEnd) override;
-  STDMETHOD(GetStatus)(BSTR* pszStatus) override;
-  STDMETHOD(GetSibling)(LONG bForward, LONG lSteps, FILETIME ft, const SFrameFilter* pFilter,
-                        FILETIME* pftOutFrameTime) override;
+  KV_IRECORDEX_METHODS;
 
  private:
   HRESULT AnswerTime(FILETIME* pft);
@@ -170,27 +155,13 @@ class CScriptedArchive : public NSCom::CComObjectRootEx,
   int m_cFree = 0;
 
   // IDescription
-  STDMETHOD(SetDescription)(BSTR szDescription) override;
-  STDMETHOD(GetDescription)(BSTR* pszDescription) override;
-  STDMETHOD(GetPath)(BSTR* pszPath) override;
+  KV_IDESCRIPTION_METHODS;
   // IKronvale
-  STDMETHOD(CreateRecord)(BSTR name, IRecord** ppRecord) override;
-  STDMETHOD(OpenRecord)(BSTR name, IRecord** ppRecord) override;
-  STDMETHOD(GetRecords)(BSTR** ppszRecordName, DWORD* pdwRecordNameCount) override;
-  STDMETHOD(SetQuota)(ULONGLONG ullMinimumFreeDiskSpace, ULONGLONG ullMaximumArchiveSize) override;
-  STDMETHOD(SetFlushTimeout)(ULONG ulFlushTimeout) override;
-  STDMETHOD(GetInfo)(SArchiveInfo* pArchiveInfo) override;
-  STDMETHOD(Free)() override;
-  STDMETHOD(DeleteRecord)(BSTR name) override;
+  KV_IKRONVALE_METHODS;
   // IMultipartArchive
-  STDMETHOD(AddPartition)(IKronvale* pPartition) override;
-  STDMETHOD(RemovePartition)(IKronvale* pPartition) override;
-  STDMETHOD(SetPartitionOptions)(IKronvale* pPartition, const SPartitionOptions* pOptions) override;
-  STDMETHOD(GetPartitionOptions)(IKronvale* pPartition, SPartitionOptions* pOptions) override;
-  STDMETHOD(GetPartitions)(DWORD* pdwCount, IKronvale*** ppPartitions) override;
+  KV_IMULTIPARTARCHIVE_METHODS;
   // IKronvaleQuota
-  STDMETHOD(SetArchiveQuota)(const SArchiveQuota* pQuota) override;
-  STDMETHOD(GetArchiveQuota)(SArchiveQuota* pQuota) override;
+  KV_IKRONVALEQUOTA_METHODS;
 
  private:
   void SeePartition(const char* pszMethod, IKronvale* pPartition);
