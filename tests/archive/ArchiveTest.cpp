@@ -1,5 +1,6 @@
 // The archive object on real directories: opening and its failures, the stored state, the
 // description and information, the record and reader tables, Free, and refused names.
+#include "common/CountingOuter.h"
 #include "archive/ArchiveImpl.h"
 #include "records/RecordTestSupport.h"
 
@@ -255,24 +256,10 @@ TEST_F(ArchiveTest, ReaderLimitComesFromTheMachine) {
 
 namespace {
 
-// An outer object that only counts its references.
-class COuter final : public IUnknown {
- public:
-  STDMETHOD(QueryInterface)(REFIID riid, void** ppv) override {
-    if (!IsEqualIID(riid, IID_IUnknown)) return *ppv = nullptr, E_NOINTERFACE;
-    *ppv = this;
-    AddRef();
-    return S_OK;
-  }
-  STDMETHOD_(ULONG, AddRef)() override { return ++m_cRef; }
-  STDMETHOD_(ULONG, Release)() override { return --m_cRef; }
-  ULONG m_cRef = 1;
-};
-
 // The archive also lives inside an outer object, its interfaces answering for the outer one.
 TEST(ArchiveAggregationTest, AnAggregatedArchiveServesItsInterfaces) {
   NSTest::CTempDir dir;
-  COuter outer;
+  NSTest::CCountingOuter outer;
   IUnknown* pInner = nullptr;
   ASSERT_EQ(S_OK, CArchiveImpl::_CreatorClass::CreateInstance(&outer, IID_IUnknown, reinterpret_cast<void**>(&pInner)));
   IKronvaleQuota* pQuota = nullptr;

@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 
+#include "common/CountingOuter.h"
 #include "module/Library.h"
 
 #ifdef _WIN32
@@ -99,20 +100,6 @@ TEST_F(ModuleExportsTest, ArchiveClassObjectMakesNoBareInstances) {
   pFactory->Release();
 }
 
-// An outer object that only counts its references, to aggregate a record.
-class COuter final : public IUnknown {
- public:
-  STDMETHOD(QueryInterface)(REFIID riid, void** ppv) override {
-    if (!IsEqualIID(riid, IID_IUnknown)) return *ppv = nullptr, E_NOINTERFACE;
-    *ppv = this;
-    AddRef();
-    return S_OK;
-  }
-  STDMETHOD_(ULONG, AddRef)() override { return ++m_cRef; }
-  STDMETHOD_(ULONG, Release)() override { return --m_cRef; }
-  ULONG m_cRef = 1;
-};
-
 // A record made by the class object, plain or aggregated, has no archive behind it and was never
 // opened for writing: it answers its interfaces and refuses to write.
 TEST_F(ModuleExportsTest, RecordAndExtractClassesMakePlainAndAggregatedObjects) {
@@ -146,7 +133,7 @@ TEST_F(ModuleExportsTest, RecordAndExtractClassesMakePlainAndAggregatedObjects) 
   // Both classes aggregate the same way.
   for (const CLSID* pclsid : {&CLSID_Record, &CLSID_RecordExtract}) {
     ASSERT_EQ(S_OK, m_pfnGetClassObject(*pclsid, IID_IClassFactory, reinterpret_cast<void**>(&pFactory)));
-    COuter outer;
+    NSTest::CCountingOuter outer;
     void* pv = reinterpret_cast<void*>(0x1);
     EXPECT_EQ(CLASS_E_NOAGGREGATION, pFactory->CreateInstance(&outer, IID_IRecord, &pv));
     EXPECT_EQ(nullptr, pv);
