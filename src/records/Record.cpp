@@ -392,7 +392,7 @@ STDMETHODIMP CRecord::Read(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuf
     // visible with a refresh of the hour's index copy.
     if (!bRefreshed) {
       bRefreshed = true;
-      if (pHour->RefreshIfGrown() == S_OK) continue;
+      if (pHour->RefreshIfGrown(true) == S_OK) continue;
     }
     if (m_bCurrentHourCreated) return hr;
     // A reader never tests nor repairs: it answers the read's own failure. In an hour being written
@@ -763,6 +763,30 @@ STDMETHODIMP CRecord::GetStatistic(FILETIME ftBegin, FILETIME ftEnd, FILETIME ft
   return HandOutStatistic(vRuns, hr, pdwCount, ppRecordStatistic);
 }
 
+bool CRecord::FindHourSummary(ULONGLONG ullHour, const WString& strDirectory, std::vector<SHourCell>* pvCells) {
+  const auto it = m_mapSummaries.find(ullHour);
+  if (it == m_mapSummaries.end()) return false;
+  std::vector<NSPlatform::SDirEntry> vEntries;
+  if (it->second.ullEpoch != NSKronvaleUtils::HourChangeEpoch() ||
+      FAILED(NSPlatform::ListDir(strDirectory.c_str(), &vEntries, NSHours::kszDescriptorFileName)) ||
+      vEntries.size() != 1 || vEntries[0].ullSize != it->second.ullDescriptorSize) {
+    m_mapSummaries.erase(it);
+    return false;
+  }
+  pvCells->clear();
+  if (!it->second.bEmpty) pvCells->push_back(it->second.cell);
+  return true;
+}
+
+void CRecord::KeepHourSummary(ULONGLONG ullHour, CHourManager& hour, const std::vector<SHourCell>& vCells) {
+  SHourSummary summary = {};
+  if (vCells.size() > 1 || !hour.GetCopyState(&summary.ullDescriptorSize, &summary.ullEpoch)) return;
+  summary.bEmpty = vCells.empty();
+  if (!summary.bEmpty) summary.cell = vCells.front();
+  if (m_mapSummaries.size() >= kcMostSummaries) m_mapSummaries.clear();
+  m_mapSummaries[ullHour] = summary;
+}
+
 // The cells of every hour from ullBegin to ullEnd, in time order: seconds or minutes for resolutions
 // under an hour (10 ms slots under a second), one cell per hour otherwise.
 HRESULT CRecord::CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLONG ullResolution,
@@ -801,13 +825,23 @@ HRESULT CRecord::CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLON
       KV_REPORT_IF_FAILED(khrPending);
       return khrPending;
     }
-    CHourPtr pHour;
-    hr = GetHourManager(strHourPath, false, &pHour);
-    if (!KV_SUCCEEDED(hr)) return hr;
-    pHour->RefreshIfGrown();
-    if (!pFilter || Passes(pFilter, pHour->GetFlagMask(NSHours::eflHour, stFrom))) {
-      hr = pHour->GetCells(stFrom, stTo, cSlotsPerCell, HourFilter(pFilter), &vHourCells);
+    const bool bWholeHour = !pFilter && !cSlotsPerCell && NSHours::SlotIndex(stFrom) == 0 &&
+                            NSHours::SlotIndex(stTo) == NSHours::kcSlots - 1;
+    const ULONGLONG ullHour = ullHourStart / kullHour;
+    bool bCells = bWholeHour && FindHourSummary(ullHour, HourDirectory(strHourPath), &vHourCells);
+    if (!bCells) {
+      CHourPtr pHour;
+      hr = GetHourManager(strHourPath, false, &pHour);
       if (!KV_SUCCEEDED(hr)) return hr;
+      pHour->RefreshIfGrown();
+      if (!pFilter || Passes(pFilter, pHour->GetFlagMask(NSHours::eflHour, stFrom))) {
+        hr = pHour->GetCells(stFrom, stTo, cSlotsPerCell, HourFilter(pFilter), &vHourCells);
+        if (!KV_SUCCEEDED(hr)) return hr;
+        bCells = true;
+        if (bWholeHour) KeepHourSummary(ullHour, *pHour, vHourCells);
+      }
+    }
+    if (bCells) {
       for (const SHourCell& cell : vHourCells) {
         SRecordStatistic record;
         if (cSlotsPerCell) {

@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "com/ComKit.h"
@@ -125,6 +126,8 @@ class CRecord : public NSCom::CComObjectRootEx,
   HRESULT CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLONG ullResolution, const SFrameFilter* pFilter,
                            std::vector<SStatisticCell>* pvCells);
   bool InCurrentHour(ULONGLONG ullTime, SYSTEMTIME* pst) const;
+  bool FindHourSummary(ULONGLONG ullHour, const WString& strDirectory, std::vector<NSHours::SHourCell>* pvCells);
+  void KeepHourSummary(ULONGLONG ullHour, NSHours::CHourManager& hour, const std::vector<NSHours::SHourCell>& vCells);
   HRESULT FindFromLevel(const WString* astrParts, int nStart, bool bForward, WString* pstrFound);
   bool SearchDown(const WString& strDirectory, const WString& strRelative, int nLevel, bool bForward,
                   WString* pstrFound, bool* pbFailed);
@@ -145,6 +148,20 @@ class CRecord : public NSCom::CComObjectRootEx,
   // size, and only the frames appended since are then copied in.
   static constexpr size_t kcCachedHours = 4;
   std::vector<std::pair<WString, NSHours::SHourSnapshot>> m_vCachedHours;
+  // What a statistic without a filter at one-hour resolution or above takes from a whole hour: its
+  // one cell (none for an hour without frames), with the size of descriptor.ald and the hour-change
+  // epoch of the copy it came from. Used again, without opening the hour, only while the epoch is
+  // the same and descriptor.ald has that size: a closed hour changes only by appends (which grow
+  // it) or by what advances the epoch. Memory only, at most kcMostSummaries (a year of hours, about
+  // 64 bytes each); the whole set is dropped when it is full.
+  struct SHourSummary {
+    ULONGLONG ullDescriptorSize;
+    ULONGLONG ullEpoch;
+    bool bEmpty;
+    NSHours::SHourCell cell;
+  };
+  static constexpr size_t kcMostSummaries = 24 * 366;
+  std::unordered_map<ULONGLONG, SHourSummary> m_mapSummaries;  // by hour (hours since 1601)
   bool m_bCurrentHourCreated = false;  // the open hour was opened by a write
   // The open hour as a number of hours since 1601 and as a UTC breakdown (minutes and below 0), so
   // that frames of the open hour need no path to be formatted.
