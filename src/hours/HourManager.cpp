@@ -302,6 +302,7 @@ void CHourManager::CloseLocked() {
   }
   m_bMapLater = false;
   m_bSettled = false;
+  DropWindows();
   m_ullDataSize = m_ullDescriptorSize = m_ullRefreshedSize = 0;
   m_bUnflushed = false;
   m_bTailToRestore = false;
@@ -316,6 +317,7 @@ HRESULT CHourManager::Refresh() {
 
 void CHourManager::RefreshLocked(bool bWhole) {
   if (!HashOpen() || !m_pHashCopy || FAILED(MapView())) return;
+  DropWindows();
   ULONGLONG ullSize = 0;
   const bool bSized = m_descriptor.IsOpen() && SUCCEEDED(m_descriptor.GetSize(&ullSize));
   // The last frame the copy showed is copied again with the new ones: a writer in this process (or
@@ -374,6 +376,7 @@ const SHashFile& CHourManager::LoadPages(DWORD dwOffset, DWORD cb) {
 // the last refresh, and is not counted as up to date, so that the next refresh takes it again.
 void CHourManager::TakeWholeCopy() {
   SHashCopy& copy = *m_pHashCopy;
+  DropWindows();
   m_ullPagesAt = 0;
   m_ullRefreshedSize = 0;
   if (SUCCEEDED(MapView())) {
@@ -520,6 +523,7 @@ HRESULT CHourManager::TakeBack(ULONGLONG ullDataSize, ULONGLONG ullDescriptorSiz
 // left more; S_OK when there is nothing (left) to cut. The hour refuses appends while this fails.
 HRESULT CHourManager::RestoreTail() {
   if (!m_bTailToRestore) return S_OK;
+  DropWindows();
   HRESULT hr = m_file.Seek(static_cast<LONGLONG>(m_ullTailData), FILE_BEGIN, nullptr);
   if (SUCCEEDED(hr)) hr = m_file.SetEndOfFile();
   if (SUCCEEDED(hr)) hr = m_descriptor.Seek(static_cast<LONGLONG>(m_ullTailDescriptor), FILE_BEGIN, nullptr);
@@ -620,11 +624,13 @@ const SFrameInfoHash* CHourManager::GetSlot(const SYSTEMTIME& st) {
 
 LONG CHourManager::NextOccupied(LONG n, LONG nLimit, bool bForward) {
   // Byte by byte, a word at a time where it can: a slot is occupied when any of its bytes is not 0.
+  // Pages are taken a few at a time (in one read when none of them is there yet).
+  constexpr DWORD kcbStride = 8 * kcbCopyPage;
   if (bForward) {
     DWORD dwAt = SlotOffset(static_cast<DWORD>(n));
     const DWORD dwEnd = SlotOffset(static_cast<DWORD>(nLimit) + 1);
     while (dwAt < dwEnd) {
-      const DWORD dwPageEnd = std::min<DWORD>((dwAt / kcbCopyPage + 1) * kcbCopyPage, dwEnd);
+      const DWORD dwPageEnd = std::min<DWORD>((dwAt / kcbStride + 1) * kcbStride, dwEnd);
       const BYTE* pb = reinterpret_cast<const BYTE*>(&Pages(dwAt, dwPageEnd - dwAt));
       for (; dwAt + 8 <= dwPageEnd; dwAt += 8) {
         ULONGLONG ull;
@@ -639,7 +645,7 @@ LONG CHourManager::NextOccupied(LONG n, LONG nLimit, bool bForward) {
   DWORD dwAt = SlotOffset(static_cast<DWORD>(n) + 1);  // one past the bytes still to look at
   const DWORD dwBegin = SlotOffset(static_cast<DWORD>(nLimit));
   while (dwAt > dwBegin) {
-    const DWORD dwPageBegin = std::max<DWORD>((dwAt - 1) / kcbCopyPage * kcbCopyPage, dwBegin);
+    const DWORD dwPageBegin = std::max<DWORD>((dwAt - 1) / kcbStride * kcbStride, dwBegin);
     const BYTE* pb = reinterpret_cast<const BYTE*>(&Pages(dwPageBegin, dwAt - dwPageBegin));
     for (; dwAt >= dwPageBegin + 8; dwAt -= 8) {
       ULONGLONG ull;
@@ -656,6 +662,36 @@ HRESULT CHourManager::ReadFrameInfo(DWORD dwIndex, SFrameInfo* pInfo) {
   return ReadExact(m_descriptor, ULONGLONG{dwIndex} * sizeof(SFrameInfo), pInfo, sizeof(*pInfo));
 }
 
+HRESULT CHourManager::ReadEntry(DWORD dwIndex, SFrameInfo* pInfo, bool bAhead) {
+  if (dwIndex - m_dwEntriesFirst < m_vEntries.size()) {
+    *pInfo = m_vEntries[dwIndex - m_dwEntriesFirst];
+    return S_OK;
+  }
+  if (!bAhead) return ReadFrameInfo(dwIndex, pInfo);
+  // The block of entries around dwIndex. Entries never change once their frame is in a slot: the
+  // block is dropped whenever the copy may come to show other frames (DropWindows).
+  const DWORD dwFirst = dwIndex / kcEntriesAhead * kcEntriesAhead;
+  try {
+    m_vEntries.resize(kcEntriesAhead);
+  } catch (const std::bad_alloc&) {
+    m_vEntries.clear();
+    return ReadFrameInfo(dwIndex, pInfo);
+  }
+  DWORD cbRead = 0;
+  const HRESULT hr = m_descriptor.ReadAt(ULONGLONG{dwFirst} * sizeof(SFrameInfo), m_vEntries.data(),
+                                         kcEntriesAhead * sizeof(SFrameInfo), &cbRead);
+  m_vEntries.resize(SUCCEEDED(hr) ? cbRead / sizeof(SFrameInfo) : 0);
+  m_dwEntriesFirst = dwFirst;
+  if (dwIndex - dwFirst >= m_vEntries.size()) return ReadFrameInfo(dwIndex, pInfo);
+  *pInfo = m_vEntries[dwIndex - dwFirst];
+  return S_OK;
+}
+
+void CHourManager::DropWindows() {
+  m_vEntries.clear();
+  m_cbWindow = 0;
+}
+
 HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuffer* pBuffers, DWORD dwCount) {
   if (dwCount) KV_CHECK_POINTER(pBuffers);
   KV_HOUR_LOCK(E_FAIL);
@@ -670,7 +706,10 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   // 3.-4.
   if (!dwCount && !pdwFlags) return S_FALSE;
   SFrameInfo info;
-  HRESULT hr = ReadFrameInfo(dwIndex, &info);
+  // Reads of frames written one after the other (a scan) take their entries a block at a time.
+  const bool bSequential = dwIndex == m_dwLastIndex + 1;
+  m_dwLastIndex = dwIndex;
+  HRESULT hr = ReadEntry(dwIndex, &info, bSequential);
   if (!KV_SUCCEEDED(hr)) return hr;
   if (!dwCount) {
     *pdwFlags = info.dwFlags;
@@ -679,7 +718,7 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   // 5.-6. The whole frame as its entry gives its size, in one read; the steps below take their
   // pieces from it, and read on their own only what lies outside it (a frame whose header disagrees
   // with its entry), so that every answer stays what piecewise reads would give.
-  LoadFrameWindow(info);
+  LoadFrameWindow(info, bSequential);
   SFrameHeader oFrameHeader;
   hr = ReadFrameBytes(info.ullOffset, &oFrameHeader, sizeof(oFrameHeader));
   if (!KV_SUCCEEDED(hr)) return hr;
@@ -697,11 +736,18 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   return S_OK;
 }
 
-void CHourManager::LoadFrameWindow(const SFrameInfo& info) {
-  m_cbWindow = 0;
+void CHourManager::LoadFrameWindow(const SFrameInfo& info, bool bAhead) {
   // The entry's size is not trusted for more than the window's bound.
-  const DWORD cb = std::min<DWORD>(info.dwSize, kcbMostFrameWindow);
+  DWORD cb = std::min<DWORD>(info.dwSize, kcbMostFrameWindow);
+  if (cb >= sizeof(SFrameHeader) && info.ullOffset >= m_ullWindowOffset &&
+      info.ullOffset - m_ullWindowOffset <= m_cbWindow && cb <= m_cbWindow - (info.ullOffset - m_ullWindowOffset))
+    return;  // read ahead with an earlier frame
+  m_cbWindow = 0;
   if (cb < sizeof(SFrameHeader)) return;
+  // A scan reads the frames that follow with this one, as far as data.al is known to hold whole
+  // frames (what a reader's copy can show lies below m_ullDataSize).
+  if (bAhead && info.ullOffset < m_ullDataSize)
+    cb = static_cast<DWORD>(std::max<ULONGLONG>(cb, std::min<ULONGLONG>(kcbReadAhead, m_ullDataSize - info.ullOffset)));
   try {
     if (m_vWindow.size() < cb) m_vWindow.resize(cb);
   } catch (const std::bad_alloc&) {
@@ -853,7 +899,7 @@ HRESULT CHourManager::GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* p
       bool bMatch = true;
       if (pFilter) {
         SFrameInfo info;
-        const HRESULT hr = ReadFrameInfo(dwIndex, &info);
+        const HRESULT hr = ReadEntry(dwIndex, &info, true);
         if (!KV_SUCCEEDED(hr)) return hr;
         bMatch = Matches(*pFilter, info.dwFlags);
       }

@@ -220,8 +220,16 @@ class CHourManager {
   HRESULT RestoreTail();
   void StoreSlot(const SYSTEMTIME& st, DWORD dwIndex, DWORD dwFlags);
   HRESULT ReadFrameInfo(DWORD dwIndex, SFrameInfo* pInfo);
-  // Reads the frame of an entry (up to kcbMostFrameWindow bytes) into the window in one call.
-  void LoadFrameWindow(const SFrameInfo& info);
+  // Reads the frame of an entry (up to kcbMostFrameWindow bytes) into the window in one call, and
+  // with bAhead the frames after it (up to kcbReadAhead bytes in all); nothing when the window
+  // holds it already.
+  void LoadFrameWindow(const SFrameInfo& info, bool bAhead);
+  // Entry dwIndex of descriptor.ald, from the block kept (m_vEntries) or, with bAhead, by reading
+  // its block.
+  HRESULT ReadEntry(DWORD dwIndex, SFrameInfo* pInfo, bool bAhead);
+  // Forgets the entries and frame bytes read ahead: called whenever the copy may come to show frames
+  // it did not show (a refresh, the copy taken whole) and when the files are cut or closed.
+  void DropWindows();
   // Bytes of data.al from the window when it holds them, else from the file; short: a read fault.
   HRESULT ReadFrameBytes(ULONGLONG ullOffset, void* pv, DWORD cb);
   HRESULT ReadBuffers(const SFrameHeader& header, ULONGLONG ullPos, SHourFrameBuffer* pBuffers, DWORD dwCount);
@@ -272,9 +280,16 @@ class CHourManager {
   // The last frame Read took from data.al in one call: its bytes from m_ullWindowOffset on. The
   // buffer is kept between reads and never grows beyond kcbMostFrameWindow.
   static constexpr DWORD kcbMostFrameWindow = 1u << 20;
+  static constexpr DWORD kcbReadAhead = 256u << 10;
   std::vector<BYTE> m_vWindow;
   ULONGLONG m_ullWindowOffset = 0;
   DWORD m_cbWindow = 0;
+  // A block of descriptor.ald's entries, from m_dwEntriesFirst on, read for a filtered search or a
+  // scan; and the entry index the last Read took.
+  static constexpr DWORD kcEntriesAhead = 1024;
+  std::vector<SFrameInfo> m_vEntries;
+  DWORD m_dwEntriesFirst = 0;
+  DWORD m_dwLastIndex = 0;
   // The hour-change epoch when the hour was last opened.
   ULONGLONG m_ullOpenEpoch = 0;
   // Size of descriptor.ald whose frames the private copy is known to show.

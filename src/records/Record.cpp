@@ -513,6 +513,14 @@ HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, F
   // The instant ft itself never answers; once the search has moved to another hour, that hour's
   // boundary instant may.
   bool bExact = true;
+  struct SListings {
+    CRecord* pRecord;
+    ~SListings() {
+      pRecord->m_bKeepListings = false;
+      pRecord->m_mapListings.clear();
+    }
+  } listings{this};
+  m_bKeepListings = !IsWriter();
   for (;;) {
     SYSTEMTIME st;
     // The open hour needs no path and no look at the disk.
@@ -608,6 +616,13 @@ WString Join(const WString& strLeft, const WString& strRight) {
 
 }  // namespace
 
+std::vector<WString> CRecord::Listing(const WString& strDirectory, int nLevel) {
+  if (!m_bKeepListings) return ListLevel(strDirectory, nLevel);
+  auto it = m_mapListings.find(strDirectory);
+  if (it == m_mapListings.end()) it = m_mapListings.emplace(strDirectory, ListLevel(strDirectory, nLevel)).first;
+  return it->second;
+}
+
 // Erases an empty year, month, day or hour directory met by a search. Directories on the path of the
 // current UTC hour are left alone (a writer may be making them), and the removal never recurses, so
 // that a directory filled between the test and the removal survives.
@@ -644,7 +659,7 @@ bool CRecord::SearchDown(const WString& strDirectory, const WString& strRelative
     if (!EraseEmptyDirectory(strDirectory, strRelative)) *pbFailed = true;
     return false;
   }
-  std::vector<WString> vNames = ListLevel(strDirectory, nLevel);
+  std::vector<WString> vNames = Listing(strDirectory, nLevel);
   if (!bForward) std::reverse(vNames.begin(), vNames.end());
   for (const WString& strName : vNames) {
     if (SearchDown(NSPlatform::CombinePath(strDirectory, strName), Join(strRelative, strName), nLevel + 1, bForward,
@@ -696,7 +711,7 @@ HRESULT CRecord::FindFromLevel(const WString* astrParts, int nStart, bool bForwa
     astrRelatives[i] = Join(astrRelatives[i - 1], astrParts[i - 1]);
   }
   for (int nLevel = nStart; nLevel >= 0; --nLevel) {
-    std::vector<WString> vNames = ListLevel(astrDirectories[nLevel], nLevel);
+    std::vector<WString> vNames = Listing(astrDirectories[nLevel], nLevel);
     if (!bForward) std::reverse(vNames.begin(), vNames.end());
     for (const WString& strName : vNames) {
       if (bForward ? strName <= astrParts[nLevel] : strName >= astrParts[nLevel]) continue;

@@ -13,6 +13,7 @@
 #include <kronvale/kronvale.h>
 
 #include <atomic>
+#include <map>
 #include <memory>
 #include <unordered_map>
 #include <vector>
@@ -129,6 +130,8 @@ class CRecord : public NSCom::CComObjectRootEx,
   bool FindHourSummary(ULONGLONG ullHour, const WString& strDirectory, std::vector<NSHours::SHourCell>* pvCells);
   void KeepHourSummary(ULONGLONG ullHour, NSHours::CHourManager& hour, const std::vector<NSHours::SHourCell>& vCells);
   HRESULT FindFromLevel(const WString* astrParts, int nStart, bool bForward, WString* pstrFound);
+  // The names of year (nLevel 0), month, day or hour directories in strDirectory, in ascending order.
+  std::vector<WString> Listing(const WString& strDirectory, int nLevel);
   bool SearchDown(const WString& strDirectory, const WString& strRelative, int nLevel, bool bForward,
                   WString* pstrFound, bool* pbFailed);
   bool EraseEmptyDirectory(const WString& strDirectory, const WString& strRelative);
@@ -162,6 +165,11 @@ class CRecord : public NSCom::CComObjectRootEx,
   };
   static constexpr size_t kcMostSummaries = 24 * 366;
   std::unordered_map<ULONGLONG, SHourSummary> m_mapSummaries;  // by hour (hours since 1601)
+  // The directory listings one search of a reader has made (Step), so that a walk over a sparse
+  // year lists each month once; empty outside a search. A reader erases nothing, so a listing stays
+  // what the directory held when the search began; hours made later are found by the next search.
+  bool m_bKeepListings = false;
+  std::map<WString, std::vector<WString>> m_mapListings;
   bool m_bCurrentHourCreated = false;  // the open hour was opened by a write
   // The open hour as a number of hours since 1601 and as a UTC breakdown (minutes and below 0), so
   // that frames of the open hour need no path to be formatted.
