@@ -530,7 +530,7 @@ HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, F
       return NSPlatform::HResultFromLastError();
     WString strHourPath;  // of another hour than the open one
     if (!bOpen) strHourPath = NSKronvaleUtils::FormatHourPath(st);
-    if (!bOpen && !NSPlatform::IsDirectory(HourDirectory(strHourPath).c_str())) {
+    if (!bOpen && !IsHourDirectory(strHourPath)) {
       WString strFound;
       FindClosestHourPath(strHourPath, bForward, &strFound);
       if (strFound.empty()) return khrNotFound;
@@ -695,10 +695,33 @@ STDMETHODIMP CRecord::FindClosestHourPath(const WString& strHourPath, bool bForw
   }
   int nDepth = 0;
   for (WString strDirectory = m_strPath; nDepth < 4; ++nDepth) {
+    if (!ListedDirectory(strDirectory, nDepth, astrParts[nDepth])) break;
     strDirectory = NSPlatform::CombinePath(strDirectory, astrParts[nDepth]);
-    if (!NSPlatform::IsDirectory(strDirectory.c_str())) break;
   }
   return FindFromLevel(astrParts, std::min(nDepth, 3), bForward, pstrFound);
+}
+
+// Whether strDirectory holds the level directory strName; during a reader's search, from its
+// listings.
+bool CRecord::ListedDirectory(const WString& strDirectory, int nLevel, const WString& strName) {
+  if (!m_bKeepListings) return NSPlatform::IsDirectory(NSPlatform::CombinePath(strDirectory, strName).c_str());
+  const std::vector<WString> vNames = Listing(strDirectory, nLevel);
+  return std::binary_search(vNames.begin(), vNames.end(), strName);
+}
+
+bool CRecord::IsHourDirectory(const WString& strHourPath) {
+  if (!m_bKeepListings) return NSPlatform::IsDirectory(HourDirectory(strHourPath).c_str());
+  WString strDirectory = m_strPath;
+  size_t nFrom = 0;
+  for (int nLevel = 0; nLevel < 4; ++nLevel) {
+    size_t nTo = nFrom;
+    while (nTo < strHourPath.size() && !NSPlatform::IsPathSeparator(strHourPath[nTo])) ++nTo;
+    const WString strName = strHourPath.substr(nFrom, nTo - nFrom);
+    if (!ListedDirectory(strDirectory, nLevel, strName)) return false;
+    strDirectory = NSPlatform::CombinePath(strDirectory, strName);
+    nFrom = nTo + 1;
+  }
+  return nFrom >= strHourPath.size();
 }
 
 // Searches from level nStart of the path astrParts upwards: at each level, the entries after

@@ -132,6 +132,9 @@ class CRecord : public NSCom::CComObjectRootEx,
   HRESULT FindFromLevel(const WString* astrParts, int nStart, bool bForward, WString* pstrFound);
   // The names of year (nLevel 0), month, day or hour directories in strDirectory, in ascending order.
   std::vector<WString> Listing(const WString& strDirectory, int nLevel);
+  bool ListedDirectory(const WString& strDirectory, int nLevel, const WString& strName);
+  // Whether the hour directory of strHourPath exists (relative to the record directory).
+  bool IsHourDirectory(const WString& strHourPath);
   bool SearchDown(const WString& strDirectory, const WString& strRelative, int nLevel, bool bForward,
                   WString* pstrFound, bool* pbFailed);
   bool EraseEmptyDirectory(const WString& strDirectory, const WString& strRelative);
