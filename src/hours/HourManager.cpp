@@ -486,6 +486,9 @@ HRESULT CHourManager::Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFram
   // 1.
   if (m_bMapLater && FAILED(MapView())) return khrInvalidState;
   if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
+  // The private copy shows the hour as it was before this append until the next refresh: what it
+  // has not taken yet is taken now.
+  if (m_pHashCopy && !m_pHashCopy->loaded.all()) Pages(0, sizeof(SHashFile));
   // A failed append whose bytes could not be taken back is taken back before anything follows it.
   HRESULT hr = RestoreTail();
   if (FAILED(hr)) return hr;
