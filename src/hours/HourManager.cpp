@@ -42,6 +42,13 @@ bool TimeToSystemTime(const FILETIME& ft, SYSTEMTIME* pst) { return NSPlatform::
 constexpr ULONGLONG kullLatestHourStart = 0x7FFFFFFFFFFFFFFFull / NSKronvaleUtils::kullTicksPerHour *
                                           NSKronvaleUtils::kullTicksPerHour - NSKronvaleUtils::kullTicksPerHour;
 
+// Appends made by every hour of this process so far.
+std::atomic<ULONGLONG> g_ullAppends{0};
+
+bool SlotInHour(const SYSTEMTIME& st) {
+  return st.wMinute < kcMinutes && st.wSecond < kcSeconds && st.wMilliseconds < 1000;
+}
+
 bool Matches(const SHourFrameFilter& filter, DWORD dwFlags) {
   return NSKronvaleUtils::IsFrameMatchesFilter(filter.dwMask, filter.eMode, dwFlags);
 }
@@ -124,7 +131,7 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pS
   m_bWritable = bCreate;
   // The private copy is taken once descriptor.ald's size is known, so that every frame listed up to
   // that size was complete before the copy began (but perhaps the last: see RefreshLocked).
-  m_ullRefreshedSize = 0;
+  m_ullRefreshedSize = m_ullPagesAt = 0;
   if (pSnapshot && pSnapshot->pHash) {
     m_pHashCopy = std::move(pSnapshot->pHash);
     const ULONGLONG ullShown = pSnapshot->ullDescriptorSize;
@@ -132,16 +139,27 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pS
       m_ullRefreshedSize = ullShown;
       // The hour as the snapshot left it: the view is mapped only when a refresh needs it. Its last
       // frame is read again (see RefreshLocked), in a few small reads.
-      if (ullShown == m_ullDescriptorSize && RereadLastFrame()) return S_OK;
+      if (ullShown == m_ullDescriptorSize && RereadLastFrame()) {
+        m_ullPagesAt = ullShown;
+        return S_OK;
+      }
+      // Otherwise only the frames appended since the snapshot are copied in (with the last one it
+      // showed).
+      hr = MapView();
+      if (FAILED(hr)) return hr;
+      RefreshLocked();
+      return S_OK;
     }
-    // Otherwise only the frames appended since the snapshot are copied in (with the last one it
-    // showed), or, after any other change, the copy is taken whole.
   } else if (!m_pHashCopy) {
-    m_pHashCopy.reset(new SHashFile);
+    m_pHashCopy.reset(new SHashCopy);
   }
-  hr = MapView();
-  if (FAILED(hr)) return hr;
-  RefreshLocked();
+  // A copy of its own (or one out of date after another change): its pages are taken from the file
+  // as they are needed, checked against the size descriptor.ald has now. The page of the last
+  // listed frame's slot is taken at once, to see whether the copy shows that frame (RefreshLocked).
+  m_pHashCopy->loaded.reset();
+  m_ullPagesAt = m_ullDescriptorSize;
+  m_ullRefreshedSize = LastEntryShown(m_ullDescriptorSize) ? m_ullDescriptorSize : 0;
+  if (!m_ullRefreshedSize) m_ullPagesAt = 0;
   return S_OK;
 }
 
@@ -155,9 +173,9 @@ bool CHourManager::RereadLastFrame() {
   SYSTEMTIME st;
   if (FAILED(ReadFrameInfo(static_cast<DWORD>(ullFrames), &info)) ||
       FAILED(ReadExact(m_file, info.ullOffset, &header, sizeof(header))) || !TimeToSystemTime(header.ftTime, &st) ||
-      !GetSlot(st))
+      !SlotInHour(st))
     return false;
-  SHashFile* pCopy = m_pHashCopy.get();
+  SHashFile* pCopy = &m_pHashCopy->hash;
   const DWORD dwSlot = SlotIndex(st);
   return SUCCEEDED(ReadExact(m_hashFile, SlotOffset(dwSlot), &pCopy->vFrameInfoHash[0][0][0] + dwSlot,
                              sizeof(SFrameInfoHash))) &&
@@ -283,6 +301,8 @@ void CHourManager::CloseLocked() {
     m_hashFile.Close();
   }
   m_bMapLater = false;
+  m_bSettled = false;
+  DropWindows();
   m_ullDataSize = m_ullDescriptorSize = m_ullRefreshedSize = 0;
   m_bUnflushed = false;
   m_bTailToRestore = false;
@@ -295,15 +315,20 @@ HRESULT CHourManager::Refresh() {
   return S_OK;
 }
 
-void CHourManager::RefreshLocked() {
+void CHourManager::RefreshLocked(bool bWhole) {
   if (!HashOpen() || !m_pHashCopy || FAILED(MapView())) return;
+  DropWindows();
   ULONGLONG ullSize = 0;
   const bool bSized = m_descriptor.IsOpen() && SUCCEEDED(m_descriptor.GetSize(&ullSize));
   // The last frame the copy showed is copied again with the new ones: a writer in this process (or
-  // another) may have been between its slot and its flag counters when it was copied.
+  // another) may have been between its slot and its flag counters when it was copied. Pages not
+  // taken yet need nothing: they are taken later, against the new size.
   const ULONGLONG ullFrom =
       m_ullRefreshedSize > sizeof(SFrameInfo) ? m_ullRefreshedSize - sizeof(SFrameInfo) : m_ullRefreshedSize;
-  if (!bSized || !RefreshAppended(ullFrom, ullSize)) std::memcpy(m_pHashCopy.get(), View(), sizeof(SHashFile));
+  if (bWhole || !bSized || !RefreshAppended(ullFrom, ullSize)) {
+    std::memcpy(&m_pHashCopy->hash, View(), sizeof(SHashFile));
+    m_pHashCopy->loaded.set();
+  }
   // A reader's idea of data.al's size grows with the copy: the data of every frame the copy can show
   // was written before its descriptor entry.
   if (!m_bWritable && m_file.IsOpen()) {
@@ -312,7 +337,65 @@ void CHourManager::RefreshLocked() {
   }
   // So does its frame count.
   if (!m_bWritable && bSized) m_ullDescriptorSize = ullSize;
+  m_ullPagesAt = bSized ? ullSize : 0;
   m_ullRefreshedSize = bSized && LastEntryShown(ullSize) ? ullSize : 0;
+  if (!m_ullRefreshedSize) m_ullPagesAt = 0;
+}
+
+const SHashFile& CHourManager::LoadPages(DWORD dwOffset, DWORD cb) {
+  SHashCopy& copy = *m_pHashCopy;
+  if (!m_ullPagesAt) {
+    TakeWholeCopy();
+    return copy.hash;
+  }
+  auto* pbCopy = reinterpret_cast<BYTE*>(&copy.hash);
+  const DWORD dwLast = (dwOffset + cb - 1) / kcbCopyPage;
+  for (DWORD p = dwOffset / kcbCopyPage; p <= dwLast; ++p) {
+    if (copy.loaded[p]) continue;
+    DWORD pEnd = p + 1;
+    while (pEnd <= dwLast && !copy.loaded[pEnd]) ++pEnd;
+    const DWORD dwFrom = p * kcbCopyPage;
+    const DWORD cbRun = static_cast<DWORD>(std::min<ULONGLONG>(ULONGLONG{pEnd} * kcbCopyPage, sizeof(SHashFile)) - dwFrom);
+    if (m_hashMapping.IsMapped()) {
+      std::memcpy(pbCopy + dwFrom, reinterpret_cast<const BYTE*>(View()) + dwFrom, cbRun);
+    } else if (FAILED(ReadExact(m_hashFile, dwFrom, pbCopy + dwFrom, cbRun))) {
+      TakeWholeCopy();
+      return copy.hash;
+    }
+    for (DWORD q = p; q < pEnd; ++q) copy.loaded.set(q);
+    p = pEnd;
+  }
+  // A frame appended since the size was taken may be in what was just read: the pages then do
+  // not show what the rest shows, and the copy is taken whole.
+  ULONGLONG ullSize = 0;
+  if (!m_descriptor.IsOpen() || FAILED(m_descriptor.GetSize(&ullSize)) || ullSize != m_ullPagesAt) TakeWholeCopy();
+  return copy.hash;
+}
+
+// The copy brought up to date at once, out of the reader's turn: it may show frames appended since
+// the last refresh, and is not counted as up to date, so that the next refresh takes it again.
+void CHourManager::TakeWholeCopy() {
+  SHashCopy& copy = *m_pHashCopy;
+  DropWindows();
+  m_ullPagesAt = 0;
+  m_ullRefreshedSize = 0;
+  if (SUCCEEDED(MapView())) {
+    std::memcpy(&copy.hash, View(), sizeof(SHashFile));
+  } else {
+    // Nothing better to show than what the file gives; a part that cannot be read shows no frames.
+    for (DWORD p = 0; p < kcCopyPages; ++p) {
+      if (copy.loaded[p]) continue;
+      const DWORD dwFrom = p * kcbCopyPage;
+      const DWORD cb = static_cast<DWORD>(std::min<ULONGLONG>(kcbCopyPage, sizeof(SHashFile) - dwFrom));
+      BYTE* pb = reinterpret_cast<BYTE*>(&copy.hash) + dwFrom;
+      if (FAILED(ReadExact(m_hashFile, dwFrom, pb, cb))) std::memset(pb, 0, cb);
+    }
+  }
+  copy.loaded.set();
+  if (!m_bWritable && m_file.IsOpen()) {
+    ULONGLONG ullDataSize = 0;
+    if (SUCCEEDED(m_file.GetSize(&ullDataSize))) m_ullDataSize = ullDataSize;
+  }
 }
 
 // A few frames appended since the copy was last up to date (descriptor sizes ullFrom and ullTo): only
@@ -327,12 +410,12 @@ bool CHourManager::RefreshAppended(ULONGLONG ullFrom, ULONGLONG ullTo) {
   const DWORD cbInfo = static_cast<DWORD>(ullTo - ullFrom);
   if (FAILED(ReadExact(m_descriptor, ullFrom, vInfo, cbInfo))) return false;
   const SHashFile* pView = View();
-  SHashFile* pCopy = m_pHashCopy.get();
+  SHashFile* pCopy = &m_pHashCopy->hash;
   for (DWORD i = 0; i < cbInfo / sizeof(SFrameInfo); ++i) {
     SFrameHeader header;
     SYSTEMTIME st;
     if (FAILED(ReadExact(m_file, vInfo[i].ullOffset, &header, sizeof(header))) ||
-        !TimeToSystemTime(header.ftTime, &st) || !GetSlot(st))
+        !TimeToSystemTime(header.ftTime, &st) || !SlotInHour(st))
       return false;
     const WORD m = st.wMinute, sec = st.wSecond, slot = st.wMilliseconds / 10;
     pCopy->vFrameInfoHash[m][sec][slot] = pView->vFrameInfoHash[m][sec][slot];
@@ -359,15 +442,35 @@ bool CHourManager::LastEntryShown(ULONGLONG ullDescriptorSize) {
   return GetSlot(st)->GetIndex() == (static_cast<DWORD>(ullFrames) & kdwSlotIndexMask);
 }
 
-HRESULT CHourManager::RefreshIfGrown() {
-  KV_HOUR_LOCK(E_FAIL);
-  if (!HashOpen() || !m_descriptor.IsOpen()) return S_FALSE;
-  return RefreshIfGrownLocked() ? S_OK : S_FALSE;
+bool CHourManager::GetCopyState(ULONGLONG* pullDescriptorSize, ULONGLONG* pullEpoch) {
+  KV_HOUR_LOCK(false);
+  *pullDescriptorSize = m_ullRefreshedSize;
+  *pullEpoch = m_ullOpenEpoch;
+  return HashOpen() && HasCopy() && m_ullRefreshedSize != 0;
 }
 
-bool CHourManager::RefreshIfGrownLocked() {
+HRESULT CHourManager::RefreshIfGrown(bool bAskAnyway) {
+  KV_HOUR_LOCK(E_FAIL);
+  if (!HashOpen() || !m_descriptor.IsOpen()) return S_FALSE;
+  return RefreshIfGrownLocked(bAskAnyway) ? S_OK : S_FALSE;
+}
+
+bool CHourManager::RefreshIfGrownLocked(bool bAskAnyway) {
+  // An hour that ended more than an hour ago grows only through this process's writers (which
+  // record only the present, late frames included); while none of them appended anything since the
+  // last look, descriptor.ald is not asked again.
+  const ULONGLONG ullAppends = g_ullAppends.load(std::memory_order_acquire);
+  if (m_bSettled && ullAppends == m_ullAppendsSeen && !bAskAnyway) return false;
   ULONGLONG ullSize = 0;
-  if (m_descriptor.IsOpen() && SUCCEEDED(m_descriptor.GetSize(&ullSize)) && ullSize == m_ullRefreshedSize) return false;
+  if (m_descriptor.IsOpen() && SUCCEEDED(m_descriptor.GetSize(&ullSize)) && ullSize == m_ullRefreshedSize) {
+    FILETIME ftNow;
+    NSPlatform::GetUtcFileTime(&ftNow);
+    m_ullAppendsSeen = ullAppends;
+    m_bSettled = NSPlatform::FileTimeToU64(GetHourStart()) + 2 * NSKronvaleUtils::kullTicksPerHour <=
+                 NSPlatform::FileTimeToU64(ftNow);
+    return false;
+  }
+  m_bSettled = false;
   RefreshLocked();
   return true;
 }
@@ -383,6 +486,9 @@ HRESULT CHourManager::Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFram
   // 1.
   if (m_bMapLater && FAILED(MapView())) return khrInvalidState;
   if (!KV_ASSERT_TEXT(m_hashMapping.IsMapped(), "pDescriptorHeader\n")) return khrInvalidState;
+  // The private copy shows the hour as it was before this append until the next refresh: what it
+  // has not taken yet is taken now.
+  if (m_pHashCopy && !m_pHashCopy->loaded.all()) Pages(0, sizeof(SHashFile));
   // A failed append whose bytes could not be taken back is taken back before anything follows it.
   HRESULT hr = RestoreTail();
   if (FAILED(hr)) return hr;
@@ -399,6 +505,7 @@ HRESULT CHourManager::Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFram
   if (!KV_ASSERT_TEXT(kdwNoIndex != dwIndex, "-1!=uFrameInfoUnion.dwIndex\n")) return E_UNEXPECTED;
   // 6.-7.
   StoreSlot(st, dwIndex, dwFlags);
+  g_ullAppends.fetch_add(1, std::memory_order_acq_rel);
   m_bUnflushed = m_bBuffered;
   return S_OK;
 }
@@ -419,6 +526,7 @@ HRESULT CHourManager::TakeBack(ULONGLONG ullDataSize, ULONGLONG ullDescriptorSiz
 // left more; S_OK when there is nothing (left) to cut. The hour refuses appends while this fails.
 HRESULT CHourManager::RestoreTail() {
   if (!m_bTailToRestore) return S_OK;
+  DropWindows();
   HRESULT hr = m_file.Seek(static_cast<LONGLONG>(m_ullTailData), FILE_BEGIN, nullptr);
   if (SUCCEEDED(hr)) hr = m_file.SetEndOfFile();
   if (SUCCEEDED(hr)) hr = m_descriptor.Seek(static_cast<LONGLONG>(m_ullTailDescriptor), FILE_BEGIN, nullptr);
@@ -511,13 +619,80 @@ void CHourManager::StoreSlot(const SYSTEMTIME& st, DWORD dwIndex, DWORD dwFlags)
 
 // ---- Read ---------------------------------------------------------------------------------------
 
-const SFrameInfoHash* CHourManager::GetSlot(const SYSTEMTIME& st) const {
-  if (!Copy() || st.wMinute >= kcMinutes || st.wSecond >= kcSeconds || st.wMilliseconds >= 1000) return nullptr;
-  return &Copy()->vFrameInfoHash[st.wMinute][st.wSecond][st.wMilliseconds / 10];
+const SFrameInfoHash* CHourManager::GetSlot(const SYSTEMTIME& st) {
+  if (!HasCopy() || !SlotInHour(st)) return nullptr;
+  const DWORD dwSlot = SlotIndex(st);
+  return &Pages(SlotOffset(dwSlot), sizeof(SFrameInfoHash)).vFrameInfoHash[0][0][0] + dwSlot;
+}
+
+LONG CHourManager::NextOccupied(LONG n, LONG nLimit, bool bForward) {
+  // Byte by byte, a word at a time where it can: a slot is occupied when any of its bytes is not 0.
+  // Pages are taken a few at a time (in one read when none of them is there yet).
+  constexpr DWORD kcbStride = 8 * kcbCopyPage;
+  if (bForward) {
+    DWORD dwAt = SlotOffset(static_cast<DWORD>(n));
+    const DWORD dwEnd = SlotOffset(static_cast<DWORD>(nLimit) + 1);
+    while (dwAt < dwEnd) {
+      const DWORD dwPageEnd = std::min<DWORD>((dwAt / kcbStride + 1) * kcbStride, dwEnd);
+      const BYTE* pb = reinterpret_cast<const BYTE*>(&Pages(dwAt, dwPageEnd - dwAt));
+      for (; dwAt + 8 <= dwPageEnd; dwAt += 8) {
+        ULONGLONG ull;
+        std::memcpy(&ull, pb + dwAt, 8);
+        if (ull) break;
+      }
+      for (; dwAt < dwPageEnd; ++dwAt)
+        if (pb[dwAt]) return static_cast<LONG>(SlotFromOffset(dwAt));
+    }
+    return -1;
+  }
+  DWORD dwAt = SlotOffset(static_cast<DWORD>(n) + 1);  // one past the bytes still to look at
+  const DWORD dwBegin = SlotOffset(static_cast<DWORD>(nLimit));
+  while (dwAt > dwBegin) {
+    const DWORD dwPageBegin = std::max<DWORD>((dwAt - 1) / kcbStride * kcbStride, dwBegin);
+    const BYTE* pb = reinterpret_cast<const BYTE*>(&Pages(dwPageBegin, dwAt - dwPageBegin));
+    for (; dwAt >= dwPageBegin + 8; dwAt -= 8) {
+      ULONGLONG ull;
+      std::memcpy(&ull, pb + dwAt - 8, 8);
+      if (ull) break;
+    }
+    for (; dwAt > dwPageBegin; --dwAt)
+      if (pb[dwAt - 1]) return static_cast<LONG>(SlotFromOffset(dwAt - 1));
+  }
+  return -1;
 }
 
 HRESULT CHourManager::ReadFrameInfo(DWORD dwIndex, SFrameInfo* pInfo) {
   return ReadExact(m_descriptor, ULONGLONG{dwIndex} * sizeof(SFrameInfo), pInfo, sizeof(*pInfo));
+}
+
+HRESULT CHourManager::ReadEntry(DWORD dwIndex, SFrameInfo* pInfo, bool bAhead) {
+  if (dwIndex - m_dwEntriesFirst < m_vEntries.size()) {
+    *pInfo = m_vEntries[dwIndex - m_dwEntriesFirst];
+    return S_OK;
+  }
+  if (!bAhead) return ReadFrameInfo(dwIndex, pInfo);
+  // The block of entries around dwIndex. Entries never change once their frame is in a slot: the
+  // block is dropped whenever the copy may come to show other frames (DropWindows).
+  const DWORD dwFirst = dwIndex / kcEntriesAhead * kcEntriesAhead;
+  try {
+    m_vEntries.resize(kcEntriesAhead);
+  } catch (const std::bad_alloc&) {
+    m_vEntries.clear();
+    return ReadFrameInfo(dwIndex, pInfo);
+  }
+  DWORD cbRead = 0;
+  const HRESULT hr = m_descriptor.ReadAt(ULONGLONG{dwFirst} * sizeof(SFrameInfo), m_vEntries.data(),
+                                         kcEntriesAhead * sizeof(SFrameInfo), &cbRead);
+  m_vEntries.resize(SUCCEEDED(hr) ? cbRead / sizeof(SFrameInfo) : 0);
+  m_dwEntriesFirst = dwFirst;
+  if (dwIndex - dwFirst >= m_vEntries.size()) return ReadFrameInfo(dwIndex, pInfo);
+  *pInfo = m_vEntries[dwIndex - dwFirst];
+  return S_OK;
+}
+
+void CHourManager::DropWindows() {
+  m_vEntries.clear();
+  m_cbWindow = 0;
 }
 
 HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuffer* pBuffers, DWORD dwCount) {
@@ -534,7 +709,10 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   // 3.-4.
   if (!dwCount && !pdwFlags) return S_FALSE;
   SFrameInfo info;
-  HRESULT hr = ReadFrameInfo(dwIndex, &info);
+  // Reads of frames written one after the other (a scan) take their entries a block at a time.
+  const bool bSequential = dwIndex == m_dwLastIndex + 1;
+  m_dwLastIndex = dwIndex;
+  HRESULT hr = ReadEntry(dwIndex, &info, bSequential);
   if (!KV_SUCCEEDED(hr)) return hr;
   if (!dwCount) {
     *pdwFlags = info.dwFlags;
@@ -543,7 +721,7 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   // 5.-6. The whole frame as its entry gives its size, in one read; the steps below take their
   // pieces from it, and read on their own only what lies outside it (a frame whose header disagrees
   // with its entry), so that every answer stays what piecewise reads would give.
-  LoadFrameWindow(info);
+  LoadFrameWindow(info, bSequential);
   SFrameHeader oFrameHeader;
   hr = ReadFrameBytes(info.ullOffset, &oFrameHeader, sizeof(oFrameHeader));
   if (!KV_SUCCEEDED(hr)) return hr;
@@ -561,11 +739,18 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   return S_OK;
 }
 
-void CHourManager::LoadFrameWindow(const SFrameInfo& info) {
-  m_cbWindow = 0;
+void CHourManager::LoadFrameWindow(const SFrameInfo& info, bool bAhead) {
   // The entry's size is not trusted for more than the window's bound.
-  const DWORD cb = std::min<DWORD>(info.dwSize, kcbMostFrameWindow);
+  DWORD cb = std::min<DWORD>(info.dwSize, kcbMostFrameWindow);
+  if (cb >= sizeof(SFrameHeader) && info.ullOffset >= m_ullWindowOffset &&
+      info.ullOffset - m_ullWindowOffset <= m_cbWindow && cb <= m_cbWindow - (info.ullOffset - m_ullWindowOffset))
+    return;  // read ahead with an earlier frame
+  m_cbWindow = 0;
   if (cb < sizeof(SFrameHeader)) return;
+  // A scan reads the frames that follow with this one, as far as data.al is known to hold whole
+  // frames (what a reader's copy can show lies below m_ullDataSize).
+  if (bAhead && info.ullOffset < m_ullDataSize)
+    cb = static_cast<DWORD>(std::max<ULONGLONG>(cb, std::min<ULONGLONG>(kcbReadAhead, m_ullDataSize - info.ullOffset)));
   try {
     if (m_vWindow.size() < cb) m_vWindow.resize(cb);
   } catch (const std::bad_alloc&) {
@@ -648,8 +833,8 @@ HRESULT CHourManager::GetDescriptorTime(const SFrameInfoHash* pSlot, FILETIME* p
 }
 
 HRESULT CHourManager::GetDescriptorTimeLocked(const SFrameInfoHash* pFrameInfoHash, FILETIME* pftTime) {
-  if (!KV_ASSERT_TEXT(Copy(), "pDescriptorHeader\n")) return khrInvalidState;
-  const auto* pDescriptorHeader = reinterpret_cast<const BYTE*>(Copy());
+  if (!KV_ASSERT_TEXT(HasCopy(), "pDescriptorHeader\n")) return khrInvalidState;
+  const auto* pDescriptorHeader = reinterpret_cast<const BYTE*>(&m_pHashCopy->hash);
   const auto* pSlotBytes = reinterpret_cast<const BYTE*>(pFrameInfoHash);
   // Unsigned: a pointer before the grid gives a huge index, refused like one after it.
   const ULONGLONG ullIndex = static_cast<ULONGLONG>(pSlotBytes - pDescriptorHeader) / sizeof(SFrameInfoHash);
@@ -669,21 +854,24 @@ HRESULT CHourManager::GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* p
   KV_HOUR_LOCK(E_FAIL);
   m_dwLastAccess = static_cast<DWORD>(NSPlatform::GetTickCount64());
   if (!KV_ASSERT_TEXT(HashOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
-  if (!GetSlot(st)) return E_INVALIDARG;
-  const SHashFile& hash = *Copy();
+  if (!SlotInHour(st)) return E_INVALIDARG;
   const LONG nStep = bForward ? 1 : -1;
+  const LONG nLimit = bForward ? static_cast<LONG>(kcSlots) - 1 : 0;
   LONG n = static_cast<LONG>(SlotIndex(st)) + (bIncludeStart ? 0 : nStep);
-  const SFrameInfoHash* pSlots = &hash.vFrameInfoHash[0][0][0];
   LONG nMinute = -1;
   LONG nSecond = -1;  // of the hour: minute * 60 + second
   while (n >= 0 && n < static_cast<LONG>(kcSlots)) {
-    if (pFilter) {
+    if (!pFilter) {
+      n = NextOccupied(n, nLimit, bForward);
+      if (n < 0) break;
+    } else {
       // The counters are unions of the flags there: a minute or second whose union does not match
       // is skipped whole, even when exact or none would match one of its frames alone.
       const LONG nM = n / static_cast<LONG>(kcSeconds * kcSlotsPerSecond);
       if (nM != nMinute) {
         nMinute = nM;
-        if (!Matches(*pFilter, FlagMask(hash.vMinuteFlagCounters[nM]))) {
+        if (!Matches(*pFilter, FlagMask(Pages(MinuteCountersOffset(nM), sizeof(DWORD) * kcFlagBits)
+                                            .vMinuteFlagCounters[nM]))) {
           n = bForward ? (nM + 1) * static_cast<LONG>(kcSeconds * kcSlotsPerSecond)
                        : nM * static_cast<LONG>(kcSeconds * kcSlotsPerSecond) - 1;
           continue;
@@ -692,22 +880,34 @@ HRESULT CHourManager::GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* p
       const LONG nS = n / static_cast<LONG>(kcSlotsPerSecond);
       if (nS != nSecond) {
         nSecond = nS;
-        if (!Matches(*pFilter, FlagMask(hash.vSecondFlagCounters[nS]))) {
+        const DWORD dwCounters = static_cast<DWORD>(offsetof(SHashFile, vSecondFlagCounters)) +
+                                 static_cast<DWORD>(nS) * kcFlagBits * sizeof(DWORD);
+        if (!Matches(*pFilter, FlagMask(Pages(dwCounters, sizeof(DWORD) * kcFlagBits).vSecondFlagCounters[nS]))) {
           n = bForward ? (nS + 1) * static_cast<LONG>(kcSlotsPerSecond) : nS * static_cast<LONG>(kcSlotsPerSecond) - 1;
           continue;
         }
       }
+      // The next occupied slot of this second, if any.
+      const LONG nSecondEnd = bForward ? (nS + 1) * static_cast<LONG>(kcSlotsPerSecond) - 1
+                                       : nS * static_cast<LONG>(kcSlotsPerSecond);
+      const LONG nFound = NextOccupied(n, nSecondEnd, bForward);
+      if (nFound < 0) {
+        n = nSecondEnd + nStep;
+        continue;
+      }
+      n = nFound;
     }
-    if (const DWORD dwIndex = pSlots[n].GetIndex()) {
+    const SFrameInfoHash* pSlot = &m_pHashCopy->hash.vFrameInfoHash[0][0][0] + n;
+    if (const DWORD dwIndex = pSlot->GetIndex()) {
       bool bMatch = true;
       if (pFilter) {
         SFrameInfo info;
-        const HRESULT hr = ReadFrameInfo(dwIndex, &info);
+        const HRESULT hr = ReadEntry(dwIndex, &info, true);
         if (!KV_SUCCEEDED(hr)) return hr;
         bMatch = Matches(*pFilter, info.dwFlags);
       }
       if (bMatch) {
-        const HRESULT hr = GetDescriptorTimeLocked(&pSlots[n], pftFound);
+        const HRESULT hr = GetDescriptorTimeLocked(pSlot, pftFound);
         const bool bRes = SUCCEEDED(hr);
         if (!KV_ASSERT(bRes)) return hr;
         return S_OK;
@@ -723,17 +923,17 @@ HRESULT CHourManager::GetStatistic(SHourStatistic* pStatistic) {
   KV_HOUR_LOCK(E_FAIL);
   if (!KV_ASSERT_TEXT(HashOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   RefreshIfGrownLocked();
-  const SHashFile& hash = *Copy();
-  const SFrameInfoHash* pSlots = &hash.vFrameInfoHash[0][0][0];
   SHourStatistic oRecordStatistic = {};
   oRecordStatistic.ullFrameCount = FrameCountFromDescriptorSize(m_ullDescriptorSize);
+  const LONG nFirst = NextOccupied(0, static_cast<LONG>(kcSlots) - 1, true);
+  const LONG nLast = nFirst < 0 ? -1 : NextOccupied(static_cast<LONG>(kcSlots) - 1, nFirst, false);
+  const SHashFile& hash = Pages(offsetof(SHashFile, vHourFlagCounters), sizeof(SHashFile::vHourFlagCounters));
   std::memcpy(oRecordStatistic.vFlagCounters, hash.vHourFlagCounters, sizeof(hash.vHourFlagCounters));
-  const SFrameInfoHash* pFirst =
-      std::find_if(pSlots, pSlots + kcSlots, [](const SFrameInfoHash& s) { return s.GetIndex() != 0; });
   HRESULT hr = S_FALSE;
-  if (pFirst != pSlots + kcSlots) {
-    const SFrameInfoHash* pLast = pSlots + kcSlots - 1;
-    while (!pLast->GetIndex()) --pLast;
+  if (nFirst >= 0) {
+    const SFrameInfoHash* pSlots = &hash.vFrameInfoHash[0][0][0];
+    const SFrameInfoHash* pFirst = pSlots + nFirst;
+    const SFrameInfoHash* pLast = pSlots + nLast;
     hr = GetDescriptorTimeLocked(pFirst, &oRecordStatistic.ftBegin);
     if (SUCCEEDED(hr)) hr = GetDescriptorTimeLocked(pLast, &oRecordStatistic.ftEnd);
     if (!KV_SUCCEEDED(hr)) return hr;
@@ -752,11 +952,11 @@ HRESULT CHourManager::GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo,
   KV_HOUR_LOCK(E_FAIL);
   pvCells->clear();
   if (!KV_ASSERT_TEXT(HashOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
-  if (!GetSlot(stFrom) || !GetSlot(stTo)) return E_INVALIDARG;
+  if (!SlotInHour(stFrom) || !SlotInHour(stTo)) return E_INVALIDARG;
   const DWORD dwFrom = SlotIndex(stFrom);
   const DWORD dwTo = SlotIndex(stTo);
   if (!cSlotsPerCell) cSlotsPerCell = kcSlots;
-  const SHashFile& hash = *Copy();
+  const SHashFile& hash = m_pHashCopy->hash;
   const SFrameInfoHash* pSlots = &hash.vFrameInfoHash[0][0][0];
   // With a filter the frames' own flags are needed: all entries at once, one read per call.
   std::vector<SFrameInfo> vEntries;
@@ -767,9 +967,11 @@ HRESULT CHourManager::GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo,
   auto flush = [&] {
     if (dwCell != kdwNoIndex && (!pFilter || Matches(*pFilter, cell.dwFlags))) pvCells->push_back(cell);
   };
-  for (DWORD n = dwFrom; n <= dwTo; ++n) {
+  for (LONG nAt = static_cast<LONG>(dwFrom); nAt <= static_cast<LONG>(dwTo); ++nAt) {
+    nAt = NextOccupied(nAt, static_cast<LONG>(dwTo), true);
+    if (nAt < 0) break;
+    const DWORD n = static_cast<DWORD>(nAt);
     const DWORD dwIndex = pSlots[n].GetIndex();
-    if (!dwIndex) continue;
     if (n / cSlotsPerCell != dwCell) {
       flush();
       dwCell = n / cSlotsPerCell;
@@ -779,7 +981,9 @@ HRESULT CHourManager::GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo,
     cell.dwLastSlot = n;
     if (n / kcSlotsPerSecond != dwSecond) {
       dwSecond = n / kcSlotsPerSecond;
-      cell.dwFlags |= FlagMask(hash.vSecondFlagCounters[dwSecond]);
+      const DWORD dwCounters =
+          static_cast<DWORD>(offsetof(SHashFile, vSecondFlagCounters)) + dwSecond * kcFlagBits * sizeof(DWORD);
+      cell.dwFlags |= FlagMask(Pages(dwCounters, kcFlagBits * sizeof(DWORD)).vSecondFlagCounters[dwSecond]);
     }
     if (!pFilter) {
       ++cell.dwCount;
@@ -805,15 +1009,16 @@ HRESULT CHourManager::GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo,
 DWORD CHourManager::GetFlagMask(DWORD dwLevel, const SYSTEMTIME& st) {
   if (dwLevel < eflSecond || dwLevel > eflHour) throw std::invalid_argument("flag level");
   KV_HOUR_LOCK(0);
-  if (!HashOpen() || !GetSlot(st)) return 0;
-  const SHashFile& hash = *Copy();
+  if (!HashOpen() || !HasCopy() || !SlotInHour(st)) return 0;
+  constexpr DWORD cb = kcFlagBits * sizeof(DWORD);
   switch (dwLevel) {
     case eflSecond:
-      return FlagMask(hash.vSecondFlagCounters[st.wMinute * kcSeconds + st.wSecond]);
+      return FlagMask(Pages(SecondCountersOffset(st.wMinute, st.wSecond), cb)
+                          .vSecondFlagCounters[st.wMinute * kcSeconds + st.wSecond]);
     case eflMinute:
-      return FlagMask(hash.vMinuteFlagCounters[st.wMinute]);
+      return FlagMask(Pages(MinuteCountersOffset(st.wMinute), cb).vMinuteFlagCounters[st.wMinute]);
     default:
-      return FlagMask(hash.vHourFlagCounters);
+      return FlagMask(Pages(offsetof(SHashFile, vHourFlagCounters), cb).vHourFlagCounters);
   }
 }
 
@@ -950,6 +1155,7 @@ HRESULT CHourManager::Repair(IProgress* pProgress) {
   }
   // 3. Without its data file the hour holds nothing worth keeping.
   HRESULT hr = OpenLocked(true, m_bBuffered);
+  if (SUCCEEDED(hr)) hr = MapView();  // the slots are stored through the view
   if (FAILED(hr)) {
     const bool bNoDataFile = m_descriptor.IsOpen() && !m_file.IsOpen();
     CloseLocked();

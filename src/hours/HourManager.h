@@ -14,6 +14,7 @@
 // last frame for a write cut short by a crash; Repair rebuilds both index files from data.al.
 #pragma once
 
+#include <bitset>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -66,12 +67,24 @@ struct SHourCell {
   DWORD dwCount;
 };
 
+// A reader's private copy of descriptor.alh, taken in pages of kcbCopyPage bytes as they are first
+// needed (a random read needs one page of slots; a walk through the hour needs them all), so that
+// opening an hour costs no copy of 1.5 MB. A page not loaded yet is taken from the file when first
+// needed, while descriptor.ald still has the size the copy stands for; a page taken after the hour
+// grew brings the whole copy up to date instead, as a refresh does.
+constexpr DWORD kcbCopyPage = 16384;
+constexpr DWORD kcCopyPages = (sizeof(SHashFile) + kcbCopyPage - 1) / kcbCopyPage;
+struct SHashCopy {
+  SHashFile hash;
+  std::bitset<kcCopyPages> loaded;  // pages of hash taken from the file
+};
+
 // A closed hour's private index copy, kept by its record so that opening the hour again costs no copy
-// of the 1.5 MB hash file: the copy, the size of descriptor.ald whose every frame it shows, and the
-// hour-change epoch (NSKronvaleUtils::HourChangeEpoch) of the open it was taken under. Memory only:
-// it holds no file, so nothing stops the hour from being deleted.
+// of the 1.5 MB hash file: the copy (the pages taken so far), the size of descriptor.ald whose every
+// frame it shows, and the hour-change epoch (NSKronvaleUtils::HourChangeEpoch) of the open it was
+// taken under. Memory only: it holds no file, so nothing stops the hour from being deleted.
 struct SHourSnapshot {
-  std::unique_ptr<SHashFile> pHash;
+  std::unique_ptr<SHashCopy> pHash;
   ULONGLONG ullDescriptorSize = 0;
   ULONGLONG ullEpoch = 0;
 };
@@ -119,8 +132,9 @@ class CHourManager {
 
   // The time of a slot of the private copy (as handed out by GetSlot).
   HRESULT GetDescriptorTime(const SFrameInfoHash* pSlot, FILETIME* pftTime);
-  // The slot of st in the private copy; null when the hour is not open.
-  const SFrameInfoHash* GetSlot(const SYSTEMTIME& st) const;
+  // The slot of st in the private copy (its page taken from the file first); null when the hour is
+  // not open.
+  const SFrameInfoHash* GetSlot(const SYSTEMTIME& st);
   // The nearest frame after (bForward) or before st in this hour, the slot of st itself included
   // when bIncludeStart; with a filter, whole minutes and seconds whose flag unions do not match are
   // skipped. 0x80070490 when the hour holds no such frame.
@@ -150,8 +164,15 @@ class CHourManager {
   HRESULT Refresh();
   // Refreshes the private copy when descriptor.ald holds frames the copy may not show yet (appended
   // by this object or through another open of the hour since the last refresh). S_OK when it
-  // refreshed, S_FALSE when the copy was up to date.
-  HRESULT RefreshIfGrown();
+  // refreshed, S_FALSE when the copy was up to date. An hour that ended more than an hour ago is
+  // taken as settled while no writer of this process appended anything since it was last found
+  // unchanged: descriptor.ald is not asked again (so a walk costs no system call per step), unless
+  // bAskAnyway.
+  HRESULT RefreshIfGrown(bool bAskAnyway = false);
+  // What the private copy stands for: the size of descriptor.ald whose every frame it shows and the
+  // hour-change epoch of the open it was taken under. False when the copy is not known to show every
+  // listed frame (its answers then change at the next refresh).
+  bool GetCopyState(ULONGLONG* pullDescriptorSize, ULONGLONG* pullEpoch);
   // Tick count (low 32 bits) of the last Read or GetSibling.
   DWORD GetLastAccess() const { return m_dwLastAccess.load(); }
 
@@ -185,8 +206,9 @@ class CHourManager {
   HRESULT OpenDescriptor(bool bCreate);
   HRESULT OpenFile(bool bCreate);
   void CloseLocked();
-  void RefreshLocked();
-  bool RefreshIfGrownLocked();  // true when the copy was refreshed
+  // bWhole: the copy is taken whole from the view, whatever it showed before.
+  void RefreshLocked(bool bWhole = false);
+  bool RefreshIfGrownLocked(bool bAskAnyway = false);  // true when the copy was refreshed
   bool RefreshAppended(ULONGLONG ullFrom, ULONGLONG ullTo);
   bool LastEntryShown(ULONGLONG ullDescriptorSize);
   bool IsCorruptedLocked();
@@ -198,15 +220,34 @@ class CHourManager {
   HRESULT RestoreTail();
   void StoreSlot(const SYSTEMTIME& st, DWORD dwIndex, DWORD dwFlags);
   HRESULT ReadFrameInfo(DWORD dwIndex, SFrameInfo* pInfo);
-  // Reads the frame of an entry (up to kcbMostFrameWindow bytes) into the window in one call.
-  void LoadFrameWindow(const SFrameInfo& info);
+  // Reads the frame of an entry (up to kcbMostFrameWindow bytes) into the window in one call, and
+  // with bAhead the frames after it (up to kcbReadAhead bytes in all); nothing when the window
+  // holds it already.
+  void LoadFrameWindow(const SFrameInfo& info, bool bAhead);
+  // Entry dwIndex of descriptor.ald, from the block kept (m_vEntries) or, with bAhead, by reading
+  // its block.
+  HRESULT ReadEntry(DWORD dwIndex, SFrameInfo* pInfo, bool bAhead);
+  // Forgets the entries and frame bytes read ahead: called whenever the copy may come to show frames
+  // it did not show (a refresh, the copy taken whole) and when the files are cut or closed.
+  void DropWindows();
   // Bytes of data.al from the window when it holds them, else from the file; short: a read fault.
   HRESULT ReadFrameBytes(ULONGLONG ullOffset, void* pv, DWORD cb);
   HRESULT ReadBuffers(const SFrameHeader& header, ULONGLONG ullPos, SHourFrameBuffer* pBuffers, DWORD dwCount);
   HRESULT GetDescriptorTimeLocked(const SFrameInfoHash* pSlot, FILETIME* pftTime);
   FILETIME GetHourStart();
   WString FilePath(const WCHAR* pszName) const;
-  const SHashFile* Copy() const { return m_pHashCopy.get(); }
+  bool HasCopy() const { return m_pHashCopy != nullptr; }
+  // The private copy with its bytes from dwOffset to dwOffset + cb taken from the file.
+  const SHashFile& Pages(DWORD dwOffset, DWORD cb) {
+    for (DWORD p = dwOffset / kcbCopyPage; p <= (dwOffset + cb - 1) / kcbCopyPage; ++p)
+      if (!m_pHashCopy->loaded[p]) return LoadPages(dwOffset, cb);
+    return m_pHashCopy->hash;
+  }
+  const SHashFile& LoadPages(DWORD dwOffset, DWORD cb);
+  void TakeWholeCopy();
+  // The first occupied slot from n on (bForward) or back from n, not beyond nLimit (included); -1
+  // when there is none. Pages are taken only as far as the search goes.
+  LONG NextOccupied(LONG n, LONG nLimit, bool bForward);
   SHashFile* View() const { return static_cast<SHashFile*>(m_hashMapping.GetView()); }
 
   WString m_strPath;
@@ -224,7 +265,11 @@ class CHourManager {
   bool m_bWritable = false;
   std::atomic<DWORD> m_dwLastAccess{0};
   // The readers' copy of the hash file; allocated at the first open and kept.
-  std::unique_ptr<SHashFile> m_pHashCopy;
+  std::unique_ptr<SHashCopy> m_pHashCopy;
+  // Size of descriptor.ald the copy's pages not taken yet are checked against when they are taken:
+  // a page read while descriptor.ald still has this size shows what the rest of the copy shows. 0
+  // when pages cannot be trusted so (the copy is then taken whole at the next page it lacks).
+  ULONGLONG m_ullPagesAt = 0;
   // Sizes of data.al and descriptor.ald as the writer left them, so that an append costs no query.
   ULONGLONG m_ullDataSize = 0;
   ULONGLONG m_ullDescriptorSize = 0;
@@ -235,13 +280,24 @@ class CHourManager {
   // The last frame Read took from data.al in one call: its bytes from m_ullWindowOffset on. The
   // buffer is kept between reads and never grows beyond kcbMostFrameWindow.
   static constexpr DWORD kcbMostFrameWindow = 1u << 20;
+  static constexpr DWORD kcbReadAhead = 256u << 10;
   std::vector<BYTE> m_vWindow;
   ULONGLONG m_ullWindowOffset = 0;
   DWORD m_cbWindow = 0;
+  // A block of descriptor.ald's entries, from m_dwEntriesFirst on, read for a filtered search or a
+  // scan; and the entry index the last Read took.
+  static constexpr DWORD kcEntriesAhead = 1024;
+  std::vector<SFrameInfo> m_vEntries;
+  DWORD m_dwEntriesFirst = 0;
+  DWORD m_dwLastIndex = 0;
   // The hour-change epoch when the hour was last opened.
   ULONGLONG m_ullOpenEpoch = 0;
   // Size of descriptor.ald whose frames the private copy is known to show.
   ULONGLONG m_ullRefreshedSize = 0;
+  // RefreshIfGrown found the hour settled (ended more than an hour ago, not grown) when this process
+  // had made m_ullAppendsSeen appends.
+  bool m_bSettled = false;
+  ULONGLONG m_ullAppendsSeen = 0;
   // Every member above is guarded by this lock, which the record owns.
   NSSystem::ILockPtr m_pLock;
 };

@@ -392,7 +392,7 @@ STDMETHODIMP CRecord::Read(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuf
     // visible with a refresh of the hour's index copy.
     if (!bRefreshed) {
       bRefreshed = true;
-      if (pHour->RefreshIfGrown() == S_OK) continue;
+      if (pHour->RefreshIfGrown(true) == S_OK) continue;
     }
     if (m_bCurrentHourCreated) return hr;
     // A reader never tests nor repairs: it answers the read's own failure. In an hour being written
@@ -513,6 +513,14 @@ HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, F
   // The instant ft itself never answers; once the search has moved to another hour, that hour's
   // boundary instant may.
   bool bExact = true;
+  struct SListings {
+    CRecord* pRecord;
+    ~SListings() {
+      pRecord->m_bKeepListings = false;
+      pRecord->m_mapListings.clear();
+    }
+  } listings{this};
+  m_bKeepListings = !IsWriter();
   for (;;) {
     SYSTEMTIME st;
     // The open hour needs no path and no look at the disk.
@@ -522,7 +530,7 @@ HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, F
       return NSPlatform::HResultFromLastError();
     WString strHourPath;  // of another hour than the open one
     if (!bOpen) strHourPath = NSKronvaleUtils::FormatHourPath(st);
-    if (!bOpen && !NSPlatform::IsDirectory(HourDirectory(strHourPath).c_str())) {
+    if (!bOpen && !IsHourDirectory(strHourPath)) {
       WString strFound;
       FindClosestHourPath(strHourPath, bForward, &strFound);
       if (strFound.empty()) return khrNotFound;
@@ -608,6 +616,13 @@ WString Join(const WString& strLeft, const WString& strRight) {
 
 }  // namespace
 
+std::vector<WString> CRecord::Listing(const WString& strDirectory, int nLevel) {
+  if (!m_bKeepListings) return ListLevel(strDirectory, nLevel);
+  auto it = m_mapListings.find(strDirectory);
+  if (it == m_mapListings.end()) it = m_mapListings.emplace(strDirectory, ListLevel(strDirectory, nLevel)).first;
+  return it->second;
+}
+
 // Erases an empty year, month, day or hour directory met by a search. Directories on the path of the
 // current UTC hour are left alone (a writer may be making them), and the removal never recurses, so
 // that a directory filled between the test and the removal survives.
@@ -644,7 +659,7 @@ bool CRecord::SearchDown(const WString& strDirectory, const WString& strRelative
     if (!EraseEmptyDirectory(strDirectory, strRelative)) *pbFailed = true;
     return false;
   }
-  std::vector<WString> vNames = ListLevel(strDirectory, nLevel);
+  std::vector<WString> vNames = Listing(strDirectory, nLevel);
   if (!bForward) std::reverse(vNames.begin(), vNames.end());
   for (const WString& strName : vNames) {
     if (SearchDown(NSPlatform::CombinePath(strDirectory, strName), Join(strRelative, strName), nLevel + 1, bForward,
@@ -680,10 +695,33 @@ STDMETHODIMP CRecord::FindClosestHourPath(const WString& strHourPath, bool bForw
   }
   int nDepth = 0;
   for (WString strDirectory = m_strPath; nDepth < 4; ++nDepth) {
+    if (!ListedDirectory(strDirectory, nDepth, astrParts[nDepth])) break;
     strDirectory = NSPlatform::CombinePath(strDirectory, astrParts[nDepth]);
-    if (!NSPlatform::IsDirectory(strDirectory.c_str())) break;
   }
   return FindFromLevel(astrParts, std::min(nDepth, 3), bForward, pstrFound);
+}
+
+// Whether strDirectory holds the level directory strName; during a reader's search, from its
+// listings.
+bool CRecord::ListedDirectory(const WString& strDirectory, int nLevel, const WString& strName) {
+  if (!m_bKeepListings) return NSPlatform::IsDirectory(NSPlatform::CombinePath(strDirectory, strName).c_str());
+  const std::vector<WString> vNames = Listing(strDirectory, nLevel);
+  return std::binary_search(vNames.begin(), vNames.end(), strName);
+}
+
+bool CRecord::IsHourDirectory(const WString& strHourPath) {
+  if (!m_bKeepListings) return NSPlatform::IsDirectory(HourDirectory(strHourPath).c_str());
+  WString strDirectory = m_strPath;
+  size_t nFrom = 0;
+  for (int nLevel = 0; nLevel < 4; ++nLevel) {
+    size_t nTo = nFrom;
+    while (nTo < strHourPath.size() && !NSPlatform::IsPathSeparator(strHourPath[nTo])) ++nTo;
+    const WString strName = strHourPath.substr(nFrom, nTo - nFrom);
+    if (!ListedDirectory(strDirectory, nLevel, strName)) return false;
+    strDirectory = NSPlatform::CombinePath(strDirectory, strName);
+    nFrom = nTo + 1;
+  }
+  return nFrom >= strHourPath.size();
 }
 
 // Searches from level nStart of the path astrParts upwards: at each level, the entries after
@@ -696,7 +734,7 @@ HRESULT CRecord::FindFromLevel(const WString* astrParts, int nStart, bool bForwa
     astrRelatives[i] = Join(astrRelatives[i - 1], astrParts[i - 1]);
   }
   for (int nLevel = nStart; nLevel >= 0; --nLevel) {
-    std::vector<WString> vNames = ListLevel(astrDirectories[nLevel], nLevel);
+    std::vector<WString> vNames = Listing(astrDirectories[nLevel], nLevel);
     if (!bForward) std::reverse(vNames.begin(), vNames.end());
     for (const WString& strName : vNames) {
       if (bForward ? strName <= astrParts[nLevel] : strName >= astrParts[nLevel]) continue;
@@ -763,6 +801,30 @@ STDMETHODIMP CRecord::GetStatistic(FILETIME ftBegin, FILETIME ftEnd, FILETIME ft
   return HandOutStatistic(vRuns, hr, pdwCount, ppRecordStatistic);
 }
 
+bool CRecord::FindHourSummary(ULONGLONG ullHour, const WString& strDirectory, std::vector<SHourCell>* pvCells) {
+  const auto it = m_mapSummaries.find(ullHour);
+  if (it == m_mapSummaries.end()) return false;
+  std::vector<NSPlatform::SDirEntry> vEntries;
+  if (it->second.ullEpoch != NSKronvaleUtils::HourChangeEpoch() ||
+      FAILED(NSPlatform::ListDir(strDirectory.c_str(), &vEntries, NSHours::kszDescriptorFileName)) ||
+      vEntries.size() != 1 || vEntries[0].ullSize != it->second.ullDescriptorSize) {
+    m_mapSummaries.erase(it);
+    return false;
+  }
+  pvCells->clear();
+  if (!it->second.bEmpty) pvCells->push_back(it->second.cell);
+  return true;
+}
+
+void CRecord::KeepHourSummary(ULONGLONG ullHour, CHourManager& hour, const std::vector<SHourCell>& vCells) {
+  SHourSummary summary = {};
+  if (vCells.size() > 1 || !hour.GetCopyState(&summary.ullDescriptorSize, &summary.ullEpoch)) return;
+  summary.bEmpty = vCells.empty();
+  if (!summary.bEmpty) summary.cell = vCells.front();
+  if (m_mapSummaries.size() >= kcMostSummaries) m_mapSummaries.clear();
+  m_mapSummaries[ullHour] = summary;
+}
+
 // The cells of every hour from ullBegin to ullEnd, in time order: seconds or minutes for resolutions
 // under an hour (10 ms slots under a second), one cell per hour otherwise.
 HRESULT CRecord::CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLONG ullResolution,
@@ -801,13 +863,23 @@ HRESULT CRecord::CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLON
       KV_REPORT_IF_FAILED(khrPending);
       return khrPending;
     }
-    CHourPtr pHour;
-    hr = GetHourManager(strHourPath, false, &pHour);
-    if (!KV_SUCCEEDED(hr)) return hr;
-    pHour->RefreshIfGrown();
-    if (!pFilter || Passes(pFilter, pHour->GetFlagMask(NSHours::eflHour, stFrom))) {
-      hr = pHour->GetCells(stFrom, stTo, cSlotsPerCell, HourFilter(pFilter), &vHourCells);
+    const bool bWholeHour = !pFilter && !cSlotsPerCell && NSHours::SlotIndex(stFrom) == 0 &&
+                            NSHours::SlotIndex(stTo) == NSHours::kcSlots - 1;
+    const ULONGLONG ullHour = ullHourStart / kullHour;
+    bool bCells = bWholeHour && FindHourSummary(ullHour, HourDirectory(strHourPath), &vHourCells);
+    if (!bCells) {
+      CHourPtr pHour;
+      hr = GetHourManager(strHourPath, false, &pHour);
       if (!KV_SUCCEEDED(hr)) return hr;
+      pHour->RefreshIfGrown();
+      if (!pFilter || Passes(pFilter, pHour->GetFlagMask(NSHours::eflHour, stFrom))) {
+        hr = pHour->GetCells(stFrom, stTo, cSlotsPerCell, HourFilter(pFilter), &vHourCells);
+        if (!KV_SUCCEEDED(hr)) return hr;
+        bCells = true;
+        if (bWholeHour) KeepHourSummary(ullHour, *pHour, vHourCells);
+      }
+    }
+    if (bCells) {
       for (const SHourCell& cell : vHourCells) {
         SRecordStatistic record;
         if (cSlotsPerCell) {

@@ -13,7 +13,9 @@
 #include <kronvale/kronvale.h>
 
 #include <atomic>
+#include <map>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "com/InterfaceMethods.h"
@@ -110,7 +112,14 @@ class CRecord : public NSCom::CComObjectRootEx,
   HRESULT CollectStatistic(ULONGLONG ullBegin, ULONGLONG ullEnd, ULONGLONG ullResolution, const SFrameFilter* pFilter,
                            std::vector<SStatisticCell>* pvCells);
   bool InCurrentHour(ULONGLONG ullTime, SYSTEMTIME* pst) const;
+  bool FindHourSummary(ULONGLONG ullHour, const WString& strDirectory, std::vector<NSHours::SHourCell>* pvCells);
+  void KeepHourSummary(ULONGLONG ullHour, NSHours::CHourManager& hour, const std::vector<NSHours::SHourCell>& vCells);
   HRESULT FindFromLevel(const WString* astrParts, int nStart, bool bForward, WString* pstrFound);
+  // The names of year (nLevel 0), month, day or hour directories in strDirectory, in ascending order.
+  std::vector<WString> Listing(const WString& strDirectory, int nLevel);
+  bool ListedDirectory(const WString& strDirectory, int nLevel, const WString& strName);
+  // Whether the hour directory of strHourPath exists (relative to the record directory).
+  bool IsHourDirectory(const WString& strHourPath);
   bool SearchDown(const WString& strDirectory, const WString& strRelative, int nLevel, bool bForward,
                   WString* pstrFound, bool* pbFailed);
   bool EraseEmptyDirectory(const WString& strDirectory, const WString& strRelative);
@@ -130,6 +139,25 @@ class CRecord : public NSCom::CComObjectRootEx,
   // size, and only the frames appended since are then copied in.
   static constexpr size_t kcCachedHours = 4;
   std::vector<std::pair<WString, NSHours::SHourSnapshot>> m_vCachedHours;
+  // What a statistic without a filter at one-hour resolution or above takes from a whole hour: its
+  // one cell (none for an hour without frames), with the size of descriptor.ald and the hour-change
+  // epoch of the copy it came from. Used again, without opening the hour, only while the epoch is
+  // the same and descriptor.ald has that size: a closed hour changes only by appends (which grow
+  // it) or by what advances the epoch. Memory only, at most kcMostSummaries (a year of hours, about
+  // 64 bytes each); the whole set is dropped when it is full.
+  struct SHourSummary {
+    ULONGLONG ullDescriptorSize;
+    ULONGLONG ullEpoch;
+    bool bEmpty;
+    NSHours::SHourCell cell;
+  };
+  static constexpr size_t kcMostSummaries = 24 * 366;
+  std::unordered_map<ULONGLONG, SHourSummary> m_mapSummaries;  // by hour (hours since 1601)
+  // The directory listings one search of a reader has made (Step), so that a walk over a sparse
+  // year lists each month once; empty outside a search. A reader erases nothing, so a listing stays
+  // what the directory held when the search began; hours made later are found by the next search.
+  bool m_bKeepListings = false;
+  std::map<WString, std::vector<WString>> m_mapListings;
   bool m_bCurrentHourCreated = false;  // the open hour was opened by a write
   // The open hour as a number of hours since 1601 and as a UTC breakdown (minutes and below 0), so
   // that frames of the open hour need no path to be formatted.
