@@ -9,7 +9,7 @@
 #include "records/RecordTestSupport.h"
 
 using namespace NSKronvale;
-using namespace NKvRecordTest;
+using namespace NSTest;
 
 namespace NSTest {
 namespace {
@@ -32,7 +32,7 @@ std::string Statistic(IRecord* p, ULONGLONG ullResolution, const SFrameFilter* p
 
 class RecordHourSummaryTest : public ::testing::Test {
  protected:
-  NKvTest::CTempDir m_dir;
+  NSTest::CTempDir m_dir;
   CTestArchive m_archive{m_dir.Sub(KV_W("arc"))};
 };
 
