@@ -23,10 +23,6 @@ std::atomic<bool> g_bInstalled{false};
 
 namespace {
 
-#ifndef ERROR_USER_MAPPED_FILE
-constexpr DWORD ERROR_USER_MAPPED_FILE = 1224;
-#endif
-
 constexpr size_t kcbPage = 4096;   // what a cut keeps, drops or tears
 constexpr size_t kcbSector = 512;  // what a torn page is made of
 
