@@ -366,6 +366,11 @@ void SetCapacity(ULONGLONG ullCapacity) {
   if (g_pState) g_pState->ullCapacity = ullCapacity;
 }
 
+unsigned GetOpenCount() {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  return g_pState ? g_pState->cOpen : 0;
+}
+
 ULONGLONG GetUsedBytes() {
   std::lock_guard<std::mutex> lock(g_mutex);
   return g_pState ? g_pState->ullUsed : 0;

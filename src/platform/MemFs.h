@@ -43,6 +43,8 @@ void Uninstall();
 bool IsInstalled();
 // The capacity for files; a value below what files hold already leaves no free space.
 void SetCapacity(ULONGLONG ullCapacity);
+// How many files and mappings of the in-memory file system are open (0 when not installed).
+unsigned GetOpenCount();
 // The bytes every file holds (files deleted while open included, until their last close).
 ULONGLONG GetUsedBytes();
 
