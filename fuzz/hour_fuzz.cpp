@@ -7,16 +7,12 @@
 //   - a failed Read leaves task memory with the caller,
 //   - a successful Read reports more bytes than the caller's block can hold,
 //   - the repair's progress goes backwards or above 100,
-//   - a file descriptor stays open after the hour manager is gone.
+//   - a file stays open after the hour manager is gone.
 //
-// One scratch directory per process, $TMPDIR (or /tmp) /kv_hour_fuzz.<pid>, is rebuilt for every
-// input and removed at exit.
-#include <unistd.h>
-
+// Everything runs on the platform's in-memory file system (platform/MemFs.h), made anew for every
+// input: nothing reaches the disk, and a run costs what the engine's own work costs.
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,6 +20,7 @@
 #include "HourInput.h"
 #include "com/ComBase.h"
 #include "hours/HourManager.h"
+#include "platform/MemFs.h"
 #include "platform/os.h"
 #include "support/Lock.h"
 
@@ -34,7 +31,6 @@ using NSHours::CHourManager;
 using NSHours::SHourFrameBuffer;
 using NSHours::SHourFrameFilter;
 using NSHours::SHourStatistic;
-namespace fs = std::filesystem;
 namespace NSFault = NSPlatform::NSFault;
 
 // The hour every input lives in; its path must end in year, month, day and hour.
@@ -43,26 +39,19 @@ constexpr uint32_t kcCounters = NSHours::kcFlagBits * (1 + NSHours::kcMinutes + 
 constexpr DWORD kdwNoGap = 0xFFFFFFFFu;
 constexpr unsigned kcMaxWalk = 3;
 
-struct SScratch {
-  fs::path root;   // ours alone, kept for the process
-  fs::path hour;   // root/rec/2024/05/17/13
-  WString strHour;
-};
-
-SScratch& Scratch() {
-  static SScratch* pScratch = [] {
-    auto* p = new SScratch;
-    const char* pszTmp = std::getenv("TMPDIR");
-    p->root = fs::path(pszTmp && *pszTmp ? pszTmp : "/tmp") / ("kv_hour_fuzz." + std::to_string(getpid()));
-    p->hour = p->root / "rec" / "2024" / "05" / "17" / "13";
-    p->strHour = NSPlatform::Utf8ToWide(p->hour.string());
-    std::atexit([] {
-      std::error_code ec;
-      fs::remove_all(Scratch().root, ec);
-    });
-    return p;
+// The hour's directory in the in-memory file system; its path must end in year, month, day and hour.
+const WString& HourPath() {
+  static const WString* pstrHour = [] {
+    NSPlatform::NSMemFs::Install();
+    WString strTemp;
+    NSPlatform::GetTempDirectory(&strTemp);
+    WString strHour = NSPlatform::CombinePath(strTemp, KV_W("kv_hour_fuzz"));
+    for (const WCHAR* psz : {KV_W("rec"), KV_W("2024"), KV_W("05"), KV_W("17"), KV_W("13")}) {
+      strHour = NSPlatform::CombinePath(strHour, psz);
+    }
+    return new WString(strHour);
   }();
-  return *pScratch;
+  return *pstrHour;
 }
 
 [[noreturn]] void Fail(const char* pszWhat) {
@@ -70,27 +59,39 @@ SScratch& Scratch() {
   std::abort();
 }
 
-void WriteWhole(const fs::path& path, const std::string& str) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file.write(str.data(), static_cast<std::streamsize>(str.size()));
-  if (!file) Fail("cannot write a scratch file");
+WString FileOfHour(const WCHAR* pszName) { return NSPlatform::CombinePath(HourPath(), pszName); }
+
+NSPlatform::CFile CreateFileOfHour(const WCHAR* pszName) {
+  NSPlatform::CFile file;
+  if (FAILED(file.Open(FileOfHour(pszName).c_str(), GENERIC_READ | GENERIC_WRITE, 0, CREATE_ALWAYS, 0)))
+    Fail("cannot create a scratch file");
+  return file;
 }
 
-// The hash file: sparse zeros at the chosen size (so building it costs no 1.5 MB write), then the
-// patches that fall inside it.
-void WriteHash(const fs::path& path, const SHourInput& input) {
-  uintmax_t cbSize = sizeof(NSHours::SHashFile);
+void WriteAt(NSPlatform::CFile& file, uint64_t ullOffset, const void* pv, size_t cb) {
+  DWORD cbWritten = 0;
+  if (FAILED(file.WriteAt(ullOffset, pv, static_cast<DWORD>(cb), &cbWritten)) || cbWritten != cb)
+    Fail("cannot write a scratch file");
+}
+
+void WriteWhole(const WCHAR* pszName, const std::string& str) {
+  NSPlatform::CFile file = CreateFileOfHour(pszName);
+  WriteAt(file, 0, str.data(), str.size());
+}
+
+// The hash file: zeros at the chosen size, then the patches that fall inside it.
+void WriteHash(const SHourInput& input) {
+  uint64_t cbSize = sizeof(NSHours::SHashFile);
   if (input.byOptions & eoHashWrongSize)
     cbSize = input.byHashSizeDelta ? cbSize + static_cast<int8_t>(input.byHashSizeDelta) : 0;
-  std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out | std::ios::trunc);
-  std::error_code ec;
-  if (!file) Fail("cannot create the scratch hash file");
-  fs::resize_file(path, cbSize, ec);
-  if (ec) Fail("cannot size the scratch hash file");
-  auto patch = [&](uintmax_t offset, const void* pv, size_t cb) {
+  NSPlatform::CFile file = CreateFileOfHour(KV_W("descriptor.alh"));
+  if (cbSize != 0) {
+    static const BYTE s_bZero = 0;
+    WriteAt(file, cbSize - 1, &s_bZero, 1);
+  }
+  auto patch = [&](uint64_t offset, const void* pv, size_t cb) {
     if (offset + cb > cbSize) return;
-    file.seekp(static_cast<std::streamoff>(offset));
-    file.write(static_cast<const char*>(pv), static_cast<std::streamsize>(cb));
+    WriteAt(file, offset, pv, cb);
   };
   for (const SSlotPatch& slot : input.vSlotPatches) {
     const char vb[3] = {static_cast<char>(slot.dwValue), static_cast<char>(slot.dwValue >> 8),
@@ -98,26 +99,22 @@ void WriteHash(const fs::path& path, const SHourInput& input) {
     patch(NSHours::SlotOffset(slot.dwSlot % NSHours::kcSlots), vb, sizeof(vb));
   }
   for (const SCounterPatch& counter : input.vCounterPatches) {
-    const uintmax_t offset = offsetof(NSHours::SHashFile, vHourFlagCounters) + (counter.dwCounter % kcCounters) * 4;
+    const uint64_t offset = offsetof(NSHours::SHashFile, vHourFlagCounters) + (counter.dwCounter % kcCounters) * 4;
     patch(offset, &counter.dwValue, sizeof(counter.dwValue));
   }
-  file.flush();
-  if (!file) Fail("cannot patch the scratch hash file");
 }
 
+// A new, empty in-memory file system holding the hour the input describes.
 void BuildHour(const SHourInput& input) {
-  const SScratch& scratch = Scratch();
-  std::error_code ec;
-  fs::remove_all(scratch.root / "rec", ec);
-  fs::create_directories(scratch.hour, ec);
-  if (ec) Fail("cannot create the scratch hour directory");
+  NSPlatform::NSMemFs::Install();
+  if (FAILED(NSPlatform::CreateDirTree(HourPath().c_str()))) Fail("cannot create the scratch hour directory");
   if (input.byOptions & eoDataIsDirectory) {
-    fs::create_directory(scratch.hour / "data.al", ec);
+    NSPlatform::CreateDir(FileOfHour(KV_W("data.al")).c_str());
   } else if (!(input.byOptions & eoNoData)) {
-    WriteWhole(scratch.hour / "data.al", input.strData);
+    WriteWhole(KV_W("data.al"), input.strData);
   }
-  if (!(input.byOptions & eoNoDescriptor)) WriteWhole(scratch.hour / "descriptor.ald", input.strDescriptor);
-  if (!(input.byOptions & eoNoHash)) WriteHash(scratch.hour / "descriptor.alh", input);
+  if (!(input.byOptions & eoNoDescriptor)) WriteWhole(KV_W("descriptor.ald"), input.strDescriptor);
+  if (!(input.byOptions & eoNoHash)) WriteHash(input);
 }
 
 void ArmFault(const SHourInput& input) {
@@ -217,13 +214,6 @@ void SiblingProbe(CHourManager& hour, const SYSTEMTIME& st, const SProbe& probe)
   }
 }
 
-size_t CountOpenDescriptors() {
-  size_t c = 0;
-  std::error_code ec;
-  for (fs::directory_iterator it("/proc/self/fd", ec), end; !ec && it != end; it.increment(ec)) ++c;
-  return c;
-}
-
 // The repair's progress: never backwards, never above 100.
 class CProgressSink final : public NSHours::IProgress {
  public:
@@ -238,12 +228,12 @@ class CProgressSink final : public NSHours::IProgress {
 };
 
 void Run(const SHourInput& input) {
-  const SScratch& scratch = Scratch();
+  const WString& strHour = HourPath();
   const bool bBuffered = input.byOptions & eoBuffered;
   CHourManager hour(std::make_shared<NSSystem::SLock>());
 
   // The hour as found.
-  const HRESULT hrOpen = hour.Open(scratch.strHour, false, bBuffered);
+  const HRESULT hrOpen = hour.Open(strHour, false, bBuffered);
   (void)hrOpen;
   hour.IsCorrupted();
   for (const SProbe& probe : input.vProbes) {
@@ -266,7 +256,7 @@ void Run(const SHourInput& input) {
   hour.Repair((input.byOptions & eoRepairWithSink) ? &sink : nullptr);
 
   // The hour as the repair left it.
-  if (SUCCEEDED(hour.Open(scratch.strHour, false, bBuffered))) {
+  if (SUCCEEDED(hour.Open(strHour, false, bBuffered))) {
     hour.IsCorrupted();
     hour.GetStatistic(&statistic);
     const SProbe& probe = input.vProbes[0];
@@ -281,10 +271,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pbData, size_t cbData) {
   const SHourInput input = ParseHourInput(pbData, cbData);
   NSFault::Reset();
   BuildHour(input);
-  const size_t cDescriptors = CountOpenDescriptors();
   ArmFault(input);
   Run(input);
   NSFault::Reset();
-  if (CountOpenDescriptors() > cDescriptors) Fail("a file descriptor outlived the hour manager");
+  if (NSPlatform::NSMemFs::GetOpenCount() != 0) Fail("a file outlived the hour manager");
   return 0;
 }

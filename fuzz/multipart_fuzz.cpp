@@ -9,43 +9,34 @@
 //
 // Partitions are opened through a factory that refuses every path, so no input can reach an archive
 // on the machine: every partition of the file is reported and kept as absent, which is the path a
-// file with unplugged disks takes. One scratch directory per process, $TMPDIR (or /tmp)
-// /kv_multipart_fuzz.<pid>, holds the two files and is removed at exit. (To move onto the in-memory
-// file system once the platform offers it.)
-#include <unistd.h>
-
+// file with unplugged disks takes. The two files live in the platform's in-memory file system
+// (platform/MemFs.h): nothing reaches the disk.
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "archive/ArchiveSettings.h"
 #include "com/ComKit.h"
 #include "multipart/MultipartArchive.h"
+#include "platform/MemFs.h"
 #include "platform/os.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using NSMultipart::CMultipartArchive;
 
 struct SScratch {
-  fs::path root;
   WString strMultipart;
   WString strSettings;
 };
 
 SScratch& Scratch() {
   static SScratch* pScratch = [] {
+    NSPlatform::NSMemFs::Install();
     auto* p = new SScratch;
-    const char* pszTmp = std::getenv("TMPDIR");
-    p->root = fs::path(pszTmp && *pszTmp ? pszTmp : "/tmp") / ("kv_multipart_fuzz." + std::to_string(getpid()));
-    fs::create_directories(p->root);
-    p->strMultipart = NSPlatform::Utf8ToWide((p->root / "site.kvm").string());
-    p->strSettings = NSPlatform::Utf8ToWide((p->root / "settings.als").string());
-    std::atexit([] {
-      std::error_code ec;
-      fs::remove_all(Scratch().root, ec);
-    });
+    WString strTemp;
+    NSPlatform::GetTempDirectory(&strTemp);
+    p->strMultipart = NSPlatform::CombinePath(strTemp, KV_W("site.kvm"));
+    p->strSettings = NSPlatform::CombinePath(strTemp, KV_W("settings.als"));
     return p;
   }();
   return *pScratch;

@@ -120,10 +120,12 @@ class CFile {
   intptr_t NativeHandle() const { return m_hNative; }
 
  private:
+  friend class CFileMapping;
   intptr_t m_hNative;
   DWORD m_dwAccess = 0;
   WString m_strPath;
   void* m_pShareEntry = nullptr;  // Linux: this open's entry in the process-wide share table
+  void* m_pMemFile = nullptr;     // an open of the in-memory file system (MemFs.h), else null
 };
 
 // A read-write mapping of a whole file, at its size when mapped. An empty file cannot be mapped
@@ -148,6 +150,7 @@ class CFileMapping {
   ULONGLONG m_ullSize;
   intptr_t m_hMapping;  // Windows: the mapping object; unused on Linux
   WString m_strPath;    // the mapped file, for the fault seam's path rules
+  void* m_pMemMapping = nullptr;  // a view of the in-memory file system (MemFs.h), else null
 };
 
 // Deletes a file (not a directory). A read-only file: ERROR_ACCESS_DENIED.

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "platform/MemFs.h"
 #include "platform/posix/Errno.h"
 
 namespace NSPlatform {
@@ -126,6 +127,7 @@ HRESULT MakeDirectories(const std::string& strNative) {
 }  // namespace
 
 HRESULT CreateDir(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) return NSMemFs::CreateDir(pszPath);
   const WString strPath = WidePath(pszPath);
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
@@ -139,6 +141,7 @@ HRESULT CreateDir(const WCHAR* pszPath) {
 }
 
 HRESULT CreateDirTree(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) return NSMemFs::CreateDirTree(pszPath);
   const WString strPath = WidePath(pszPath);
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
@@ -151,6 +154,7 @@ HRESULT CreateDirTree(const WCHAR* pszPath) {
 }
 
 HRESULT RemoveDir(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) return NSMemFs::RemoveDir(pszPath);
   const WString strPath = WidePath(pszPath);
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
@@ -168,6 +172,7 @@ HRESULT RemoveDir(const WCHAR* pszPath) {
 }
 
 HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, const WCHAR* pszSpec) {
+  if (NSMemFs::Serves()) return NSMemFs::ListDir(pszDirectory, pvEntries, pszSpec);
   if (!pvEntries) return Fail(ERROR_INVALID_PARAMETER);
   pvEntries->clear();
   const WString strPath = WidePath(pszDirectory);
@@ -208,17 +213,20 @@ HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, co
 }
 
 bool PathExists(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) return NSMemFs::PathExists(pszPath);
   const std::string strNative = NativePath(pszPath);
   struct stat st;
   return !strNative.empty() && ::stat(strNative.c_str(), &st) == 0;
 }
 
 bool IsDirectory(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) return NSMemFs::IsDirectory(pszPath);
   const std::string strNative = NativePath(pszPath);
   return !strNative.empty() && StatIsDirectory(strNative);
 }
 
 bool IsDirectoryEmpty(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) return NSMemFs::IsDirectoryEmpty(pszPath);
   const std::string strNative = NativePath(pszPath);
   if (strNative.empty()) return false;
   TDirPtr pDir(::opendir(strNative.c_str()));
@@ -230,6 +238,7 @@ bool IsDirectoryEmpty(const WCHAR* pszPath) {
 }
 
 HRESULT CopyTree(const WCHAR* pszFrom, const WCHAR* pszTo) {
+  if (NSMemFs::Serves()) return NSMemFs::CopyTree(pszFrom, pszTo);
   WString strFrom, strTo;
   HRESULT hr = GetFullPath(pszFrom, &strFrom);
   if (SUCCEEDED(hr)) hr = GetFullPath(pszTo, &strTo);

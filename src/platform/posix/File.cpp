@@ -24,6 +24,7 @@
 #include <map>
 #include <mutex>
 
+#include "platform/MemFs.h"
 #include "platform/posix/Errno.h"
 
 namespace NSPlatform {
@@ -130,10 +131,12 @@ CFile::CFile(CFile&& other) noexcept
     : m_hNative(other.m_hNative),
       m_dwAccess(other.m_dwAccess),
       m_strPath(std::move(other.m_strPath)),
-      m_pShareEntry(other.m_pShareEntry) {
+      m_pShareEntry(other.m_pShareEntry),
+      m_pMemFile(other.m_pMemFile) {
   other.m_hNative = -1;
   other.m_dwAccess = 0;
   other.m_pShareEntry = nullptr;
+  other.m_pMemFile = nullptr;
 }
 
 CFile& CFile::operator=(CFile&& other) noexcept {
@@ -143,20 +146,30 @@ CFile& CFile::operator=(CFile&& other) noexcept {
     m_dwAccess = other.m_dwAccess;
     m_strPath = std::move(other.m_strPath);
     m_pShareEntry = other.m_pShareEntry;
+    m_pMemFile = other.m_pMemFile;
     other.m_hNative = -1;
     other.m_dwAccess = 0;
     other.m_pShareEntry = nullptr;
+    other.m_pMemFile = nullptr;
   }
   return *this;
 }
 
-bool CFile::IsOpen() const { return m_hNative >= 0; }
+bool CFile::IsOpen() const { return m_hNative >= 0 || m_pMemFile; }
 
 HRESULT CFile::Open(const WCHAR* pszPath, DWORD dwAccess, DWORD dwShare, DWORD dwCreation,
                     DWORD dwFlagsAndAttributes, bool* pbExisted) {
   Close();
   if (pbExisted) *pbExisted = false;
   const WString strPath = WidePath(pszPath);
+  if (NSMemFs::Serves()) {
+    const HRESULT hr = NSMemFs::Open(strPath, dwAccess, dwShare, dwCreation, dwFlagsAndAttributes, pbExisted, &m_pMemFile);
+    if (SUCCEEDED(hr)) {
+      m_dwAccess = dwAccess;
+      m_strPath = strPath;
+    }
+    return hr;
+  }
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Open, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
@@ -254,6 +267,13 @@ HRESULT CFile::Open(const WCHAR* pszPath, DWORD dwAccess, DWORD dwShare, DWORD d
 }
 
 void CFile::Close() {
+  if (m_pMemFile) {
+    NSMemFs::Close(m_pMemFile);
+    m_pMemFile = nullptr;
+    m_dwAccess = 0;
+    m_strPath.clear();
+    return;
+  }
   if (m_hNative < 0) return;
   auto* pEntry = static_cast<SShareEntry*>(m_pShareEntry);
   if (pEntry) {
@@ -271,6 +291,7 @@ void CFile::Close() {
 HRESULT CFile::Read(void* pv, DWORD cb, DWORD* pcbRead) {
   if (pcbRead) *pcbRead = 0;
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
+  if (m_pMemFile) return NSMemFs::Read(m_pMemFile, pv, cb, pcbRead);
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Read, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (!(m_dwAccess & GENERIC_READ)) return Fail(ERROR_ACCESS_DENIED);
@@ -289,6 +310,10 @@ HRESULT CFile::Read(void* pv, DWORD cb, DWORD* pcbRead) {
 HRESULT CFile::Write(const void* pv, DWORD cb, DWORD* pcbWritten) {
   if (pcbWritten) *pcbWritten = 0;
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
+  if (m_pMemFile) {
+    const SIoBuffer buffer = {pv, cb};
+    return NSMemFs::WriteGatherAt(m_pMemFile, NSMemFs::kullAtPosition, &buffer, 1, pcbWritten);
+  }
   if (!(m_dwAccess & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
   if (cb != 0 && !pv) return Fail(ERROR_NOACCESS);
   DWORD dwInjected = ERROR_SUCCESS;
@@ -310,6 +335,7 @@ HRESULT CFile::WriteGather(const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pc
 HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, size_t cBuffers, DWORD* pcbWritten) {
   if (pcbWritten) *pcbWritten = 0;
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
+  if (m_pMemFile) return NSMemFs::WriteGatherAt(m_pMemFile, ullOffset, pBuffers, cBuffers, pcbWritten);
   if (cBuffers != 0 && !pBuffers) return Fail(ERROR_INVALID_PARAMETER);
   ULONGLONG ullTotal = 0;
   for (size_t i = 0; i < cBuffers; ++i) ullTotal += pBuffers[i].cb;
@@ -357,6 +383,7 @@ HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, siz
 HRESULT CFile::ReadAt(ULONGLONG ullOffset, void* pv, DWORD cb, DWORD* pcbRead) {
   if (pcbRead) *pcbRead = 0;
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
+  if (m_pMemFile) return NSMemFs::ReadAt(m_pMemFile, ullOffset, pv, cb, pcbRead);
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Read, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (!(m_dwAccess & GENERIC_READ)) return Fail(ERROR_ACCESS_DENIED);
@@ -379,6 +406,10 @@ HRESULT CFile::ReadAt(ULONGLONG ullOffset, void* pv, DWORD cb, DWORD* pcbRead) {
 HRESULT CFile::WriteAt(ULONGLONG ullOffset, const void* pv, DWORD cb, DWORD* pcbWritten) {
   if (pcbWritten) *pcbWritten = 0;
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
+  if (m_pMemFile) {
+    const SIoBuffer buffer = {pv, cb};
+    return NSMemFs::WriteGatherAt(m_pMemFile, ullOffset, &buffer, 1, pcbWritten);
+  }
   if (!(m_dwAccess & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
   if (!IsValidOffset(ullOffset) || !IsValidOffset(ullOffset + cb)) return Fail(ERROR_INVALID_PARAMETER);
   if (cb != 0 && !pv) return Fail(ERROR_NOACCESS);
@@ -399,6 +430,7 @@ HRESULT CFile::WriteAt(ULONGLONG ullOffset, const void* pv, DWORD cb, DWORD* pcb
 
 HRESULT CFile::Seek(LONGLONG llDistance, DWORD dwMethod, ULONGLONG* pullNewPosition) {
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
+  if (m_pMemFile) return NSMemFs::Seek(m_pMemFile, llDistance, dwMethod, pullNewPosition);
   const int fd = static_cast<int>(m_hNative);
   LONGLONG llBase;
   switch (dwMethod) {
@@ -422,6 +454,7 @@ HRESULT CFile::Seek(LONGLONG llDistance, DWORD dwMethod, ULONGLONG* pullNewPosit
 
 HRESULT CFile::GetSize(ULONGLONG* pullSize) const {
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
+  if (m_pMemFile) return NSMemFs::GetSize(m_pMemFile, pullSize);
   if (!pullSize) return Fail(ERROR_INVALID_PARAMETER);
   struct stat st;
   if (::fstat(static_cast<int>(m_hNative), &st) != 0) return FailErrno(errno);
@@ -431,6 +464,7 @@ HRESULT CFile::GetSize(ULONGLONG* pullSize) const {
 
 HRESULT CFile::GetTimes(FILETIME* pftCreation, FILETIME* pftLastAccess, FILETIME* pftLastWrite) const {
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
+  if (m_pMemFile) return NSMemFs::GetTimes(m_pMemFile, pftCreation, pftLastAccess, pftLastWrite);
   if (!pftCreation || !pftLastAccess || !pftLastWrite) return Fail(ERROR_INVALID_PARAMETER);
   struct stat st;
   if (::fstat(static_cast<int>(m_hNative), &st) != 0) return FailErrno(errno);
@@ -442,6 +476,7 @@ HRESULT CFile::GetTimes(FILETIME* pftCreation, FILETIME* pftLastAccess, FILETIME
 
 HRESULT CFile::SetEndOfFile() {
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
+  if (m_pMemFile) return NSMemFs::SetEndOfFile(m_pMemFile);
   if (!(m_dwAccess & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
   const int fd = static_cast<int>(m_hNative);
   const off_t pos = ::lseek(fd, 0, SEEK_CUR);
@@ -452,6 +487,7 @@ HRESULT CFile::SetEndOfFile() {
 
 HRESULT CFile::Flush() {
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
+  if (m_pMemFile) return NSMemFs::Flush(m_pMemFile);
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (!(m_dwAccess & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
@@ -460,6 +496,7 @@ HRESULT CFile::Flush() {
 }
 
 HRESULT CFile::LockRange(ULONGLONG ullOffset, ULONGLONG cb) {
+  if (m_pMemFile) return NSMemFs::LockRange(m_pMemFile, ullOffset, cb);
   if (!IsOpen() || !m_pShareEntry) return Fail(ERROR_INVALID_HANDLE);
   auto* pEntry = static_cast<SShareEntry*>(m_pShareEntry);
   std::lock_guard<std::mutex> lock(g_mutexShares);
@@ -481,6 +518,7 @@ HRESULT CFile::LockRange(ULONGLONG ullOffset, ULONGLONG cb) {
 }
 
 HRESULT CFile::UnlockRange(ULONGLONG ullOffset, ULONGLONG cb) {
+  if (m_pMemFile) return NSMemFs::UnlockRange(m_pMemFile, ullOffset, cb);
   if (!IsOpen() || !m_pShareEntry) return Fail(ERROR_INVALID_HANDLE);
   auto* pEntry = static_cast<SShareEntry*>(m_pShareEntry);
   std::lock_guard<std::mutex> lock(g_mutexShares);
@@ -505,6 +543,11 @@ CFileMapping::~CFileMapping() { Unmap(); }
 HRESULT CFileMapping::Map(const CFile& file) {
   Unmap();
   if (!file.IsOpen()) return Fail(ERROR_INVALID_HANDLE);
+  if (file.m_pMemFile) {
+    const HRESULT hr = NSMemFs::Map(file.m_pMemFile, &m_pMemMapping, &m_pView, &m_ullSize);
+    if (SUCCEEDED(hr)) m_strPath = file.GetPath();
+    return hr;
+  }
   ULONGLONG ullSize = 0;
   HRESULT hr = file.GetSize(&ullSize);
   if (FAILED(hr)) return hr;
@@ -520,6 +563,7 @@ HRESULT CFileMapping::Map(const CFile& file) {
 
 HRESULT CFileMapping::Flush() {
   if (!m_pView) return Fail(ERROR_INVALID_HANDLE);
+  if (m_pMemMapping) return NSMemFs::FlushMapping(m_pMemMapping);
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (::msync(m_pView, static_cast<size_t>(m_ullSize), MS_SYNC) != 0) return FailErrno(errno);
@@ -527,7 +571,12 @@ HRESULT CFileMapping::Flush() {
 }
 
 void CFileMapping::Unmap() {
-  if (m_pView) ::munmap(m_pView, static_cast<size_t>(m_ullSize));
+  if (m_pMemMapping) {
+    NSMemFs::Unmap(m_pMemMapping);
+    m_pMemMapping = nullptr;
+  } else if (m_pView) {
+    ::munmap(m_pView, static_cast<size_t>(m_ullSize));
+  }
   m_pView = nullptr;
   m_ullSize = 0;
   m_strPath.clear();
@@ -538,6 +587,7 @@ void CFileMapping::Unmap() {
 // ---------------------------------------------------------------------------------------------
 
 HRESULT RemoveFile(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) return NSMemFs::RemoveFile(pszPath);
   const WString strPath = WidePath(pszPath);
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
@@ -553,6 +603,7 @@ HRESULT RemoveFile(const WCHAR* pszPath) {
 }
 
 HRESULT RenameFile(const WCHAR* pszFrom, const WCHAR* pszTo) {
+  if (NSMemFs::Serves()) return NSMemFs::RenameFile(pszFrom, pszTo);
   const WString strFrom = WidePath(pszFrom);
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, strFrom, nullptr, &dwInjected)) return Fail(dwInjected);
@@ -576,6 +627,7 @@ HRESULT RenameFile(const WCHAR* pszFrom, const WCHAR* pszTo) {
 }
 
 HRESULT GetTempDirectory(WString* pstrDirectory) {
+  if (NSMemFs::Serves()) return NSMemFs::GetTempDirectory(pstrDirectory);
   if (!pstrDirectory) return Fail(ERROR_INVALID_PARAMETER);
   const char* pszTmp = ::getenv("TMPDIR");
   *pstrDirectory = AddTrailingSeparator(Utf8ToWide(pszTmp && *pszTmp ? pszTmp : "/tmp"));
@@ -583,6 +635,7 @@ HRESULT GetTempDirectory(WString* pstrDirectory) {
 }
 
 HRESULT CreateTempFile(const WCHAR* pszDirectory, const WCHAR* pszPrefix, WString* pstrPath) {
+  if (NSMemFs::Serves()) return NSMemFs::CreateTempFile(pszDirectory, pszPrefix, pstrPath);
   if (!pszDirectory || !pstrPath) return Fail(ERROR_INVALID_PARAMETER);
   struct stat st;
   if (::stat(NativePath(pszDirectory).c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return Fail(ERROR_DIRECTORY);
@@ -609,6 +662,7 @@ HRESULT CreateTempFile(const WCHAR* pszDirectory, const WCHAR* pszPrefix, WStrin
 }
 
 HRESULT GetAttributes(const WCHAR* pszPath, DWORD* pdwAttributes) {
+  if (NSMemFs::Serves()) return NSMemFs::GetAttributes(pszPath, pdwAttributes);
   if (!pdwAttributes) return Fail(ERROR_INVALID_PARAMETER);
   *pdwAttributes = INVALID_FILE_ATTRIBUTES;
   const std::string strNative = NativePath(pszPath);
@@ -623,6 +677,7 @@ HRESULT GetAttributes(const WCHAR* pszPath, DWORD* pdwAttributes) {
 }
 
 HRESULT SetAttributes(const WCHAR* pszPath, DWORD dwAttributes) {
+  if (NSMemFs::Serves()) return NSMemFs::SetAttributes(pszPath, dwAttributes);
   const WString strPath = WidePath(pszPath);
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);

@@ -2,6 +2,7 @@
 // that quota and disk-full handling can be tested without filling a disk.
 #include <sys/statvfs.h>
 
+#include "platform/MemFs.h"
 #include "platform/posix/Errno.h"
 
 namespace NSPlatform {
@@ -10,6 +11,7 @@ using namespace NSPosix;
 
 HRESULT GetFreeDiskSpace(const WCHAR* pszPath, ULONGLONG* pullFreeToCaller, ULONGLONG* pullTotal,
                          ULONGLONG* pullTotalFree) {
+  if (NSMemFs::Serves()) return NSMemFs::GetFreeDiskSpace(pszPath, pullFreeToCaller, pullTotal, pullTotalFree);
   const std::string strNative = NativePath(pszPath);
   if (strNative.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   struct statvfs vfs;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "platform/MemFs.h"
 #include "platform/win32/Win32Util.h"
 
 namespace NSPlatform {
@@ -78,6 +79,9 @@ HRESULT ShellPathList(const WCHAR* pszPath, WString* pstrList) {
 }  // namespace
 
 HRESULT CreateDir(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::CreateDir(pszPath);
+  }
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
     return FailWith(dwInjected);
@@ -86,6 +90,9 @@ HRESULT CreateDir(const WCHAR* pszPath) {
 }
 
 HRESULT CreateDirTree(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::CreateDirTree(pszPath);
+  }
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
     return FailWith(dwInjected);
@@ -100,6 +107,9 @@ HRESULT CreateDirTree(const WCHAR* pszPath) {
 }
 
 HRESULT RemoveDir(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::RemoveDir(pszPath);
+  }
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
     return FailWith(dwInjected);
@@ -108,6 +118,9 @@ HRESULT RemoveDir(const WCHAR* pszPath) {
 }
 
 HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, const WCHAR* pszSpec) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::ListDir(pszDirectory, pvEntries, pszSpec);
+  }
   pvEntries->clear();
   WString strDirectory = PathOrEmpty(pszDirectory);
   DWORD dwInjected = ERROR_SUCCESS;
@@ -173,13 +186,31 @@ HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, co
   return S_OK;
 }
 
-bool PathExists(const WCHAR* pszPath) { return ::PathFileExistsW(pszPath) != FALSE; }
+bool PathExists(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::PathExists(pszPath);
+  }
+  return ::PathFileExistsW(pszPath) != FALSE;
+}
 
-bool IsDirectory(const WCHAR* pszPath) { return ::PathIsDirectoryW(pszPath) != FALSE; }
+bool IsDirectory(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::IsDirectory(pszPath);
+  }
+  return ::PathIsDirectoryW(pszPath) != FALSE;
+}
 
-bool IsDirectoryEmpty(const WCHAR* pszPath) { return ::PathIsDirectoryEmptyW(pszPath) != FALSE; }
+bool IsDirectoryEmpty(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::IsDirectoryEmpty(pszPath);
+  }
+  return ::PathIsDirectoryEmptyW(pszPath) != FALSE;
+}
 
 HRESULT CopyTree(const WCHAR* pszFrom, const WCHAR* pszTo) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::CopyTree(pszFrom, pszTo);
+  }
   WString strFrom;
   WString strTo;
   HRESULT hr = ShellPathList(pszFrom, &strFrom);

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "platform/MemFs.h"
 #include "platform/os.h"
 #include "platform/win32/Win32Util.h"
 
@@ -64,9 +65,13 @@ CFile::CFile() : m_hNative(hInvalid) {}
 CFile::~CFile() { Close(); }
 
 CFile::CFile(CFile&& other) noexcept
-    : m_hNative(other.m_hNative), m_dwAccess(other.m_dwAccess), m_strPath(std::move(other.m_strPath)) {
+    : m_hNative(other.m_hNative),
+      m_dwAccess(other.m_dwAccess),
+      m_strPath(std::move(other.m_strPath)),
+      m_pMemFile(other.m_pMemFile) {
   other.m_hNative = hInvalid;
   other.m_dwAccess = 0;
+  other.m_pMemFile = nullptr;
 }
 
 CFile& CFile::operator=(CFile&& other) noexcept {
@@ -75,8 +80,10 @@ CFile& CFile::operator=(CFile&& other) noexcept {
     m_hNative = other.m_hNative;
     m_dwAccess = other.m_dwAccess;
     m_strPath = std::move(other.m_strPath);
+    m_pMemFile = other.m_pMemFile;
     other.m_hNative = hInvalid;
     other.m_dwAccess = 0;
+    other.m_pMemFile = nullptr;
   }
   return *this;
 }
@@ -91,6 +98,13 @@ HRESULT CFile::Open(const WCHAR* pszPath, DWORD dwAccess, DWORD dwShare, DWORD d
     return FailWith(ERROR_INVALID_PARAMETER);
   }
   m_strPath = pszPath;
+  if (NSMemFs::Serves()) {
+    const HRESULT hr = NSMemFs::Open(m_strPath, dwAccess, dwShare, dwCreation, dwFlagsAndAttributes, pbExisted, &m_pMemFile);
+    if (SUCCEEDED(hr)) {
+      m_dwAccess = dwAccess;
+    }
+    return hr;
+  }
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Open, m_strPath, nullptr, &dwInjected)) {
     return FailWith(dwInjected);
@@ -122,9 +136,13 @@ HRESULT CFile::Open(const WCHAR* pszPath, DWORD dwAccess, DWORD dwShare, DWORD d
   return S_OK;
 }
 
-bool CFile::IsOpen() const { return m_hNative != hInvalid; }
+bool CFile::IsOpen() const { return m_hNative != hInvalid || m_pMemFile != nullptr; }
 
 void CFile::Close() {
+  if (m_pMemFile != nullptr) {
+    NSMemFs::Close(m_pMemFile);
+    m_pMemFile = nullptr;
+  }
   if (m_hNative != hInvalid) {
     ::CloseHandle(AsHandle(m_hNative));
     m_hNative = hInvalid;
@@ -138,6 +156,9 @@ HRESULT CFile::Read(void* pv, DWORD cb, DWORD* pcbRead) {
   }
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
+  }
+  if (m_pMemFile != nullptr) {
+    return NSMemFs::Read(m_pMemFile, pv, cb, pcbRead);
   }
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Read, m_strPath, nullptr, &dwInjected)) {
@@ -159,6 +180,10 @@ HRESULT CFile::Write(const void* pv, DWORD cb, DWORD* pcbWritten) {
   }
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
+  }
+  if (m_pMemFile != nullptr) {
+    const SIoBuffer buffer = {pv, cb};
+    return NSMemFs::WriteGatherAt(m_pMemFile, NSMemFs::kullAtPosition, &buffer, 1, pcbWritten);
   }
   DWORD dwInjected = ERROR_SUCCESS;
   const bool bInjected = NSFault::Intercept(NSFault::EOp::Write, m_strPath, &cb, &dwInjected);
@@ -190,6 +215,9 @@ HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, siz
   DWORD cbTotal = static_cast<DWORD>(ullTotal);
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
+  }
+  if (m_pMemFile != nullptr) {
+    return NSMemFs::WriteGatherAt(m_pMemFile, ullOffset, pBuffers, cBuffers, pcbWritten);
   }
   for (size_t i = 0; i < cBuffers; ++i) {
     if (pBuffers[i].cb != 0 && pBuffers[i].pv == nullptr) {
@@ -252,6 +280,9 @@ HRESULT CFile::ReadAt(ULONGLONG ullOffset, void* pv, DWORD cb, DWORD* pcbRead) {
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
+  if (m_pMemFile != nullptr) {
+    return NSMemFs::ReadAt(m_pMemFile, ullOffset, pv, cb, pcbRead);
+  }
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Read, m_strPath, nullptr, &dwInjected)) {
     return FailWith(dwInjected);
@@ -279,6 +310,10 @@ HRESULT CFile::WriteAt(ULONGLONG ullOffset, const void* pv, DWORD cb, DWORD* pcb
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
+  if (m_pMemFile != nullptr) {
+    const SIoBuffer buffer = {pv, cb};
+    return NSMemFs::WriteGatherAt(m_pMemFile, ullOffset, &buffer, 1, pcbWritten);
+  }
   DWORD dwInjected = ERROR_SUCCESS;
   const bool bInjected = NSFault::Intercept(NSFault::EOp::Write, m_strPath, &cb, &dwInjected);
   OVERLAPPED ov = OverlappedAt(ullOffset);
@@ -295,6 +330,9 @@ HRESULT CFile::WriteAt(ULONGLONG ullOffset, const void* pv, DWORD cb, DWORD* pcb
 HRESULT CFile::Seek(LONGLONG llDistance, DWORD dwMethod, ULONGLONG* pullNewPosition) {
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
+  }
+  if (m_pMemFile != nullptr) {
+    return NSMemFs::Seek(m_pMemFile, llDistance, dwMethod, pullNewPosition);
   }
   LARGE_INTEGER liDistance;
   liDistance.QuadPart = llDistance;
@@ -313,6 +351,9 @@ HRESULT CFile::GetSize(ULONGLONG* pullSize) const {
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
+  if (m_pMemFile != nullptr) {
+    return NSMemFs::GetSize(m_pMemFile, pullSize);
+  }
   LARGE_INTEGER liSize;
   if (!::GetFileSizeEx(AsHandle(m_hNative), &liSize)) {
     return FailLast();
@@ -327,6 +368,9 @@ HRESULT CFile::GetTimes(FILETIME* pftCreation, FILETIME* pftLastAccess, FILETIME
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
+  if (m_pMemFile != nullptr) {
+    return NSMemFs::GetTimes(m_pMemFile, pftCreation, pftLastAccess, pftLastWrite);
+  }
   if (!::GetFileTime(AsHandle(m_hNative), pftCreation, pftLastAccess, pftLastWrite)) {
     return FailLast();
   }
@@ -337,12 +381,18 @@ HRESULT CFile::SetEndOfFile() {
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
+  if (m_pMemFile != nullptr) {
+    return NSMemFs::SetEndOfFile(m_pMemFile);
+  }
   return ::SetEndOfFile(AsHandle(m_hNative)) ? S_OK : FailLast();
 }
 
 HRESULT CFile::Flush() {
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
+  }
+  if (m_pMemFile != nullptr) {
+    return NSMemFs::Flush(m_pMemFile);
   }
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) {
@@ -355,6 +405,9 @@ HRESULT CFile::LockRange(ULONGLONG ullOffset, ULONGLONG cb) {
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
+  if (m_pMemFile != nullptr) {
+    return NSMemFs::LockRange(m_pMemFile, ullOffset, cb);
+  }
   BOOL bLocked = ::LockFile(AsHandle(m_hNative), static_cast<DWORD>(ullOffset), static_cast<DWORD>(ullOffset >> 32),
                             static_cast<DWORD>(cb), static_cast<DWORD>(cb >> 32));
   return bLocked ? S_OK : FailLast();
@@ -363,6 +416,9 @@ HRESULT CFile::LockRange(ULONGLONG ullOffset, ULONGLONG cb) {
 HRESULT CFile::UnlockRange(ULONGLONG ullOffset, ULONGLONG cb) {
   if (!IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
+  }
+  if (m_pMemFile != nullptr) {
+    return NSMemFs::UnlockRange(m_pMemFile, ullOffset, cb);
   }
   BOOL bUnlocked = ::UnlockFile(AsHandle(m_hNative), static_cast<DWORD>(ullOffset),
                                 static_cast<DWORD>(ullOffset >> 32), static_cast<DWORD>(cb),
@@ -388,6 +444,13 @@ HRESULT CFileMapping::Map(const CFile& file) {
   Unmap();
   if (!file.IsOpen()) {
     return FailWith(ERROR_INVALID_HANDLE);
+  }
+  if (file.m_pMemFile != nullptr) {
+    const HRESULT hr = NSMemFs::Map(file.m_pMemFile, &m_pMemMapping, &m_pView, &m_ullSize);
+    if (SUCCEEDED(hr)) {
+      m_strPath = file.GetPath();
+    }
+    return hr;
   }
   ULONGLONG ullSize = 0;
   HRESULT hr = file.GetSize(&ullSize);
@@ -421,6 +484,9 @@ HRESULT CFileMapping::Flush() {
   if (m_pView == nullptr) {
     return FailWith(ERROR_INVALID_HANDLE);
   }
+  if (m_pMemMapping != nullptr) {
+    return NSMemFs::FlushMapping(m_pMemMapping);
+  }
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Flush, m_strPath, nullptr, &dwInjected)) {
     return FailWith(dwInjected);
@@ -429,6 +495,11 @@ HRESULT CFileMapping::Flush() {
 }
 
 void CFileMapping::Unmap() {
+  if (m_pMemMapping != nullptr) {
+    NSMemFs::Unmap(m_pMemMapping);
+    m_pMemMapping = nullptr;
+    m_pView = nullptr;
+  }
   if (m_pView != nullptr) {
     ::UnmapViewOfFile(m_pView);
     m_pView = nullptr;
@@ -446,6 +517,9 @@ void CFileMapping::Unmap() {
 // ---------------------------------------------------------------------------------------------
 
 HRESULT RemoveFile(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::RemoveFile(pszPath);
+  }
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, NWin32::PathOrEmpty(pszPath), nullptr, &dwInjected)) {
     return FailWith(dwInjected);
@@ -454,6 +528,9 @@ HRESULT RemoveFile(const WCHAR* pszPath) {
 }
 
 HRESULT RenameFile(const WCHAR* pszFrom, const WCHAR* pszTo) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::RenameFile(pszFrom, pszTo);
+  }
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, NWin32::PathOrEmpty(pszFrom), nullptr, &dwInjected)) {
     return FailWith(dwInjected);
@@ -462,6 +539,9 @@ HRESULT RenameFile(const WCHAR* pszFrom, const WCHAR* pszTo) {
 }
 
 HRESULT GetTempDirectory(WString* pstrDirectory) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::GetTempDirectory(pstrDirectory);
+  }
   WCHAR szPath[MAX_PATH + 1];
   DWORD cch = ::GetTempPathW(MAX_PATH + 1, szPath);
   if (cch == 0) {
@@ -475,6 +555,9 @@ HRESULT GetTempDirectory(WString* pstrDirectory) {
 }
 
 HRESULT CreateTempFile(const WCHAR* pszDirectory, const WCHAR* pszPrefix, WString* pstrPath) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::CreateTempFile(pszDirectory, pszPrefix, pstrPath);
+  }
   WCHAR szPath[MAX_PATH];
   if (::GetTempFileNameW(pszDirectory, pszPrefix != nullptr ? pszPrefix : L"", 0, szPath) == 0) {
     return FailLast();
@@ -484,6 +567,9 @@ HRESULT CreateTempFile(const WCHAR* pszDirectory, const WCHAR* pszPrefix, WStrin
 }
 
 HRESULT GetAttributes(const WCHAR* pszPath, DWORD* pdwAttributes) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::GetAttributes(pszPath, pdwAttributes);
+  }
   DWORD dwAttributes = ::GetFileAttributesW(pszPath);
   if (dwAttributes == INVALID_FILE_ATTRIBUTES) {
     return FailLast();
@@ -493,6 +579,9 @@ HRESULT GetAttributes(const WCHAR* pszPath, DWORD* pdwAttributes) {
 }
 
 HRESULT SetAttributes(const WCHAR* pszPath, DWORD dwAttributes) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::SetAttributes(pszPath, dwAttributes);
+  }
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, NWin32::PathOrEmpty(pszPath), nullptr, &dwInjected)) {
     return FailWith(dwInjected);

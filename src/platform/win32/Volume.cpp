@@ -1,5 +1,6 @@
 // Free space of a volume on Windows.
 
+#include "platform/MemFs.h"
 #include "platform/os.h"
 #include "platform/win32/Win32Util.h"
 
@@ -7,6 +8,9 @@ namespace NSPlatform {
 
 HRESULT GetFreeDiskSpace(const WCHAR* pszPath, ULONGLONG* pullFreeToCaller, ULONGLONG* pullTotal,
                          ULONGLONG* pullTotalFree) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::GetFreeDiskSpace(pszPath, pullFreeToCaller, pullTotal, pullTotalFree);
+  }
   ULARGE_INTEGER uliFreeToCaller;
   ULARGE_INTEGER uliTotal;
   ULARGE_INTEGER uliTotalFree;
