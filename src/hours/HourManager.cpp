@@ -507,6 +507,10 @@ HRESULT CHourManager::Write(const SYSTEMTIME& st, DWORD dwFlags, const SHourFram
   StoreSlot(st, dwIndex, dwFlags);
   g_ullAppends.fetch_add(1, std::memory_order_acq_rel);
   m_bUnflushed = m_bBuffered;
+  // A write-through hour makes the slot and the flag counters durable with the frame: a power cut
+  // would otherwise keep the frame and its entry but lose the way to find it, and the corruption
+  // test looks only at the last frame. The frame is stored either way; a failed flush is reported.
+  if (!m_bBuffered) KV_REPORT_IF_FAILED(m_hashMapping.Flush());
   return S_OK;
 }
 
@@ -921,7 +925,7 @@ HRESULT CHourManager::GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* p
 HRESULT CHourManager::GetStatistic(SHourStatistic* pStatistic) {
   KV_CHECK_POINTER(pStatistic);
   KV_HOUR_LOCK(E_FAIL);
-  if (!KV_ASSERT_TEXT(HashOpen(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!KV_ASSERT_TEXT(HashOpen() && HasCopy(), "pDescriptorHeader\n")) return khrInvalidState;
   RefreshIfGrownLocked();
   SHourStatistic oRecordStatistic = {};
   oRecordStatistic.ullFrameCount = FrameCountFromDescriptorSize(m_ullDescriptorSize);
@@ -951,7 +955,7 @@ HRESULT CHourManager::GetCells(const SYSTEMTIME& stFrom, const SYSTEMTIME& stTo,
   KV_CHECK_POINTER(pvCells);
   KV_HOUR_LOCK(E_FAIL);
   pvCells->clear();
-  if (!KV_ASSERT_TEXT(HashOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!KV_ASSERT_TEXT(HashOpen() && HasCopy() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   if (!SlotInHour(stFrom) || !SlotInHour(stTo)) return E_INVALIDARG;
   const DWORD dwFrom = SlotIndex(stFrom);
   const DWORD dwTo = SlotIndex(stTo);

@@ -149,29 +149,21 @@ void RunPowerCuts(DWORD dwFlushTimeout, unsigned cCuts, SCutResult* pResult) {
 
 }  // namespace
 
-// What holds today: after every cut the hour opens (repaired where needed) and the record's writer
-// comes back; the figures of what was lost are printed for each mode.
-TEST(MemFsArchive, EveryHourOpensAfterAPowerCut) {
+// After every cut the hour opens (repaired where needed) and the record's writer comes back; a
+// write-through archive loses no frame whose Write answered S_OK (its slot and flag counters are
+// flushed with it). The figures of what was lost are printed for each mode.
+TEST(MemFsArchive, EveryHourOpensAfterAPowerCutAndWriteThroughLosesNothingAcknowledged) {
   for (const DWORD dwFlushTimeout : {0u, 1000u}) {
     SCutResult result;
     RunPowerCuts(dwFlushTimeout, CutsPerMode(), &result);
     EXPECT_GT(result.cFramesChecked, 0u);
+    if (dwFlushTimeout == 0) EXPECT_EQ(0u, result.cLost);
   }
 }
 
-// Known defects, found by the simulator; enable each once the engine keeps its promise.
+// A known limit, found by the simulator; enable it once the hour can tell torn bytes from sound ones.
 //
-// 1. A write-through hour stores a frame's slot through the mapping of descriptor.alh and never
-//    flushes the view (the flush runs only for buffered hours), so a power cut can take the slot of an
-//    acknowledged frame while its bytes and its descriptor entry survive; the next writer finds the
-//    last frame sound, repairs nothing, and the frame reads as 0x80070490.
-TEST(MemFsArchive, DISABLED_PowerCutsLoseNothingAcknowledgedWrittenThrough) {
-  SCutResult result;
-  RunPowerCuts(0, CutsPerMode(), &result);
-  EXPECT_EQ(0u, result.cLost);
-}
-
-// 2. A frame whose pages did not all reach the disk before the cut can read back with zeros in
+// A frame whose pages did not all reach the disk before the cut can read back with zeros in
 //    place of its bytes (with S_OK): its index entry arrived, its data did not, and nothing in the
 //    hour tells the two apart (the corruption test looks at the last frame only). Seen in buffered
 //    archives and for the frame in flight of a write-through one.
