@@ -857,7 +857,7 @@ HRESULT CHourManager::GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* p
   KV_CHECK_POINTER(pftFound);
   KV_HOUR_LOCK(E_FAIL);
   m_dwLastAccess = static_cast<DWORD>(NSPlatform::GetTickCount64());
-  if (!KV_ASSERT_TEXT(HashOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
+  if (!KV_ASSERT_TEXT(HashOpen() && HasCopy() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   if (!SlotInHour(st)) return E_INVALIDARG;
   const LONG nStep = bForward ? 1 : -1;
   const LONG nLimit = bForward ? static_cast<LONG>(kcSlots) - 1 : 0;
