@@ -5,9 +5,8 @@
 // a speed: the goal is printed beside what was measured.
 
 // The archive's headers come first: <fcntl.h> defines LOCK_WRITE, a name the COM kit declares.
+#include "BenchArchive.h"
 #include "BenchSupport.h"
-#include "archive/ArchiveImpl.h"
-#include "com/ComKit.h"
 #include "hours/HourManager.h"
 #include "hours/KronvaleUtils.h"
 #include "platform/os.h"
@@ -94,45 +93,16 @@ double FreeBytes(const std::string& strPath) {
   return static_cast<double>(vfs.f_bavail) * static_cast<double>(vfs.f_frsize);
 }
 
-// An archive object made in-process on a directory of its own, as a client holds one. Free runs
-// when it goes: until then the archive and its records hold each other. The clock starts just
-// before the object is made, with the archive's own size-and-quota worker.
-class CArchive {
+// The benchmark's archive, with a clock that starts just before the object is made, with the
+// archive's own size-and-quota worker.
+struct SAgeClock {
+  CStopwatch m_age;
+};
+class CArchive : private SAgeClock, public CBenchArchive {
  public:
-  CArchive(const WString& strPath, ULONG ulFlushTimeout) : m_strPath(strPath) {
-    NSCom::CComObject<NSArchive::CArchiveImpl>* p = nullptr;
-    Check(NSCom::CComObject<NSArchive::CArchiveImpl>::CreateInstance(&p), "creating the archive object");
-    m_pArchive = p;
-    m_pObject = p;
-    // A directory that holds an archive already is opened; otherwise one is made there.
-    const bool bExists = NSPlatform::PathExists(NSPlatform::CombinePath(strPath, KV_W("settings.als")).c_str());
-    Check(bExists ? p->Open(strPath, 0) : p->Create(strPath), "opening the archive");
-    Check(m_pArchive->SetFlushTimeout(ulFlushTimeout), "IKronvale::SetFlushTimeout");
-  }
-  ~CArchive() {
-    if (m_pArchive) m_pArchive->Free();
-  }
-  CArchive(const CArchive&) = delete;
-  CArchive& operator=(const CArchive&) = delete;
-
-  NSCom::CComPtr<IRecord> Writer(const std::string& strName) {
-    NSCom::CComPtr<IRecord> p;
-    NSCom::CComBSTR bstrName(NSPlatform::Utf8ToWide(strName.c_str()).c_str());
-    Check(m_pArchive->CreateRecord(bstrName, &p), "IKronvale::CreateRecord");
-    return p;
-  }
-  WString RecordPath(const std::string& strName) const {
-    return NSPlatform::CombinePath(m_strPath, NSPlatform::Utf8ToWide(strName.c_str()));
-  }
-  NSArchive::CArchiveImpl* Object() const { return m_pObject; }
+  CArchive(const WString& strPath, ULONG ulFlushTimeout) : CBenchArchive(strPath, ulFlushTimeout) {}
   // Seconds since the archive object (and its worker) came to be.
   double Age() const { return m_age.Seconds(); }
-
- private:
-  CStopwatch m_age;
-  WString m_strPath;
-  NSCom::CComPtr<IKronvale> m_pArchive;
-  NSArchive::CArchiveImpl* m_pObject = nullptr;
 };
 
 std::string RecordName(DWORD dwRecord) {

@@ -11,9 +11,8 @@
 #include <vector>
 #include <kronvale/KronvaleResults.h>
 
+#include "BenchArchive.h"
 #include "BenchSupport.h"
-#include "archive/ArchiveImpl.h"
-#include "com/ComKit.h"
 #include "hours/HourFormat.h"
 #include "hours/KronvaleUtils.h"
 #include "platform/os.h"
@@ -64,46 +63,10 @@ long long ReadSyscalls() {
   return ll;
 }
 
-class CArchive {
+// Buffered hours, as a viewer's process opens them.
+class CArchive : public CBenchArchive {
  public:
-  explicit CArchive(const WString& strPath) : m_strPath(strPath) {
-    NSCom::CComObject<NSArchive::CArchiveImpl>* p = nullptr;
-    Check(NSCom::CComObject<NSArchive::CArchiveImpl>::CreateInstance(&p), "creating the archive object");
-    m_pArchive = p;
-    const bool bExists = NSPlatform::PathExists(NSPlatform::CombinePath(strPath, KV_W("settings.als")).c_str());
-    Check(bExists ? p->Open(strPath, 0) : p->Create(strPath), "opening the archive");
-    Check(m_pArchive->SetFlushTimeout(kulFlushTimeout), "IKronvale::SetFlushTimeout");
-  }
-  ~CArchive() { m_pArchive->Free(); }
-  CArchive(const CArchive&) = delete;
-  CArchive& operator=(const CArchive&) = delete;
-
-  NSCom::CComPtr<IRecord> Writer(const char* pszName) {
-    NSCom::CComPtr<IRecord> p;
-    NSCom::CComBSTR bstrName(NSPlatform::Utf8ToWide(pszName).c_str());
-    Check(m_pArchive->CreateRecord(bstrName, &p), "IKronvale::CreateRecord");
-    return p;
-  }
-  NSCom::CComPtr<IRecord> Reader(const char* pszName) {
-    NSCom::CComPtr<IKronvaleEx> pEx;
-    Check(m_pArchive->QueryInterface(IID_IKronvaleEx, reinterpret_cast<void**>(&pEx)), "QueryInterface");
-    NSCom::CComPtr<IRecord> p;
-    NSCom::CComBSTR bstrClient(KV_W("bench"));
-    NSCom::CComBSTR bstrName(NSPlatform::Utf8ToWide(pszName).c_str());
-    Check(pEx->OpenRecordEx(bstrClient, bstrName, 1, &p), "IKronvaleEx::OpenRecordEx");
-    return p;
-  }
-  WString HourDirectory(const char* pszRecord, ULONGLONG ullTicks) const {
-    return NSPlatform::CombinePath(NSPlatform::CombinePath(m_strPath, NSPlatform::Utf8ToWide(pszRecord)),
-                                   NSKronvaleUtils::FormatHourPath(Breakdown(ullTicks)));
-  }
-  WString RecordPath(const char* pszRecord) const {
-    return NSPlatform::CombinePath(m_strPath, NSPlatform::Utf8ToWide(pszRecord));
-  }
-
- private:
-  WString m_strPath;
-  NSCom::CComPtr<IKronvale> m_pArchive;
+  explicit CArchive(const WString& strPath) : CBenchArchive(strPath, kulFlushTimeout) {}
 };
 
 // Frame i of an hour of n frames lies in slot i * (360,000 / n).

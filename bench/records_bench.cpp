@@ -15,9 +15,8 @@
 #include <vector>
 #include <kronvale/KronvaleResults.h>
 
+#include "BenchArchive.h"
 #include "BenchSupport.h"
-#include "archive/ArchiveImpl.h"
-#include "com/ComKit.h"
 #include "hours/HourManager.h"
 #include "hours/KronvaleUtils.h"
 #include "platform/os.h"
@@ -70,52 +69,7 @@ long long FileSize(const WString& strPath) {
   return static_cast<long long>(st.st_size);
 }
 
-// An archive object on a directory of its own, as a client process holds one. Free runs when it goes:
-// until then the archive and its records hold each other, and the records keep their hours open.
-class CArchive {
- public:
-  CArchive(const WString& strPath, ULONG ulFlushTimeout) : m_strPath(strPath) {
-    const HRESULT hrDir = NSPlatform::CreateDirTree(strPath.c_str());
-    if (FAILED(hrDir) && hrDir != KvHResultFromWin32(ERROR_ALREADY_EXISTS))
-      Die("creating the archive directory", hrDir);
-    NSCom::CComObject<NSArchive::CArchiveImpl>* p = nullptr;
-    Check(NSCom::CComObject<NSArchive::CArchiveImpl>::CreateInstance(&p), "creating the archive object");
-    m_pArchive = p;
-    // A directory that holds an archive already is opened; otherwise one is made there.
-    const bool bExists = NSPlatform::PathExists(NSPlatform::CombinePath(strPath, KV_W("settings.als")).c_str());
-    Check(bExists ? p->Open(strPath, 0) : p->Create(strPath), "opening the archive");
-    Check(m_pArchive->SetFlushTimeout(ulFlushTimeout), "IKronvale::SetFlushTimeout");
-  }
-  ~CArchive() {
-    if (m_pArchive) m_pArchive->Free();
-  }
-  CArchive(const CArchive&) = delete;
-  CArchive& operator=(const CArchive&) = delete;
-
-  NSCom::CComPtr<IRecord> Writer(const char* pszName) {
-    NSCom::CComPtr<IRecord> p;
-    NSCom::CComBSTR bstrName(NSPlatform::Utf8ToWide(pszName).c_str());
-    Check(m_pArchive->CreateRecord(bstrName, &p), "IKronvale::CreateRecord");
-    return p;
-  }
-  NSCom::CComPtr<IRecord> Reader(const char* pszName) {
-    NSCom::CComPtr<IKronvaleEx> pEx;
-    Check(m_pArchive->QueryInterface(IID_IKronvaleEx, reinterpret_cast<void**>(&pEx)), "QueryInterface(IKronvaleEx)");
-    NSCom::CComPtr<IRecord> p;
-    NSCom::CComBSTR bstrClient(NSPlatform::Utf8ToWide("bench").c_str());
-    NSCom::CComBSTR bstrName(NSPlatform::Utf8ToWide(pszName).c_str());
-    Check(pEx->OpenRecordEx(bstrClient, bstrName, 1, &p), "IKronvaleEx::OpenRecordEx");
-    return p;
-  }
-  // The directory of a record of this archive.
-  WString RecordPath(const char* pszName) const {
-    return NSPlatform::CombinePath(m_strPath, NSPlatform::Utf8ToWide(pszName));
-  }
-
- private:
-  WString m_strPath;
-  NSCom::CComPtr<IKronvale> m_pArchive;
-};
+using CArchive = CBenchArchive;
 
 // ---- 1. Write ---------------------------------------------------------------------------------------
 

@@ -60,6 +60,19 @@ void ReportPartialDeletion(const WString& strPath, const std::vector<NSPlatform:
                static_cast<unsigned>(hr), strRemoved.c_str(), strLeft.c_str());
 }
 
+// A new archive object of class T, brought to life by fnMake (which creates, opens or loads it).
+template <class T, class TMake>
+HRESULT MakeArchiveObject(TMake fnMake, NSCom::CComPtr<IUnknown>& pHoldOut) {
+  NSCom::CComObject<T>* pObject = nullptr;
+  HRESULT hr = NSCom::CComObject<T>::CreateInstance(&pObject);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  NSCom::CComPtr<IUnknown> pHold(pObject->GetUnknown());
+  hr = fnMake(pObject);
+  if (!KV_SUCCEEDED(hr)) return hr;
+  pHoldOut = pHold;
+  return S_OK;
+}
+
 HRESULT HandOut(IUnknown* pArchive, IKronvale** ppKronvale) {
   return pArchive->QueryInterface(IID_IKronvale, reinterpret_cast<void**>(ppKronvale));
 }
@@ -106,12 +119,9 @@ STDMETHODIMP CArchiveFactory::CreateArchive(BSTR path, IKronvale** ppKronvale) {
   if (NSPlatform::PathExists(strPath.c_str()) && !NSPlatform::IsDirectoryEmpty(strPath.c_str()) &&
       !CArchiveImpl::IsInterruptedCreation(CArchiveImpl::FullPath(strPath)))
     return khrDirectoryNotEmpty;
-  NSCom::CComObject<CArchiveImpl>* pArchive = nullptr;
-  hr = NSCom::CComObject<CArchiveImpl>::CreateInstance(&pArchive);
-  if (!KV_SUCCEEDED(hr)) return hr;
-  NSCom::CComPtr<IUnknown> pHold(pArchive->GetUnknown());
-  hr = pArchive->Create(strPath);
-  if (!KV_SUCCEEDED(hr)) return hr;
+  NSCom::CComPtr<IUnknown> pHold;
+  hr = MakeArchiveObject<CArchiveImpl>([&](CArchiveImpl* p) { return p->Create(strPath); }, pHold);
+  if (FAILED(hr)) return hr;
   m_cache[strKey] = pHold;
   KV_LOG_MESSAGE(KV_W("successfull archive creation: %s\n"), strPath.c_str());
   return HandOut(pHold, ppKronvale);
@@ -140,25 +150,23 @@ STDMETHODIMP CArchiveFactory::OpenArchiveEx(BSTR path, ULONG access, IKronvale**
   if (!NSPlatform::PathExists(strPath.c_str())) return khrPathNotFound;
   // An archive in a file is a multipart archive.
   if (!NSPlatform::IsDirectory(strPath.c_str())) {
-    NSCom::CComObject<CMultipartArchive>* pMultipart = nullptr;
-    hr = NSCom::CComObject<CMultipartArchive>::CreateInstance(&pMultipart);
-    if (!KV_SUCCEEDED(hr)) return hr;
-    NSCom::CComPtr<IUnknown> pHold(pMultipart->GetUnknown());
-    hr = pMultipart->Load(FullPath(strPath), static_cast<IArchiveFactoryEx*>(this));
-    if (!KV_SUCCEEDED(hr)) return hr;
+    NSCom::CComPtr<IUnknown> pHold;
+    hr = MakeArchiveObject<CMultipartArchive>(
+        [&](CMultipartArchive* p) { return p->Load(FullPath(strPath), static_cast<IArchiveFactoryEx*>(this)); }, pHold);
+    if (FAILED(hr)) return hr;
     m_cache[strKey] = pHold;
     KV_LOG_MESSAGE(KV_W("Archive opened from disk: %s\n"), strPath.c_str());
     return HandOut(pHold, ppKronvale);
   }
-  NSCom::CComObject<CArchiveImpl>* pArchive = nullptr;
-  hr = NSCom::CComObject<CArchiveImpl>::CreateInstance(&pArchive);
-  if (!KV_SUCCEEDED(hr)) return hr;
-  NSCom::CComPtr<IUnknown> pHold(pArchive->GetUnknown());
-  hr = pArchive->Open(strPath, access);
-  if (!KV_SUCCEEDED(hr)) {
-    pArchive->Free();
-    return hr;
-  }
+  NSCom::CComPtr<IUnknown> pHold;
+  hr = MakeArchiveObject<CArchiveImpl>(
+      [&](CArchiveImpl* p) {
+        const HRESULT hrOpen = p->Open(strPath, access);
+        if (FAILED(hrOpen)) p->Free();
+        return hrOpen;
+      },
+      pHold);
+  if (FAILED(hr)) return hr;
   m_cache[strKey] = pHold;
   KV_LOG_MESSAGE(KV_W("Archive opened from disk: %s\n"), strPath.c_str());
   return HandOut(pHold, ppKronvale);
@@ -228,12 +236,9 @@ STDMETHODIMP CArchiveFactory::CreateMultipartArchive(BSTR path, IMultipartArchiv
     KV_LOG_MESSAGE(KV_W("successfull multipart archive creation: %s\n"), strPath.c_str());
     return it->second->QueryInterface(IID_IMultipartArchive, reinterpret_cast<void**>(ppMultipartArchive));
   }
-  NSCom::CComObject<CMultipartArchive>* pMultipart = nullptr;
-  hr = NSCom::CComObject<CMultipartArchive>::CreateInstance(&pMultipart);
-  if (!KV_SUCCEEDED(hr)) return hr;
-  NSCom::CComPtr<IUnknown> pHold(pMultipart->GetUnknown());
-  hr = pMultipart->Create(FullPath(strPath));
-  if (!KV_SUCCEEDED(hr)) return hr;
+  NSCom::CComPtr<IUnknown> pHold;
+  hr = MakeArchiveObject<CMultipartArchive>([&](CMultipartArchive* p) { return p->Create(FullPath(strPath)); }, pHold);
+  if (FAILED(hr)) return hr;
   m_cache[strKey] = pHold;
   KV_LOG_MESSAGE(KV_W("successfull multipart archive creation: %s\n"), strPath.c_str());
   return pHold->QueryInterface(IID_IMultipartArchive, reinterpret_cast<void**>(ppMultipartArchive));

@@ -5,10 +5,9 @@
 //   CComObject<T>      a plain object, deleted by its last Release;
 //   CComAggObject<T>   an object aggregated into an outer one: its own non-delegating IUnknown is
 //                      the inner unknown, and every interface of T delegates IUnknown to the outer;
-//   CComObjectCached<T> a class object kept by the module, whose module's reference does not count;
-//   CComObjectNoLock<T> an object that never holds the module.
-// Reference counts are atomic. Every form holds one module lock while it lives, except the two
-// named otherwise.
+//   CComObjectCached<T> a class object kept by the module, whose module's reference does not count.
+// Reference counts are atomic. Every form holds one module lock while it lives, except the cached
+// one (its clients together hold one).
 //
 //   class CWidget : public NSCom::CComObjectRootEx, public IWidget, public IGadget {
 //    public:
@@ -197,20 +196,28 @@ HRESULT QueryNew(TObject* p, REFIID riid, void** ppv) {
   return hr;
 }
 
+// What a plain and a cached object share: the object is told it is going, then finalised, and
+// QueryInterface goes to T's COM map.
+template <class T>
+class CComObjectBody : public T {
+ public:
+  STDMETHOD(QueryInterface)(REFIID riid, void** ppv) override { return this->_InternalQueryInterface(riid, ppv); }
+
+ protected:
+  CComObjectBody() = default;
+  ~CComObjectBody() {
+    this->InternalSetDestroying();
+    this->FinalRelease();
+  }
+};
+
 }  // namespace NSDetail
 
 // A plain object. The module lock is taken before T is constructed and given back after T is
 // destroyed.
 template <class T>
-class CComObject final : private CModuleLockHolder, public T {
+class CComObject final : private CModuleLockHolder, public NSDetail::CComObjectBody<T> {
  public:
-  CComObject() = default;
-  ~CComObject() {
-    this->InternalSetDestroying();
-    this->FinalRelease();
-  }
-
-  STDMETHOD(QueryInterface)(REFIID riid, void** ppv) override { return this->_InternalQueryInterface(riid, ppv); }
   STDMETHOD_(ULONG, AddRef)() override { return this->InternalAddRef(); }
   STDMETHOD_(ULONG, Release)() override {
     const ULONG cRef = this->InternalRelease();
@@ -244,15 +251,8 @@ class CComObject final : private CModuleLockHolder, public T {
 // back when it returns to 1). Concurrent clients may see the lock count briefly out of step with
 // the reference count; it agrees again once their calls have returned.
 template <class T>
-class CComObjectCached final : public T {
+class CComObjectCached final : public NSDetail::CComObjectBody<T> {
  public:
-  CComObjectCached() = default;
-  ~CComObjectCached() {
-    this->InternalSetDestroying();
-    this->FinalRelease();
-  }
-
-  STDMETHOD(QueryInterface)(REFIID riid, void** ppv) override { return this->_InternalQueryInterface(riid, ppv); }
   STDMETHOD_(ULONG, AddRef)() override {
     const ULONG cRef = this->InternalAddRef();
     if (cRef == 2) {
@@ -278,34 +278,6 @@ class CComObjectCached final : public T {
     return NSDetail::Construct(pp, fnInit);
   }
   static HRESULT CreateInstance(CComObjectCached<T>** pp) { return CreateInstance(pp, NSDetail::SNoInit()); }
-};
-
-// An object that never holds the module (internal helpers whose life the module does not track).
-template <class T>
-class CComObjectNoLock final : public T {
- public:
-  CComObjectNoLock() = default;
-  ~CComObjectNoLock() {
-    this->InternalSetDestroying();
-    this->FinalRelease();
-  }
-
-  STDMETHOD(QueryInterface)(REFIID riid, void** ppv) override { return this->_InternalQueryInterface(riid, ppv); }
-  STDMETHOD_(ULONG, AddRef)() override { return this->InternalAddRef(); }
-  STDMETHOD_(ULONG, Release)() override {
-    const ULONG cRef = this->InternalRelease();
-    if (cRef == 0) {
-      delete this;
-    }
-    return cRef;
-  }
-
-  static HRESULT CreateInstance(CComObjectNoLock<T>** pp) {
-    if (pp == nullptr) {
-      return E_POINTER;
-    }
-    return NSDetail::Construct(pp, NSDetail::SNoInit());
-  }
 };
 
 // T inside an aggregate: every IUnknown call on T's interfaces goes to the outer object.

@@ -19,14 +19,7 @@ class CMemoryRegistry : public IRegistryTarget {
   CMemoryRegistry();
   ~CMemoryRegistry() override;
 
-  HRESULT CreateKey(ERegistryRoot eRoot, const WString& strKey) override;
-  HRESULT OpenKey(ERegistryRoot eRoot, const WString& strKey) override;
-  HRESULT SetStringValue(ERegistryRoot eRoot, const WString& strKey, const WString& strName,
-                         const WString& strValue) override;
-  HRESULT DeleteValue(ERegistryRoot eRoot, const WString& strKey, const WString& strName) override;
-  HRESULT DeleteKey(ERegistryRoot eRoot, const WString& strKey) override;
-  HRESULT DeleteTree(ERegistryRoot eRoot, const WString& strKey) override;
-  HRESULT HasSubKeys(ERegistryRoot eRoot, const WString& strKey, bool* pbHasSubKeys) override;
+  KV_IREGISTRYTARGET_METHODS
 
   // The nNth operation from now (counted from 1) fails with hr and changes nothing; 0 fails none.
   void FailOperation(unsigned nNth, HRESULT hr);

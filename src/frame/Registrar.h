@@ -70,18 +70,22 @@ class IRegistryTarget {
   virtual HRESULT HasSubKeys(ERegistryRoot eRoot, const WString& strKey, bool* pbHasSubKeys) = 0;
 };
 
+// The declarations of a registry target's methods, for each implementation.
+#define KV_IREGISTRYTARGET_METHODS                                                                      \
+  HRESULT CreateKey(ERegistryRoot eRoot, const WString& strKey) override;                               \
+  HRESULT OpenKey(ERegistryRoot eRoot, const WString& strKey) override;                                 \
+  HRESULT SetStringValue(ERegistryRoot eRoot, const WString& strKey, const WString& strName,            \
+                         const WString& strValue) override;                                             \
+  HRESULT DeleteValue(ERegistryRoot eRoot, const WString& strKey, const WString& strName) override;     \
+  HRESULT DeleteKey(ERegistryRoot eRoot, const WString& strKey) override;                               \
+  HRESULT DeleteTree(ERegistryRoot eRoot, const WString& strKey) override;                              \
+  HRESULT HasSubKeys(ERegistryRoot eRoot, const WString& strKey, bool* pbHasSubKeys) override;
+
 // The system registry through the platform layer (Windows; every call fails with
 // ERROR_NOT_SUPPORTED on Linux).
 class CPlatformRegistry : public IRegistryTarget {
  public:
-  HRESULT CreateKey(ERegistryRoot eRoot, const WString& strKey) override;
-  HRESULT OpenKey(ERegistryRoot eRoot, const WString& strKey) override;
-  HRESULT SetStringValue(ERegistryRoot eRoot, const WString& strKey, const WString& strName,
-                         const WString& strValue) override;
-  HRESULT DeleteValue(ERegistryRoot eRoot, const WString& strKey, const WString& strName) override;
-  HRESULT DeleteKey(ERegistryRoot eRoot, const WString& strKey) override;
-  HRESULT DeleteTree(ERegistryRoot eRoot, const WString& strKey) override;
-  HRESULT HasSubKeys(ERegistryRoot eRoot, const WString& strKey, bool* pbHasSubKeys) override;
+  KV_IREGISTRYTARGET_METHODS
 };
 
 // A parsed script, replacements already made.

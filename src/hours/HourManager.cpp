@@ -74,15 +74,7 @@ FILETIME CHourManager::GetHourStart() {
 // ---- Open and close -----------------------------------------------------------------------------
 
 HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered) {
-  KV_HOUR_LOCK(E_FAIL);
-  if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen() && !HashOpen(),
-                      "!m_hDescriptor && !m_hFile\n"))
-    return khrInvalidState;
-  if (m_strPath != strPath) {
-    m_strPath = strPath;
-    m_ftHourStart = {0, 0};
-  }
-  return OpenLocked(bCreate, bBuffered);
+  return Open(strPath, bCreate, bBuffered, SHourSnapshot());
 }
 
 HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered, SHourSnapshot&& snapshot) {
@@ -240,10 +232,14 @@ HRESULT CHourManager::MapView() {
   return S_OK;
 }
 
-HRESULT CHourManager::OpenDescriptor(bool bCreate) {
+HRESULT CHourManager::OpenHourFile(NSPlatform::CFile& file, const WCHAR* pszName, bool bCreate) const {
   const DWORD dwFlags = FILE_ATTRIBUTE_NORMAL | (m_bBuffered ? 0u : FILE_FLAG_WRITE_THROUGH);
-  HRESULT hr = m_descriptor.Open(FilePath(kszDescriptorFileName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
-                                 bCreate ? OPEN_ALWAYS : OPEN_EXISTING, dwFlags);
+  return file.Open(FilePath(pszName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
+                   bCreate ? OPEN_ALWAYS : OPEN_EXISTING, dwFlags);
+}
+
+HRESULT CHourManager::OpenDescriptor(bool bCreate) {
+  HRESULT hr = OpenHourFile(m_descriptor, kszDescriptorFileName, bCreate);
   if (!KV_SUCCEEDED(hr)) return hr;
   hr = m_descriptor.GetSize(&m_ullDescriptorSize);
   if (!KV_SUCCEEDED(hr)) return hr;
@@ -261,9 +257,7 @@ HRESULT CHourManager::OpenDescriptor(bool bCreate) {
 }
 
 HRESULT CHourManager::OpenFile(bool bCreate) {
-  const DWORD dwFlags = FILE_ATTRIBUTE_NORMAL | (m_bBuffered ? 0u : FILE_FLAG_WRITE_THROUGH);
-  HRESULT hr = m_file.Open(FilePath(kszDataFileName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
-                           bCreate ? OPEN_ALWAYS : OPEN_EXISTING, dwFlags);
+  HRESULT hr = OpenHourFile(m_file, kszDataFileName, bCreate);
   if (!KV_SUCCEEDED(hr)) return hr;
   // The position stays at the end from here on: appends are gathered writes at the position.
   hr = m_file.Seek(0, FILE_END, &m_ullDataSize);

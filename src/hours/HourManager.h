@@ -205,6 +205,8 @@ class CHourManager {
   bool RereadLastFrame();
   HRESULT OpenDescriptor(bool bCreate);
   HRESULT OpenFile(bool bCreate);
+  // Opens the hour's file pszName for reading and writing, write-through unless buffered.
+  HRESULT OpenHourFile(NSPlatform::CFile& file, const WCHAR* pszName, bool bCreate) const;
   void CloseLocked();
   // bWhole: the copy is taken whole from the view, whatever it showed before.
   void RefreshLocked(bool bWhole = false);

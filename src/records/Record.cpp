@@ -780,16 +780,8 @@ STDMETHODIMP CRecord::GetStatistic(FILETIME ftBegin, FILETIME ftEnd, FILETIME ft
   } catch (const std::exception&) {
     return E_INVALIDARG;
   }
-  // The ends move onto frames that pass the filter.
-  HRESULT hr;
-  if (CheckFrame(ftBegin, pFilter) != S_OK) {
-    hr = GetNext(ftBegin, pFilter, &ftBegin);
-    if (!KV_SUCCEEDED(hr)) return hr;
-  }
-  if (CheckFrame(ftEnd, pFilter) != S_OK) {
-    hr = GetPrev(ftEnd, pFilter, &ftEnd);
-    if (!KV_SUCCEEDED(hr)) return hr;
-  }
+  HRESULT hr = MoveSpanOntoFrames(static_cast<IRecordEx*>(this), pFilter, &ftBegin, &ftEnd);
+  if (!KV_SUCCEEDED(hr)) return hr;
   if (!KV_ASSERT_TEXT(FileTimeToU64(ftEnd) >= FileTimeToU64(ftBegin), "ftEnd>=ftBegin\n")) return E_INVALIDARG;
 
   std::vector<SStatisticCell> vCells;
@@ -951,6 +943,13 @@ HRESULT HandOutStatistic(const std::vector<SStatisticCell>& vRuns, HRESULT hrWal
 // With bEndsAfterRuns (cells of seconds or minutes) a run ends at the start of the cell after its
 // last one: a frame at that instant belongs to the next run or lies outside the period asked, so the
 // end always moves back onto the run's own last frame.
+HRESULT MoveSpanOntoFrames(IRecord* pRecord, const SFrameFilter* pFilter, FILETIME* pftBegin, FILETIME* pftEnd) {
+  HRESULT hr = S_OK;
+  if (pRecord->CheckFrame(*pftBegin, pFilter) != S_OK) hr = pRecord->GetNext(*pftBegin, pFilter, pftBegin);
+  if (SUCCEEDED(hr) && pRecord->CheckFrame(*pftEnd, pFilter) != S_OK) hr = pRecord->GetPrev(*pftEnd, pFilter, pftEnd);
+  return hr;
+}
+
 void ExactEnds(IRecord* pRecord, std::vector<SStatisticCell>& vRuns, const SFrameFilter* pFilter, bool bEndsAfterRuns) {
   KV_FUNC("ExactEnds");
   for (SStatisticCell& cell : vRuns) {

@@ -451,15 +451,8 @@ HRESULT CRecordExtract::StatisticLocked(FILETIME ftBegin, FILETIME ftEnd, FILETI
   } catch (const std::exception&) {
     return E_INVALIDARG;
   }
-  HRESULT hr;
-  if (CheckFrame(ftBegin, pFilter) != S_OK) {
-    hr = GetNext(ftBegin, pFilter, &ftBegin);
-    if (!KV_SUCCEEDED(hr)) return hr;
-  }
-  if (CheckFrame(ftEnd, pFilter) != S_OK) {
-    hr = GetPrev(ftEnd, pFilter, &ftEnd);
-    if (!KV_SUCCEEDED(hr)) return hr;
-  }
+  HRESULT hr = MoveSpanOntoFrames(static_cast<IRecord*>(this), pFilter, &ftBegin, &ftEnd);
+  if (!KV_SUCCEEDED(hr)) return hr;
   const ULONGLONG ullBegin = FileTimeToU64(ftBegin), ullEnd = FileTimeToU64(ftEnd);
   if (!KV_ASSERT_TEXT(ullEnd >= ullBegin, "ftEnd>=ftBegin\n")) return E_INVALIDARG;
 

@@ -21,6 +21,10 @@ struct SStatisticCell {
 std::vector<SStatisticCell> JoinStatisticRuns(const std::vector<SStatisticCell>& vCells, ULONGLONG ullResolution,
                                               const SFrameFilter* pFilter, LONG dwFlags);
 
+// Moves a statistic's span onto frames of pRecord that pass the filter: the begin forward onto the
+// first, the end back onto the last. A failure is the search's own result, not yet reported.
+HRESULT MoveSpanOntoFrames(IRecord* pRecord, const SFrameFilter* pFilter, FILETIME* pftBegin, FILETIME* pftEnd);
+
 // The ExactEnds pass over pRecord (a record or an extract, through its public IRecord): each run's
 // ends move onto its first and last frames that pass the filter; a run of one frame lasts 10 ms.
 // With bEndsAfterRuns (cells of seconds or minutes) a run's end always moves back onto its own last

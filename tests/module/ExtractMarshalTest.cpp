@@ -14,6 +14,7 @@
 #include "com/ComKit.h"
 #include "module/Library.h"
 #include "records/RecordTestSupport.h"
+#include "common/NotImplemented.h"
 
 using namespace NSTest;
 
@@ -48,25 +49,11 @@ NSCom::CComPtr<IStream> StreamOver(const std::string& str) {
 
 // A record of this program's own, living in another apartment: its Merge would describe the
 // source it is given, and tell whether it came by value.
-class CProbeRecord : public NSCom::CComObjectRootEx, public IRecord {
+class CProbeRecord : public NSCom::CComObjectRootEx, public NSTest::CNotImplementedRecord {
  public:
   BEGIN_COM_MAP(CProbeRecord)
     COM_INTERFACE_ENTRY(IRecord)
   END_COM_MAP()
-  STDMETHOD(SetDescription)(BSTR) override { return E_NOTIMPL; }
-  STDMETHOD(GetDescription)(BSTR*) override { return E_NOTIMPL; }
-  STDMETHOD(GetPath)(BSTR*) override { return E_NOTIMPL; }
-  STDMETHOD(Write)(FILETIME, DWORD, const SFrameBuffer*, DWORD) override { return E_NOTIMPL; }
-  STDMETHOD(Read)(FILETIME, DWORD*, SFrameBuffer*, DWORD) override { return E_NOTIMPL; }
-  STDMETHOD(GetNext)(FILETIME, const SFrameFilter*, FILETIME*) override { return E_NOTIMPL; }
-  STDMETHOD(GetPrev)(FILETIME, const SFrameFilter*, FILETIME*) override { return E_NOTIMPL; }
-  STDMETHOD(GetStatistic)(FILETIME, FILETIME, FILETIME, const SFrameFilter*, LONG, DWORD*, SRecordStatistic**) override {
-    return E_NOTIMPL;
-  }
-  STDMETHOD(RemoveHour)(FILETIME) override { return E_NOTIMPL; }
-  STDMETHOD(GetName)(BSTR*) override { return E_NOTIMPL; }
-  STDMETHOD(Extract)(FILETIME, FILETIME, const SFrameFilter*, LONG, IRecord**) override { return E_NOTIMPL; }
-  STDMETHOD(CheckFrame)(FILETIME, const SFrameFilter*) override { return E_NOTIMPL; }
   STDMETHOD(Merge)(IRecord* pSource, const SFrameFilter*, LONG) override {
     // An extract's own IMarshal names the extract's class; a proxy's would name the standard one.
     NSCom::CComPtr<IMarshal> pMarshal;

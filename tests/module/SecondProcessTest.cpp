@@ -104,15 +104,40 @@ bool WaitForFile(const WString& strPath) {
   return false;
 }
 
+// The library's archive factory; null, after a failed expectation, when the library did not load.
+void GetFactory(NSTest::CLibrary& library, IArchiveFactory** ppFactory) {
+  *ppFactory = nullptr;
+  ASSERT_TRUE(library.IsLoaded());
+  EXPECT_EQ(S_OK, library.GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(ppFactory)));
+}
+
+// The second process's factory, from a library kept loaded to the end of the process, as a host
+// keeps it: the archive stays in the factory's cache (this process must not delete the recorder's
+// archive to empty it).
+void GetSecondProcessFactory(IArchiveFactory** ppFactory) {
+  static NSTest::CLibrary* s_pLibrary = new NSTest::CLibrary;
+  GetFactory(*s_pLibrary, ppFactory);
+}
+
+// The recorder's frame, read by pReader.
+std::string ReadTheFrame(IRecord* pReader) {
+  SFrameBuffer buffer = {nullptr, 0};
+  DWORD dwFlags = 0;
+  EXPECT_EQ(S_OK, pReader->Read(kftFrame, &dwFlags, &buffer, 1));
+  const std::string strFrame(reinterpret_cast<char*>(buffer.pData), buffer.pData ? buffer.dwDataSize : 0);
+  CoTaskMemFree(buffer.pData);
+  return strFrame;
+}
+
 }  // namespace
 
 // The recorder: makes an archive, writes a frame and keeps its writer while the second process
 // runs, then writes on and deletes the record itself.
 TEST(RecordingProcess, ASecondProcessReadsButNeitherWritesNorDeletes) {
   NSTest::CLibrary library;
-  ASSERT_TRUE(library.IsLoaded());
   CPtr<IArchiveFactory> pFactory;
-  ASSERT_EQ(S_OK, library.GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
+  GetFactory(library, &pFactory);
+  ASSERT_TRUE(pFactory);
   NSTest::CTempDir dir;
   const WString strArchive = dir.Sub(KV_W("arc"));
   CPtr<IKronvale> pArchive;
@@ -140,23 +165,15 @@ TEST(RecordingProcess, ASecondProcessReadsButNeitherWritesNorDeletes) {
 TEST(SecondProcess, ReadsTheRecordingAndIsRefusedItsWriter) {
   const char* pszArchive = std::getenv(kszArchiveVariable);
   if (!pszArchive) GTEST_SKIP() << "runs as the second process of RecordingProcess only";
-  const WString strArchive = NSPlatform::Utf8ToWide(pszArchive);
-  // Kept loaded to the end of the process, as a host keeps it: the archive stays in the factory's
-  // cache (this process must not delete the recorder's archive to empty it).
-  static NSTest::CLibrary* s_pLibrary = new NSTest::CLibrary;
-  ASSERT_TRUE(s_pLibrary->IsLoaded());
   CPtr<IArchiveFactory> pFactory;
-  ASSERT_EQ(S_OK, s_pLibrary->GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
+  GetSecondProcessFactory(&pFactory);
+  ASSERT_TRUE(pFactory);
   CPtr<IKronvale> pArchive;
-  ASSERT_EQ(S_OK, pFactory->OpenArchive(CBstr(strArchive), &pArchive));
+  ASSERT_EQ(S_OK, pFactory->OpenArchive(CBstr(NSPlatform::Utf8ToWide(pszArchive)), &pArchive));
 
   CPtr<IRecord> pReader;
   ASSERT_EQ(S_OK, pArchive->OpenRecord(CBstr(KV_W("cam")), &pReader));
-  SFrameBuffer buffer = {nullptr, 0};
-  DWORD dwFlags = 0;
-  ASSERT_EQ(S_OK, pReader->Read(kftFrame, &dwFlags, &buffer, 1));
-  EXPECT_EQ("frame", std::string(reinterpret_cast<char*>(buffer.pData), buffer.dwDataSize));
-  CoTaskMemFree(buffer.pData);
+  EXPECT_EQ("frame", ReadTheFrame(pReader.p));
 
   CPtr<IRecord> pWriter;
   EXPECT_EQ(khrSharingViolation, pArchive->CreateRecord(CBstr(KV_W("cam")), &pWriter));
@@ -178,10 +195,9 @@ TEST(ExitingProcess, EndsCleanlyWhileItsArchiveWorks) {
 TEST(ExitWhileWorking, ExitsHoldingItsArchive) {
   const char* pszArchive = std::getenv(kszArchiveVariable);
   if (!pszArchive) GTEST_SKIP() << "runs as the second process of ExitingProcess only";
-  static NSTest::CLibrary* s_pLibrary = new NSTest::CLibrary;  // never unloaded: the process ends with it
-  ASSERT_TRUE(s_pLibrary->IsLoaded());
-  IArchiveFactory* pFactory = nullptr;
-  ASSERT_EQ(S_OK, s_pLibrary->GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
+  IArchiveFactory* pFactory = nullptr;  // never released: the process ends with it
+  GetSecondProcessFactory(&pFactory);
+  ASSERT_TRUE(pFactory);
   IKronvale* pArchive = nullptr;
   ASSERT_EQ(S_OK, pFactory->CreateArchive(CBstr(NSPlatform::Utf8ToWide(pszArchive)), &pArchive));
   ASSERT_EQ(S_OK, pArchive->SetFlushTimeout(1));
@@ -202,9 +218,9 @@ TEST(ExitWhileWorking, ExitsHoldingItsArchive) {
 // without its index, and the reader goes on reading what it has.
 TEST(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
   NSTest::CLibrary library;
-  ASSERT_TRUE(library.IsLoaded());
   CPtr<IArchiveFactory> pFactory;
-  ASSERT_EQ(S_OK, library.GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
+  GetFactory(library, &pFactory);
+  ASSERT_TRUE(pFactory);
   NSTest::CTempDir dir;
   const WString strArchive = dir.Sub(KV_W("arc"));
   BYTE abData[] = {'f', 'r', 'a', 'm', 'e'};
@@ -270,22 +286,16 @@ TEST(HoldingReader, HoldsTheHourOpenUntilTold) {
   const WString strArchive = NSPlatform::Utf8ToWide(pszArchive);
   WString strDirectory = strArchive;
   while (!strDirectory.empty() && !NSPlatform::IsPathSeparator(strDirectory.back())) strDirectory.pop_back();
-  static NSTest::CLibrary* s_pLibrary = new NSTest::CLibrary;
-  ASSERT_TRUE(s_pLibrary->IsLoaded());
   CPtr<IArchiveFactory> pFactory;
-  ASSERT_EQ(S_OK, s_pLibrary->GetClassObject()(CLSID_Kronvale, IID_IArchiveFactory, reinterpret_cast<void**>(&pFactory)));
+  GetSecondProcessFactory(&pFactory);
+  ASSERT_TRUE(pFactory);
   CPtr<IKronvale> pArchive;
   ASSERT_EQ(S_OK, pFactory->OpenArchive(CBstr(strArchive), &pArchive));
   CPtr<IRecord> pReader;
   ASSERT_EQ(S_OK, pArchive->OpenRecord(CBstr(KV_W("cam")), &pReader));
-  SFrameBuffer buffer = {nullptr, 0};
-  DWORD dwFlags = 0;
-  ASSERT_EQ(S_OK, pReader->Read(kftFrame, &dwFlags, &buffer, 1));
-  CoTaskMemFree(buffer.pData);
+  EXPECT_EQ("frame", ReadTheFrame(pReader.p));
   ASSERT_EQ(S_OK, NSTest::WriteFileBytes(strDirectory + KV_W("ready"), "ready"));
   ASSERT_TRUE(WaitForFile(strDirectory + KV_W("done")));
   // What it had open still reads.
-  buffer = {nullptr, 0};
-  EXPECT_EQ(S_OK, pReader->Read(kftFrame, &dwFlags, &buffer, 1));
-  CoTaskMemFree(buffer.pData);
+  EXPECT_EQ("frame", ReadTheFrame(pReader.p));
 }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <map>
 
+#include "common/NotImplemented.h"
 #include "common/MemoryStream.h"
 #include "records/RecordExtract.h"
 #include "records/RecordTestSupport.h"
@@ -218,15 +219,11 @@ TEST_F(ExtractTest, PacketBytesFollowTheLayout) {
 }
 
 // A source that counts its reads, for frames an extract holds without their data.
-class CCountingSource final : public IRecord {
+class CCountingSource final : public NSTest::CNotImplementedRecord {
  public:
   STDMETHOD(QueryInterface)(REFIID, void** ppv) override { return *ppv = nullptr, E_NOINTERFACE; }
   STDMETHOD_(ULONG, AddRef)() override { return ++m_cRef; }
   STDMETHOD_(ULONG, Release)() override { return --m_cRef; }
-  STDMETHOD(SetDescription)(BSTR) override { return E_NOTIMPL; }
-  STDMETHOD(GetDescription)(BSTR*) override { return E_NOTIMPL; }
-  STDMETHOD(GetPath)(BSTR*) override { return E_NOTIMPL; }
-  STDMETHOD(Write)(FILETIME, DWORD, const SFrameBuffer*, DWORD) override { return E_NOTIMPL; }
   STDMETHOD(Read)(FILETIME ft, DWORD* pdwFlags, SFrameBuffer* pBuff, DWORD dwCount) override {
     ++m_cReads;
     if (U(ft) == m_ullFailing) return khrFileCorrupt;
@@ -238,16 +235,6 @@ class CCountingSource final : public IRecord {
     }
     return S_OK;
   }
-  STDMETHOD(GetNext)(FILETIME, const SFrameFilter*, FILETIME*) override { return E_NOTIMPL; }
-  STDMETHOD(GetPrev)(FILETIME, const SFrameFilter*, FILETIME*) override { return E_NOTIMPL; }
-  STDMETHOD(GetStatistic)(FILETIME, FILETIME, FILETIME, const SFrameFilter*, LONG, DWORD*, SRecordStatistic**) override {
-    return E_NOTIMPL;
-  }
-  STDMETHOD(RemoveHour)(FILETIME) override { return E_NOTIMPL; }
-  STDMETHOD(GetName)(BSTR*) override { return E_NOTIMPL; }
-  STDMETHOD(Extract)(FILETIME, FILETIME, const SFrameFilter*, LONG, IRecord**) override { return E_NOTIMPL; }
-  STDMETHOD(Merge)(IRecord*, const SFrameFilter*, LONG) override { return E_NOTIMPL; }
-  STDMETHOD(CheckFrame)(FILETIME, const SFrameFilter*) override { return E_NOTIMPL; }
   ULONG m_cRef = 1;
   int m_cReads = 0;
   ULONGLONG m_ullFailing = 0;

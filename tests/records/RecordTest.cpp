@@ -3,6 +3,7 @@
 #include "records/RecordTestSupport.h"
 
 #include <kronvale/KronvaleResults.h>
+#include "common/NotImplemented.h"
 
 using namespace NSKronvale;
 using namespace NSTest;
@@ -203,22 +204,11 @@ TEST_F(RecordTest, WriteChecksComeInOrder) {
 }
 
 // An IKronvale that is not one of ours.
-class CForeignArchive : public NSCom::CComObjectRootEx, public IKronvale {
+class CForeignArchive : public NSCom::CComObjectRootEx, public NSTest::CNotImplementedArchive {
  public:
   BEGIN_COM_MAP(CForeignArchive)
     COM_INTERFACE_ENTRY(IKronvale)
   END_COM_MAP()
-  STDMETHOD(SetDescription)(BSTR) override { return E_NOTIMPL; }
-  STDMETHOD(GetDescription)(BSTR*) override { return E_NOTIMPL; }
-  STDMETHOD(GetPath)(BSTR*) override { return E_NOTIMPL; }
-  STDMETHOD(CreateRecord)(BSTR, IRecord**) override { return E_NOTIMPL; }
-  STDMETHOD(OpenRecord)(BSTR, IRecord**) override { return E_NOTIMPL; }
-  STDMETHOD(GetRecords)(BSTR**, DWORD*) override { return E_NOTIMPL; }
-  STDMETHOD(SetQuota)(ULONGLONG, ULONGLONG) override { return E_NOTIMPL; }
-  STDMETHOD(SetFlushTimeout)(ULONG) override { return E_NOTIMPL; }
-  STDMETHOD(GetInfo)(SArchiveInfo*) override { return E_NOTIMPL; }
-  STDMETHOD(Free)() override { return E_NOTIMPL; }
-  STDMETHOD(DeleteRecord)(BSTR) override { return E_NOTIMPL; }
 };
 
 TEST_F(RecordTest, OnlyAnArchiveOfOursMayParentAWriter) {
