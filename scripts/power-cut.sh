@@ -9,6 +9,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake --preset linux >/dev/null && cmake --build --preset linux --target kv_records_tests >/dev/null
+status=0
 KV_POWER_CUTS=${1:-5000} build/linux/bin/kv_records_tests --gtest_filter='MemFsArchive.*PowerCut*' \
-  --gtest_also_run_disabled_tests --gtest_brief=1
-KV_POWER_CUT_SEEDS=${2:-20} build/linux/bin/kv_records_tests --gtest_filter='MemFsPowerCut.*' --gtest_brief=1
+  --gtest_also_run_disabled_tests --gtest_brief=1 || status=$?
+KV_POWER_CUT_SEEDS=${2:-20} build/linux/bin/kv_records_tests --gtest_filter='MemFsPowerCut.*' --gtest_brief=1 || status=$?
+exit $status
