@@ -156,23 +156,33 @@ bool HasChildren(const WString& strKey) {
 // The power cut
 // ---------------------------------------------------------------------------------------------
 
+// Bytes [iBegin, iEnd) of vSource into the image, zeros past its end.
+void CopyRange(const std::vector<BYTE>& vSource, size_t iBegin, size_t iEnd, std::vector<BYTE>* pvImage) {
+  const size_t iCopyEnd = std::max(iBegin, std::min(iEnd, vSource.size()));
+  if (iCopyEnd > iBegin) std::memcpy(pvImage->data() + iBegin, vSource.data() + iBegin, iCopyEnd - iBegin);
+  std::fill(pvImage->begin() + static_cast<std::ptrdiff_t>(iCopyEnd), pvImage->begin() + static_cast<std::ptrdiff_t>(iEnd), BYTE(0));
+}
+
+bool RangesEqual(const std::vector<BYTE>& a, const std::vector<BYTE>& b, size_t iBegin, size_t iEnd) {
+  if (iEnd <= a.size() && iEnd <= b.size()) return std::memcmp(a.data() + iBegin, b.data() + iBegin, iEnd - iBegin) == 0;
+  auto byteOf = [](const std::vector<BYTE>& v, size_t i) -> BYTE { return i < v.size() ? v[i] : 0; };
+  for (size_t i = iBegin; i < iEnd; ++i)
+    if (byteOf(a, i) != byteOf(b, i)) return false;
+  return true;
+}
+
 // One page of a file as the cut leaves it: the durable page, the new one, or sectors of each.
 void CutPage(const SNode& node, size_t iPage, std::mt19937_64& rng, std::vector<BYTE>* pvImage, SCutStats* pStats) {
   const size_t iBegin = iPage * kcbPage;
   const size_t iEnd = std::min(pvImage->size(), iBegin + kcbPage);
-  auto byteOf = [](const std::vector<BYTE>& v, size_t i) -> BYTE { return i < v.size() ? v[i] : 0; };
-  bool bDiffers = false;
-  for (size_t i = iBegin; i < iEnd && !bDiffers; ++i) bDiffers = byteOf(node.vData, i) != byteOf(node.vDurable, i);
-  if (!bDiffers) {
-    for (size_t i = iBegin; i < iEnd; ++i) (*pvImage)[i] = byteOf(node.vDurable, i);
+  if (RangesEqual(node.vData, node.vDurable, iBegin, iEnd)) {
+    CopyRange(node.vDurable, iBegin, iEnd, pvImage);
     return;
   }
   const unsigned nChoice = static_cast<unsigned>(rng() % 3);
   for (size_t iSector = iBegin; iSector < iEnd; iSector += kcbSector) {
     const bool bNew = nChoice == 1 || (nChoice == 2 && (rng() & 1));
-    for (size_t i = iSector; i < std::min(iEnd, iSector + kcbSector); ++i) {
-      (*pvImage)[i] = bNew ? byteOf(node.vData, i) : byteOf(node.vDurable, i);
-    }
+    CopyRange(bNew ? node.vData : node.vDurable, iSector, std::min(iEnd, iSector + kcbSector), pvImage);
   }
   ++(nChoice == 0 ? pStats->cPagesDropped : nChoice == 1 ? pStats->cPagesKept : pStats->cPagesTorn);
 }

@@ -40,6 +40,34 @@ class CTaskBuffers {
   std::vector<SFrameBuffer> m_vBuffers;
 };
 
+// Hands every file of a copied hour to the disk.
+HRESULT FlushFiles(const WString& strDirectory) {
+  std::vector<NSPlatform::SDirEntry> vEntries;
+  HRESULT hr = NSPlatform::ListDir(strDirectory.c_str(), &vEntries);
+  for (size_t i = 0; SUCCEEDED(hr) && i < vEntries.size(); ++i) {
+    if (vEntries[i].IsDirectory()) continue;
+    NSPlatform::CFile file;
+    hr = file.Open(NSPlatform::CombinePath(strDirectory, vEntries[i].strName).c_str(), GENERIC_WRITE,
+                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
+    if (SUCCEEDED(hr)) hr = file.Flush();
+  }
+  return hr;
+}
+
+// Copies one hour directory so that the target holds all of it or nothing, whenever the machine
+// stops: the copy is made under a name no hour has ("10.copy"), its files reach the disk, and only
+// then does it take the hour's name. What an interrupted copy left under that name is cleared by
+// the next copy of the hour; searches never see it.
+HRESULT CopyHourDirectory(const WString& strFrom, const WString& strTo) {
+  const WString strPartial = strTo + KV_W(".copy");
+  HRESULT hr = NSPlatform::PathExists(strPartial.c_str()) ? NSKronvaleUtils::DeleteFileSystemObject(strPartial) : S_OK;
+  if (SUCCEEDED(hr)) hr = NSPlatform::CopyTree(strFrom.c_str(), strPartial.c_str());
+  if (SUCCEEDED(hr)) hr = FlushFiles(strPartial);
+  if (SUCCEEDED(hr)) hr = NSPlatform::RenameFile(strPartial.c_str(), strTo.c_str());
+  if (FAILED(hr) && NSPlatform::PathExists(strPartial.c_str())) NSKronvaleUtils::DeleteFileSystemObject(strPartial);
+  return hr;
+}
+
 }  // namespace
 
 // ---- Removal --------------------------------------------------------------------------------------
@@ -169,7 +197,7 @@ STDMETHODIMP CRecord::CopyHoursTo(BSTR bstrTargetPath, FILETIME ftBegin, FILETIM
     // An hour already in the target is not merged into: copying onto it would nest the copy.
     if (SUCCEEDED(hr) && NSPlatform::PathExists(strTo.c_str())) hr = KvHResultFromWin32(ERROR_ALREADY_EXISTS);
     if (SUCCEEDED(hr)) {
-      hr = NSPlatform::CopyTree(strFrom.c_str(), strTo.c_str());
+      hr = CopyHourDirectory(strFrom, strTo);
       // The target may be a record of this process: copies kept of its hours are out of date.
       NSKronvaleUtils::NoteHoursChanged();
     }

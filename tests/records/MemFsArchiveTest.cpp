@@ -98,7 +98,8 @@ namespace {
 
 struct SCutResult {
   unsigned cFramesChecked = 0, cLost = 0, cAcknowledged = 0;
-  unsigned cCorrupt = 0;  // frames read back with other bytes than written
+  unsigned cCorrupt = 0;              // frames in flight (not acknowledged) read back with other bytes
+  unsigned cCorruptAcknowledged = 0;  // acknowledged frames read back with other bytes
   NSPlatform::NSMemFs::SCutStats pages;
 };
 
@@ -134,16 +135,17 @@ void RunPowerCuts(DWORD dwFlushTimeout, unsigned cCuts, SCutResult* pResult) {
           continue;
         }
         ++pResult->cFramesChecked;
-        if (vRead != std::vector<std::string>{FrameBytes(n)}) ++pResult->cCorrupt;
+        if (vRead != std::vector<std::string>{FrameBytes(n)}) ++(n < cAcknowledged ? pResult->cCorruptAcknowledged : pResult->cCorrupt);
       }
     }
     pResult->cAcknowledged += cAcknowledged;
     NSPlatform::NSMemFs::Uninstall();
   }
-  std::printf("power cuts, %s: %u cuts, %u frames acknowledged, %u frames checked, %u acknowledged frames lost, %u frames read back wrong; "
+  std::printf("power cuts, %s: %u cuts, %u frames acknowledged, %u frames checked, %u acknowledged frames lost, %u frames read back wrong (%u acknowledged, %u in flight); "
               "unflushed pages kept %u, dropped %u, torn %u\n",
               dwFlushTimeout ? "buffered (1 s)" : "write-through", cCuts, pResult->cAcknowledged,
-              pResult->cFramesChecked, pResult->cLost, pResult->cCorrupt, pResult->pages.cPagesKept, pResult->pages.cPagesDropped,
+              pResult->cFramesChecked, pResult->cLost, pResult->cCorrupt + pResult->cCorruptAcknowledged,
+              pResult->cCorruptAcknowledged, pResult->cCorrupt, pResult->pages.cPagesKept, pResult->pages.cPagesDropped,
               pResult->pages.cPagesTorn);
 }
 
@@ -151,13 +153,17 @@ void RunPowerCuts(DWORD dwFlushTimeout, unsigned cCuts, SCutResult* pResult) {
 
 // After every cut the hour opens (repaired where needed) and the record's writer comes back; a
 // write-through archive loses no frame whose Write answered S_OK (its slot and flag counters are
-// flushed with it). The figures of what was lost are printed for each mode.
+// flushed with it) and reads every one of them back byte-exact. The figures of what was lost are
+// printed for each mode.
 TEST(MemFsArchive, EveryHourOpensAfterAPowerCutAndWriteThroughLosesNothingAcknowledged) {
   for (const DWORD dwFlushTimeout : {0u, 1000u}) {
     SCutResult result;
     RunPowerCuts(dwFlushTimeout, CutsPerMode(), &result);
     EXPECT_GT(result.cFramesChecked, 0u);
-    if (dwFlushTimeout == 0) EXPECT_EQ(0u, result.cLost);
+    if (dwFlushTimeout == 0) {
+      EXPECT_EQ(0u, result.cLost);
+      EXPECT_EQ(0u, result.cCorruptAcknowledged);
+    }
   }
 }
 
@@ -166,11 +172,13 @@ TEST(MemFsArchive, EveryHourOpensAfterAPowerCutAndWriteThroughLosesNothingAcknow
 // A frame whose pages did not all reach the disk before the cut can read back with zeros in
 //    place of its bytes (with S_OK): its index entry arrived, its data did not, and nothing in the
 //    hour tells the two apart (the corruption test looks at the last frame only). Seen in buffered
-//    archives and for the frame in flight of a write-through one.
+//    archives for frames younger than the flush period, and in write-through ones only for the
+//    frame in flight (its Write had not answered; the repair takes back a frame that reached
+//    data.al but not the index, and cannot tell a torn one from a whole one).
 TEST(MemFsArchive, DISABLED_EveryFrameThatReadsBackIsByteExactAfterAPowerCut) {
   for (const DWORD dwFlushTimeout : {0u, 1000u}) {
     SCutResult result;
     RunPowerCuts(dwFlushTimeout, CutsPerMode(), &result);
-    EXPECT_EQ(0u, result.cCorrupt);
+    EXPECT_EQ(0u, result.cCorrupt + result.cCorruptAcknowledged);
   }
 }
