@@ -150,13 +150,14 @@ class CPacketReader {
   // Leaves the stream just after the bytes used, and lets go of a last block that backs nothing.
   HRESULT Finish() {
     KV_FUNC("CRecordExtract::UnmarshalInterface");
+    if (Pending() != 0) {
+      LARGE_INTEGER liBack;
+      liBack.QuadPart = -static_cast<LONGLONG>(Pending());
+      const HRESULT hr = m_pStream->Seek(liBack, STREAM_SEEK_CUR, nullptr);
+      if (!KV_SUCCEEDED(hr)) return hr;
+      m_nNext = m_nEnd;
+    }
     DropUnusedBlock();
-    if (Pending() == 0) return S_OK;
-    LARGE_INTEGER liBack;
-    liBack.QuadPart = -static_cast<LONGLONG>(Pending());
-    const HRESULT hr = m_pStream->Seek(liBack, STREAM_SEEK_CUR, nullptr);
-    if (!KV_SUCCEEDED(hr)) return hr;
-    m_nNext = m_nEnd = 0;
     return S_OK;
   }
 

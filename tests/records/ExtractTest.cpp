@@ -443,6 +443,15 @@ TEST(ExtractFramesTest, ALargePacketReadInBlocksKeepsEveryFrameExact) {
   EXPECT_EQ(khrInvalidData, Unmarshal(strBad, true, &p));
   EXPECT_EQ(khrInvalidData, Unmarshal(strBad, false, &p));
   EXPECT_EQ(khrReadFault, Unmarshal(strPacket.substr(0, strPacket.size() - 2), false, &p));
+
+  // A packet without data keeps no block and still leaves the stream just after itself.
+  const std::vector<SPacketFrame> vNone, vHollow = {{vFrames[0].ft, 1, {}}};
+  for (const std::string& strHollow : {PacketOf(vNone, 1), PacketOf(vHollow, 1)}) {
+    std::string strRest;
+    NSCom::CComPtr<IRecord> pHollow;
+    ASSERT_EQ(S_OK, Unmarshal(strHollow + "tail", true, &pHollow, &strRest));
+    EXPECT_EQ("tail", strRest);
+  }
 }
 
 // ---- Across processes ------------------------------------------------------------------------------
