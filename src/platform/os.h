@@ -503,5 +503,9 @@ bool GetFreeSpaceOverride(ULONGLONG* pullFree);
 // that they watch it.
 void* AllocateBulkMemory(size_t cb);
 void FreeBulkMemory(void* pv, size_t cb);
+// Gives back to the system the whole pages of a block of cb bytes that lie beyond its first cbKeep
+// bytes (those are kept as they are). The block is still freed whole with FreeBulkMemory(pv, cb).
+// Blocks on the heap keep everything.
+void TrimBulkMemory(void* pv, size_t cb, size_t cbKeep);
 
 }  // namespace NSPlatform

@@ -157,6 +157,7 @@ class CPacketReader {
       if (!KV_SUCCEEDED(hr)) return hr;
       m_nNext = m_nEnd;
     }
+    if (m_bBlockUsed) NSPlatform::TrimBulkMemory(m_pBlock, m_cbBlock, m_nNext);
     DropUnusedBlock();
     return S_OK;
   }
@@ -196,6 +197,8 @@ class CPacketReader {
     std::unique_ptr<BYTE, CBulkFree> pBlock(static_cast<BYTE*>(NSPlatform::AllocateBulkMemory(cbBlock)), CBulkFree{cbBlock});
     if (!KV_ASSERT_TEXT(pBlock, "oFrame.pBuff[i].pData\n")) return E_OUTOFMEMORY;
     if (cbPending) std::memcpy(pBlock.get(), m_pBlock + m_nNext, cbPending);
+    // What the old block holds beyond its last frame's data now lives in the new one.
+    if (m_bBlockUsed) NSPlatform::TrimBulkMemory(m_pBlock, m_cbBlock, m_nNext);
     DropUnusedBlock();
     m_vBlocks.push_back(std::move(pBlock));
     m_nEnd = cbPending;

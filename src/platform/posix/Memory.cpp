@@ -2,6 +2,7 @@
 // call. A fresh page otherwise costs a fault on first touch, and on a virtual machine a fault costs
 // far more than filling the page; a populated block of huge pages costs one call for megabytes.
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstdlib>
 
@@ -51,6 +52,14 @@ void FreeBulkMemory(void* pv, size_t cb) {
     std::free(pv);
   else
     ::munmap(pv, cb);
+}
+
+void TrimBulkMemory(void* pv, size_t cb, size_t cbKeep) {
+  if (!pv || OnHeap(cb)) return;
+  const size_t cbPage = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  const size_t cbKept = (cbKeep + cbPage - 1) / cbPage * cbPage;
+  // The block is freed whole later: unmapping a range again is harmless.
+  if (cbKept < cb) ::munmap(static_cast<char*>(pv) + cbKept, cb - cbKept);
 }
 
 }  // namespace NSPlatform

@@ -23,4 +23,14 @@ void FreeBulkMemory(void* pv, size_t cb) {
     ::VirtualFree(pv, 0, MEM_RELEASE);
 }
 
+void TrimBulkMemory(void* pv, size_t cb, size_t cbKeep) {
+  if (!pv || cb < kcbMapped) return;
+  SYSTEM_INFO info;
+  ::GetSystemInfo(&info);
+  const size_t cbPage = info.dwPageSize;
+  const size_t cbKept = (cbKeep + cbPage - 1) / cbPage * cbPage;
+  // Decommitted pages stay reserved until the block is released whole.
+  if (cbKept < cb) ::VirtualFree(static_cast<char*>(pv) + cbKept, cb - cbKept, MEM_DECOMMIT);
+}
+
 }  // namespace NSPlatform
