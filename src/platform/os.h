@@ -492,4 +492,20 @@ bool GetFreeSpaceOverride(ULONGLONG* pullFree);
 
 }  // namespace NSFault
 
+// ---------------------------------------------------------------------------------------------
+// Bulk memory
+// ---------------------------------------------------------------------------------------------
+
+// A block of cb bytes (uninitialised) for data that is filled at once and kept, such as a packet
+// read in place: committed when it is made, in large pages where the system grants them, so that
+// filling it does not stop at a page fault every 4 KiB. Null when the memory cannot be had. Free
+// it with FreeBulkMemory and the same cb. Under the sanitizers it is ordinary heap memory, so
+// that they watch it.
+void* AllocateBulkMemory(size_t cb);
+void FreeBulkMemory(void* pv, size_t cb);
+// Gives back to the system the whole pages of a block of cb bytes that lie beyond its first cbKeep
+// bytes (those are kept as they are). The block is still freed whole with FreeBulkMemory(pv, cb).
+// Blocks on the heap keep everything.
+void TrimBulkMemory(void* pv, size_t cb, size_t cbKeep);
+
 }  // namespace NSPlatform

@@ -88,13 +88,14 @@ class CPacketWriter {
 // the bytes left in the stream are learnt once (Stat and Seek); a stream that cannot tell is read
 // in bounded steps, so that memory grows only as bytes actually arrive.
 //
-// A stream that tells its size is read ahead through a fixed buffer (small fields would otherwise
-// cost a read each); Finish seeks back over what was read ahead and not used, so that the stream is
-// left just after the packet, as the COM runtime requires. A stream that cannot tell is read field
-// by field, never beyond the packet.
+// A stream that tells its size is read in large blocks, which GetData hands out in place: the
+// blocks go to the extract's list as they are made and back the data of its frames from then on.
+// Finish seeks back over what was read ahead and not used, so that the stream is left just after
+// the packet, as the COM runtime requires. A stream that cannot tell is read field by field, never
+// beyond the packet, and each buffer gets a task-memory block of its own.
 class CPacketReader {
  public:
-  explicit CPacketReader(IStream* pStream) : m_pStream(pStream) {
+  CPacketReader(IStream* pStream, std::vector<std::unique_ptr<BYTE, CBulkFree>>& vBlocks) : m_pStream(pStream), m_vBlocks(vBlocks) {
     STATSTG stat;
     ULARGE_INTEGER uliPosition = {};
     LARGE_INTEGER liZero = {};
@@ -105,39 +106,18 @@ class CPacketReader {
       m_ullLeft = stat.cbSize.QuadPart - uliPosition.QuadPart;
     }
   }
+  // Whether GetData hands out places in shared packet blocks (else blocks of their own).
+  bool SharesBlocks() const { return m_bKnown; }
   // Whether the stream may still hold cb bytes (always true when it cannot tell).
-  bool Backs(ULONGLONG cb) const { return !m_bKnown || cb <= m_ullLeft + (m_nEnd - m_nNext); }
+  bool Backs(ULONGLONG cb) const { return !m_bKnown || cb <= m_ullLeft + Pending(); }
 
   // Exactly cb bytes, or khrReadFault for a packet that ends early.
   HRESULT Get(void* pv, ULONG cb) {
-    BYTE* pb = static_cast<BYTE*>(pv);
-    const ULONG cbBuffered = static_cast<ULONG>(std::min<size_t>(cb, m_nEnd - m_nNext));
-    std::memcpy(pb, m_ab + m_nNext, cbBuffered);
-    m_nNext += cbBuffered;
-    m_ullOffset += cbBuffered;
-    for (ULONG cbDone = cbBuffered; cbDone < cb;) {
-      // Small fields refill the buffer; large blocks are read straight into place.
-      const bool bFill = m_bKnown && cb - cbDone < sizeof(m_ab);
-      void* pTarget = bFill ? static_cast<void*>(m_ab) : pb + cbDone;
-      const ULONG cbAsk = bFill ? static_cast<ULONG>(std::min<ULONGLONG>(sizeof(m_ab), m_ullLeft)) : cb - cbDone;
-      ULONG cbRead = 0;
-      const HRESULT hr = cbAsk ? m_pStream->Read(pTarget, cbAsk, &cbRead) : S_OK;
-      if (FAILED(hr)) return Failed(hr);
-      if (cbRead == 0 || cbRead > cbAsk) return Short(cb - cbDone);
-      m_ullLeft -= std::min<ULONGLONG>(m_ullLeft, cbRead);
-      if (bFill) {
-        m_nNext = 0;
-        m_nEnd = cbRead;
-        const ULONG cbTake = std::min(cbRead, cb - cbDone);
-        std::memcpy(pb + cbDone, m_ab, cbTake);
-        m_nNext = cbTake;
-        cbDone += cbTake;
-        m_ullOffset += cbTake;
-      } else {
-        cbDone += cbRead;
-        m_ullOffset += cbRead;
-      }
-    }
+    if (!m_bKnown) return GetDirect(pv, cb);
+    const HRESULT hr = Ensure(cb);
+    if (FAILED(hr)) return hr;
+    std::memcpy(pv, m_pBlock + m_nNext, cb);
+    Advance(cb);
     return S_OK;
   }
   HRESULT GetU32(DWORD* pdw) {
@@ -147,9 +127,10 @@ class CPacketReader {
     return hr;
   }
 
-  // A task-memory block holding the next cb bytes. Never more than the stream can back; from a
-  // stream that cannot tell its size, the block grows by at most kcbStep beyond what has arrived.
-  HRESULT GetBlock(DWORD cb, BYTE** ppData) {
+  // The next cb bytes as a buffer's data. Never more than the stream can back. From a stream that
+  // tells its size: a place in the current packet block. Otherwise a task-memory block the caller
+  // owns, which grows by at most kcbStep beyond what has arrived.
+  HRESULT GetData(DWORD cb, BYTE** ppData) {
     KV_FUNC("CRecordExtract::UnmarshalInterface");
     *ppData = nullptr;
     if (!Backs(cb)) {
@@ -157,11 +138,103 @@ class CPacketReader {
                    static_cast<unsigned>(cb), m_ullOffset);
       return khrInvalidData;
     }
-    DWORD cbAllocated = m_bKnown ? cb : std::min(cb, kcbStep);
+    if (!m_bKnown) return GetOwnBlock(cb, ppData);
+    const HRESULT hr = Ensure(cb);
+    if (FAILED(hr)) return hr;
+    *ppData = m_pBlock + m_nNext;
+    m_bBlockUsed = true;
+    Advance(cb);
+    return S_OK;
+  }
+
+  // Leaves the stream just after the bytes used, and lets go of a last block that backs nothing.
+  HRESULT Finish() {
+    KV_FUNC("CRecordExtract::UnmarshalInterface");
+    if (Pending() != 0) {
+      LARGE_INTEGER liBack;
+      liBack.QuadPart = -static_cast<LONGLONG>(Pending());
+      const HRESULT hr = m_pStream->Seek(liBack, STREAM_SEEK_CUR, nullptr);
+      if (!KV_SUCCEEDED(hr)) return hr;
+      m_nNext = m_nEnd;
+    }
+    if (m_bBlockUsed) NSPlatform::TrimBulkMemory(m_pBlock, m_cbBlock, m_nNext);
+    DropUnusedBlock();
+    return S_OK;
+  }
+
+ private:
+  size_t Pending() const { return m_nEnd - m_nNext; }
+  void Advance(ULONG cb) {
+    m_nNext += cb;
+    m_ullOffset += cb;
+  }
+
+  // At least cb bytes read and unused at m_pBlock + m_nNext. A block too small for them is
+  // followed by a new one, which starts with the bytes of the old one not used yet.
+  HRESULT Ensure(ULONG cb) {
+    if (Pending() >= cb) return S_OK;
+    if (m_nNext + cb > m_cbBlock) {
+      const HRESULT hr = NewBlock(cb);
+      if (FAILED(hr)) return hr;
+    }
+    while (Pending() < cb) {
+      const ULONG cbAsk = static_cast<ULONG>(std::min<ULONGLONG>(m_cbBlock - m_nEnd, m_ullLeft));
+      ULONG cbRead = 0;
+      const HRESULT hr = cbAsk ? m_pStream->Read(m_pBlock + m_nEnd, cbAsk, &cbRead) : S_OK;
+      if (FAILED(hr)) return Failed(hr);
+      if (cbRead == 0 || cbRead > cbAsk) return Short(static_cast<ULONG>(cb - Pending()));
+      m_nEnd += cbRead;
+      m_ullLeft -= cbRead;
+    }
+    return S_OK;
+  }
+
+  // A block for at least cb bytes: kcbBlock, or less when the stream holds less, or cb when more.
+  HRESULT NewBlock(ULONG cb) {
+    KV_FUNC("CRecordExtract::UnmarshalInterface");
+    const size_t cbPending = Pending();
+    const size_t cbBlock = std::max<size_t>(cb, static_cast<size_t>(std::min<ULONGLONG>(kcbBlock, cbPending + m_ullLeft)));
+    std::unique_ptr<BYTE, CBulkFree> pBlock(static_cast<BYTE*>(NSPlatform::AllocateBulkMemory(cbBlock)), CBulkFree{cbBlock});
+    if (!KV_ASSERT_TEXT(pBlock, "oFrame.pBuff[i].pData\n")) return E_OUTOFMEMORY;
+    if (cbPending) std::memcpy(pBlock.get(), m_pBlock + m_nNext, cbPending);
+    // What the old block holds beyond its last frame's data now lives in the new one.
+    if (m_bBlockUsed) NSPlatform::TrimBulkMemory(m_pBlock, m_cbBlock, m_nNext);
+    DropUnusedBlock();
+    m_vBlocks.push_back(std::move(pBlock));
+    m_nEnd = cbPending;
+    m_nNext = 0;
+    m_pBlock = m_vBlocks.back().get();
+    m_cbBlock = cbBlock;
+    m_bBlockUsed = false;
+    return S_OK;
+  }
+  void DropUnusedBlock() {
+    if (!m_pBlock || m_bBlockUsed) return;
+    m_vBlocks.pop_back();
+    m_pBlock = nullptr;
+    m_cbBlock = m_nNext = m_nEnd = 0;
+  }
+
+  // From a stream that cannot tell its size: exactly cb bytes, no read-ahead.
+  HRESULT GetDirect(void* pv, ULONG cb) {
+    BYTE* pb = static_cast<BYTE*>(pv);
+    for (ULONG cbDone = 0; cbDone < cb;) {
+      ULONG cbRead = 0;
+      const HRESULT hr = m_pStream->Read(pb + cbDone, cb - cbDone, &cbRead);
+      if (FAILED(hr)) return Failed(hr);
+      if (cbRead == 0 || cbRead > cb - cbDone) return Short(cb - cbDone);
+      cbDone += cbRead;
+      m_ullOffset += cbRead;
+    }
+    return S_OK;
+  }
+  HRESULT GetOwnBlock(DWORD cb, BYTE** ppData) {
+    KV_FUNC("CRecordExtract::UnmarshalInterface");
+    DWORD cbAllocated = std::min(cb, kcbStep);
     BYTE* pData = static_cast<BYTE*>(CoTaskMemAlloc(cbAllocated ? cbAllocated : 1));
     if (!KV_ASSERT_TEXT(pData, "oFrame.pBuff[i].pData\n")) return E_OUTOFMEMORY;
     for (DWORD cbDone = 0;;) {
-      const HRESULT hr = Get(pData + cbDone, cbAllocated - cbDone);
+      const HRESULT hr = GetDirect(pData + cbDone, cbAllocated - cbDone);
       if (FAILED(hr)) {
         CoTaskMemFree(pData);
         return hr;
@@ -180,19 +253,6 @@ class CPacketReader {
     return S_OK;
   }
 
-  // Leaves the stream just after the bytes used.
-  HRESULT Finish() {
-    KV_FUNC("CRecordExtract::UnmarshalInterface");
-    if (m_nEnd == m_nNext) return S_OK;
-    LARGE_INTEGER liBack;
-    liBack.QuadPart = -static_cast<LONGLONG>(m_nEnd - m_nNext);
-    const HRESULT hr = m_pStream->Seek(liBack, STREAM_SEEK_CUR, nullptr);
-    if (!KV_SUCCEEDED(hr)) return hr;
-    m_nNext = m_nEnd = 0;
-    return S_OK;
-  }
-
- private:
   HRESULT Failed(HRESULT hr) {
     KV_FUNC("CRecordExtract::UnmarshalInterface");
     KV_REPORT_IF_FAILED(hr);
@@ -206,36 +266,69 @@ class CPacketReader {
   }
 
   static constexpr DWORD kcbStep = 1024 * 1024;
+  static constexpr DWORD kcbBlock = 4 * 1024 * 1024;
   IStream* m_pStream;
+  std::vector<std::unique_ptr<BYTE, CBulkFree>>& m_vBlocks;  // the extract's; the current block is the last
   bool m_bKnown = false;
-  ULONGLONG m_ullLeft = 0;    // bytes the stream still holds beyond the buffer, when m_bKnown
+  ULONGLONG m_ullLeft = 0;    // bytes the stream still holds beyond those read, when m_bKnown
   ULONGLONG m_ullOffset = 0;  // bytes of the packet used so far
-  size_t m_nNext = 0;         // the read-ahead buffer: next byte to use, end of what it holds
+  BYTE* m_pBlock = nullptr;   // the current block: m_cbBlock bytes, read up to m_nEnd, used up to m_nNext
+  size_t m_cbBlock = 0;
+  size_t m_nNext = 0;
   size_t m_nEnd = 0;
-  BYTE m_ab[64 * 1024];
+  bool m_bBlockUsed = false;  // whether a frame's data lies in the current block
 };
 
 }  // namespace
 
 // ---- Frames ---------------------------------------------------------------------------------------
 
-CRecordExtract::CBuffers& CRecordExtract::CBuffers::operator=(CBuffers&& other) noexcept {
-  if (this != &other) {
-    Free();
-    m_v = std::move(other.m_v);
-    other.m_v.clear();
-  }
-  return *this;
+CRecordExtract::CFrames::iterator CRecordExtract::LowerBound(ULONGLONG ullTime) {
+  return std::lower_bound(m_vFrames.begin(), m_vFrames.end(), ullTime,
+                          [](const SFrame& frame, ULONGLONG ull) { return frame.ullTime < ull; });
 }
 
-void CRecordExtract::CBuffers::Free() {
-  for (SFrameBuffer& buffer : m_v) CoTaskMemFree(buffer.pData);
-  m_v.clear();
+CRecordExtract::CFrames::iterator CRecordExtract::UpperBound(ULONGLONG ullTime) {
+  return std::upper_bound(m_vFrames.begin(), m_vFrames.end(), ullTime,
+                          [](ULONGLONG ull, const SFrame& frame) { return ull < frame.ullTime; });
+}
+
+CRecordExtract::CFrames::iterator CRecordExtract::Find(ULONGLONG ullTime) {
+  auto it = LowerBound(ullTime);
+  return it != m_vFrames.end() && it->ullTime == ullTime ? it : m_vFrames.end();
+}
+
+HRESULT CRecordExtract::Insert(ULONGLONG ullTime, DWORD dwFlags, EData eData, const SFrameBuffer* pRecords) {
+  try {
+    // Room first, so that nothing below can fail half-way.
+    if (m_vFrames.size() == m_vFrames.capacity()) m_vFrames.reserve(std::max<size_t>(64, m_vFrames.size() * 2));
+    const size_t iFirst = m_vBuffers.size();
+    if (pRecords) m_vBuffers.insert(m_vBuffers.end(), pRecords, pRecords + m_dwCount);
+    const SFrame frame = {ullTime, dwFlags, pRecords ? eData : EData::kAbsent, iFirst};
+    if (m_vFrames.empty() || m_vFrames.back().ullTime < ullTime)
+      m_vFrames.push_back(frame);
+    else
+      m_vFrames.insert(UpperBound(ullTime), frame);
+  } catch (...) {
+    return E_OUTOFMEMORY;
+  }
+  return S_OK;
+}
+
+void CRecordExtract::Clear() {
+  for (const SFrame& frame : m_vFrames) {
+    if (frame.eData != EData::kOwned) continue;
+    const SFrameBuffer* pBuffers = BuffersOf(frame);
+    for (DWORD i = 0; i < m_dwCount; ++i) CoTaskMemFree(pBuffers[i].pData);
+  }
+  m_vFrames.clear();
+  m_vBuffers.clear();
+  m_vBlocks.clear();
 }
 
 void CRecordExtract::FinalRelease() {
   CGuard guard(m_section);
-  m_vFrames.clear();
+  Clear();
   m_pPacket.Release();
   m_pSource.Release();
 }
@@ -253,39 +346,38 @@ HRESULT CRecordExtract::AppendFrame(FILETIME ftFrameTime, DWORD dwFlags, const S
   KV_FUNC("CRecordExtract::AppendFrame");
   CGuard guard(m_section);
   const ULONGLONG ullTime = FileTimeToU64(ftFrameTime);
-  if (!KV_ASSERT_TEXT(m_vFrames.find(ullTime) == m_vFrames.end(), "m_vFrames.find(ftFrameTime)==m_vFrames.end()\n"))
+  if (!KV_ASSERT_TEXT(Find(ullTime) == m_vFrames.end(), "m_vFrames.find(ftFrameTime)==m_vFrames.end()\n"))
     return khrAlreadyExists;
-  SFrame frame;
-  frame.dwFlags = dwFlags;
-  try {
-    if (pBuffers) frame.buffers = CBuffers(std::vector<SFrameBuffer>(pBuffers, pBuffers + m_dwCount));
-    m_vFrames.emplace(ullTime, std::move(frame));
-  } catch (...) {
-    // Either the copy of the records or the node could not be made, so the frame was not moved:
-    // its blocks go back to the caller unfreed.
-    frame.buffers.Forget();
-    return E_OUTOFMEMORY;
-  }
+  // When the frame cannot be added, its blocks go back to the caller unfreed.
+  const HRESULT hr = Insert(ullTime, dwFlags, EData::kOwned, pBuffers);
+  if (FAILED(hr)) return hr;
   m_pPacket.Release();
   return S_OK;
 }
 
 // Reads a frame's data from the source into the frame (under the section).
-HRESULT CRecordExtract::LoadFrame(ULONGLONG ullTime, SFrame& frame) {
-  if (frame.buffers.Present()) return S_OK;
+HRESULT CRecordExtract::LoadFrame(SFrame& frame) {
+  if (frame.eData != EData::kAbsent) return S_OK;
   if (!m_pSource) {
-    KV_LOG_ERROR(KV_W("Extract frame at %I64u holds no data and the extract has no source record\n"), ullTime);
+    KV_LOG_ERROR(KV_W("Extract frame at %I64u holds no data and the extract has no source record\n"), frame.ullTime);
     return khrInvalidState;
   }
-  std::vector<SFrameBuffer> v(m_dwCount, SFrameBuffer{nullptr, 0});
+  const size_t iFirst = m_vBuffers.size();
+  try {
+    m_vBuffers.resize(iFirst + m_dwCount, SFrameBuffer{nullptr, 0});
+  } catch (...) {
+    return E_OUTOFMEMORY;
+  }
   DWORD dwFlags = 0;
   // The record hands out task memory for buffers without a block, and keeps none of it on failure.
-  const HRESULT hr = m_pSource->Read(U64ToFileTime(ullTime), &dwFlags, v.data(), m_dwCount);
+  const HRESULT hr = m_pSource->Read(U64ToFileTime(frame.ullTime), &dwFlags, m_vBuffers.data() + iFirst, m_dwCount);
   if (FAILED(hr)) {
+    m_vBuffers.resize(iFirst);
     KV_REPORT_IF_FAILED(hr);
     return hr;
   }
-  frame.buffers = CBuffers(std::move(v));
+  frame.eData = EData::kOwned;
+  frame.iFirst = iFirst;
   return S_OK;
 }
 
@@ -312,27 +404,29 @@ HRESULT CRecordExtract::WriteLocked(FILETIME ftFrame, DWORD dwFlags, const SFram
     m_dwCount = dwCount;
   }
   if (!KV_ASSERT_TEXT(dwCount <= m_dwCount, "dwCount<=m_dwCount\n")) return khrTooManyBuffers;
-  if (!KV_ASSERT_TEXT(m_vFrames.find(FileTimeToU64(ftFrame)) == m_vFrames.end(),
-                      "m_vFrames.find(ftFrameTime)==m_vFrames.end()\n"))
+  const ULONGLONG ullTime = FileTimeToU64(ftFrame);
+  if (!KV_ASSERT_TEXT(Find(ullTime) == m_vFrames.end(), "m_vFrames.find(ftFrameTime)==m_vFrames.end()\n"))
     return khrAlreadyExists;
   // Buffers the client does not give are stored empty.
   std::vector<SFrameBuffer> v(m_dwCount, SFrameBuffer{nullptr, 0});
-  CBuffers buffers;
+  auto freeAll = [&] {
+    for (SFrameBuffer& buffer : v) CoTaskMemFree(buffer.pData);
+  };
   for (DWORD i = 0; i < m_dwCount; ++i) {
     const DWORD cb = i < dwCount ? pBuff[i].dwDataSize : 0;
     v[i].pData = static_cast<BYTE*>(CoTaskMemAlloc(cb ? cb : 1));
     if (!KV_ASSERT_TEXT(v[i].pData, "pBuff[i].pData\n")) {
-      CBuffers(std::move(v)).Free();
+      freeAll();
       return E_OUTOFMEMORY;
     }
     if (cb) std::memcpy(v[i].pData, pBuff[i].pData, cb);
     v[i].dwDataSize = cb;
   }
-  buffers = CBuffers(std::move(v));
-  SFrame frame;
-  frame.dwFlags = dwFlags;
-  frame.buffers = std::move(buffers);
-  m_vFrames.emplace(FileTimeToU64(ftFrame), std::move(frame));
+  const HRESULT hr = Insert(ullTime, dwFlags, EData::kOwned, v.data());
+  if (FAILED(hr)) {
+    freeAll();
+    return hr;
+  }
   m_pPacket.Release();
   return S_OK;
 }
@@ -344,12 +438,12 @@ STDMETHODIMP CRecordExtract::Read(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffe
   if (dwCount) KV_CHECK_POINTER(pBuff);
   CGuard guard(m_section);
   if (!KV_ASSERT_TEXT(dwCount <= m_dwCount, "dwCount<=m_dwCount\n")) return khrTooManyBuffers;
-  auto it = m_vFrames.find(FileTimeToU64(ftFrame));
+  auto it = Find(FileTimeToU64(ftFrame));
   if (!KV_ASSERT_TEXT(it != m_vFrames.end(), "it!=m_vFrames.end()\n")) return khrNotFound;
   if (dwCount) {
-    const HRESULT hr = LoadFrame(it->first, it->second);
+    const HRESULT hr = LoadFrame(*it);
     if (FAILED(hr)) return hr;
-    const std::vector<SFrameBuffer>& vStored = it->second.buffers.Get();
+    const SFrameBuffer* vStored = BuffersOf(*it);
     for (DWORD i = 0; i < dwCount; ++i) {
       const DWORD cb = vStored[i].dwDataSize;
       pBuff[i].pData = static_cast<BYTE*>(CoTaskMemAlloc(cb ? cb : 1));
@@ -364,7 +458,7 @@ STDMETHODIMP CRecordExtract::Read(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffe
       pBuff[i].dwDataSize = cb;
     }
   }
-  if (pdwFlags) *pdwFlags = it->second.dwFlags;
+  if (pdwFlags) *pdwFlags = it->dwFlags;
   return S_OK;
 }
 
@@ -373,9 +467,9 @@ STDMETHODIMP CRecordExtract::CheckFrame(FILETIME ftFrame, const SFrameFilter* pF
   {
     // Looked up directly: an unknown time is an ordinary answer here, not a failed check.
     CGuard guard(m_section);
-    auto it = m_vFrames.find(FileTimeToU64(ftFrame));
+    auto it = Find(FileTimeToU64(ftFrame));
     if (it == m_vFrames.end()) return S_FALSE;
-    dwFlags = it->second.dwFlags;
+    dwFlags = it->dwFlags;
   }
   return Passes(pFilter, dwFlags) ? S_OK : S_FALSE;
 }
@@ -395,17 +489,17 @@ HRESULT CRecordExtract::Step(bool bForward, FILETIME ft, const SFrameFilter* pFi
   CGuard guard(m_section);
   const ULONGLONG ullTime = FileTimeToU64(ft);
   if (bForward) {
-    for (auto it = m_vFrames.upper_bound(ullTime); it != m_vFrames.end(); ++it) {
-      if (Passes(pFilter, it->second.dwFlags)) {
-        *pftFound = U64ToFileTime(it->first);
+    for (auto it = UpperBound(ullTime); it != m_vFrames.end(); ++it) {
+      if (Passes(pFilter, it->dwFlags)) {
+        *pftFound = U64ToFileTime(it->ullTime);
         return S_OK;
       }
     }
   } else {
-    for (auto it = m_vFrames.lower_bound(ullTime); it != m_vFrames.begin();) {
+    for (auto it = LowerBound(ullTime); it != m_vFrames.begin();) {
       --it;
-      if (Passes(pFilter, it->second.dwFlags)) {
-        *pftFound = U64ToFileTime(it->first);
+      if (Passes(pFilter, it->dwFlags)) {
+        *pftFound = U64ToFileTime(it->ullTime);
         return S_OK;
       }
     }
@@ -465,14 +559,14 @@ HRESULT CRecordExtract::StatisticLocked(FILETIME ftBegin, FILETIME ftEnd, FILETI
   SStatisticCell* pCell = nullptr;
   ULONGLONG ullCellIndex = ~ULONGLONG{0};
   ULONGLONG ullSecondAdded = ~ULONGLONG{0};
-  for (auto it = m_vFrames.lower_bound(ullBegin); it != m_vFrames.end() && it->first <= ullEnd; ++it) {
-    const ULONGLONG ullTime = it->first;
+  for (auto it = LowerBound(ullBegin); it != m_vFrames.end() && it->ullTime <= ullEnd; ++it) {
+    const ULONGLONG ullTime = it->ullTime;
     const ULONGLONG ullHour = ullTime / kullHour;
     if (ullHour != ullHourChecked) {
       ullHourChecked = ullHour;
       DWORD dwHourFlags = 0;
-      for (auto h = m_vFrames.lower_bound(ullHour * kullHour); h != m_vFrames.end() && h->first / kullHour == ullHour; ++h)
-        dwHourFlags |= h->second.dwFlags;
+      for (auto h = LowerBound(ullHour * kullHour); h != m_vFrames.end() && h->ullTime / kullHour == ullHour; ++h)
+        dwHourFlags |= h->dwFlags;
       bHourPasses = !pFilter || Passes(pFilter, dwHourFlags);
     }
     if (!bHourPasses) continue;
@@ -494,10 +588,10 @@ HRESULT CRecordExtract::StatisticLocked(FILETIME ftBegin, FILETIME ftEnd, FILETI
     const ULONGLONG ullSecond = ullTime / kullSecond;
     if (ullSecond != ullSecondAdded) {
       ullSecondAdded = ullSecond;
-      for (auto f = m_vFrames.lower_bound(ullSecond * kullSecond); f != m_vFrames.end() && f->first / kullSecond == ullSecond; ++f)
-        pCell->record.dwFlags |= f->second.dwFlags;
+      for (auto f = LowerBound(ullSecond * kullSecond); f != m_vFrames.end() && f->ullTime / kullSecond == ullSecond; ++f)
+        pCell->record.dwFlags |= f->dwFlags;
     }
-    if (Passes(pFilter, it->second.dwFlags)) ++pCell->record.dwCount;
+    if (Passes(pFilter, it->dwFlags)) ++pCell->record.dwCount;
   }
   // A cell whose flags together fail the filter is left out.
   if (pFilter)
@@ -569,20 +663,21 @@ HRESULT CRecordExtract::WritePacket(IStream** ppStream, DWORD dwDestCtx) {
   if (SUCCEEDED(hr)) hr = writer.PutU32(m_dwCount);
   for (auto it = m_vFrames.begin(); it != m_vFrames.end() && SUCCEEDED(hr); ++it) {
     // A frame not loaded yet is read now, one at a time, and kept.
-    if (m_pSource && !it->second.buffers.Present()) {
-      hr = LoadFrame(it->first, it->second);
+    if (m_pSource && it->eData == EData::kAbsent) {
+      hr = LoadFrame(*it);
       if (FAILED(hr)) break;
     }
     BYTE abHeader[kcbFrameHeader];
-    PutU32(abHeader, static_cast<DWORD>(it->first));
-    PutU32(abHeader + 4, static_cast<DWORD>(it->first >> 32));
-    PutU32(abHeader + 8, it->second.dwFlags);
-    abHeader[12] = it->second.buffers.Present() ? 1 : 0;
+    PutU32(abHeader, static_cast<DWORD>(it->ullTime));
+    PutU32(abHeader + 4, static_cast<DWORD>(it->ullTime >> 32));
+    PutU32(abHeader + 8, it->dwFlags);
+    abHeader[12] = it->eData != EData::kAbsent ? 1 : 0;
     hr = writer.Put(abHeader, sizeof(abHeader));
     if (!abHeader[12]) continue;
-    for (const SFrameBuffer& buffer : it->second.buffers.Get()) {
-      if (SUCCEEDED(hr)) hr = writer.PutU32(buffer.dwDataSize);
-      if (SUCCEEDED(hr) && buffer.dwDataSize) hr = writer.Put(buffer.pData, buffer.dwDataSize);
+    const SFrameBuffer* pBuffers = BuffersOf(*it);
+    for (DWORD i = 0; i < m_dwCount && SUCCEEDED(hr); ++i) {
+      hr = writer.PutU32(pBuffers[i].dwDataSize);
+      if (SUCCEEDED(hr) && pBuffers[i].dwDataSize) hr = writer.Put(pBuffers[i].pData, pBuffers[i].dwDataSize);
     }
   }
   if (SUCCEEDED(hr)) hr = writer.Flush();
@@ -607,7 +702,7 @@ HRESULT CRecordExtract::ReadPacket(IStream* pStream) {
     return ReadPacketLocked(pStream);
   } catch (...) {
     CGuard guard(m_section);
-    m_vFrames.clear();
+    Clear();
     m_dwCount = 0;
     return NSCom::HResultFromCurrentException();
   }
@@ -617,7 +712,7 @@ HRESULT CRecordExtract::ReadPacketLocked(IStream* pStream) {
   KV_FUNC("CRecordExtract::UnmarshalInterface");
   CGuard guard(m_section);
   if (m_dwCount != 0 || !m_vFrames.empty()) return E_UNEXPECTED;
-  CPacketReader reader(pStream);
+  CPacketReader reader(pStream, m_vBlocks);
   DWORD dwContext = 0, cFrames = 0, dwCount = 0;
   HRESULT hr = reader.GetU32(&dwContext);  // read and not otherwise needed
   if (SUCCEEDED(hr)) hr = reader.GetU32(&cFrames);
@@ -634,8 +729,16 @@ HRESULT CRecordExtract::ReadPacketLocked(IStream* pStream) {
     return khrInvalidData;
   }
   m_dwCount = dwCount;
+  // The stream backs every frame's header, so a stream that tells its size has room made at once;
+  // and room for the buffer records too when it could back them for every frame.
+  if (reader.SharesBlocks()) {
+    m_vFrames.reserve(cFrames);
+    if (reader.Backs(ULONGLONG{cFrames} * (kcbFrameHeader + ULONGLONG{dwCount} * sizeof(DWORD))))
+      m_vBuffers.reserve(size_t{cFrames} * dwCount);
+  }
+  const EData eData = reader.SharesBlocks() ? EData::kShared : EData::kOwned;
   auto fail = [&](HRESULT hrFailure) {
-    m_vFrames.clear();
+    Clear();
     m_dwCount = 0;
     return hrFailure;
   };
@@ -656,28 +759,32 @@ HRESULT CRecordExtract::ReadPacketLocked(IStream* pStream) {
                    static_cast<unsigned>(abHeader[12]));
       return fail(khrInvalidData);
     }
-    SFrame frame;
-    frame.dwFlags = GetU32(abHeader + 8);
+    SFrame frame = {ullTime, GetU32(abHeader + 8), EData::kAbsent, m_vBuffers.size()};
+    // Room for the frame and its records first: nothing may throw once blocks of its own exist.
+    if (m_vFrames.size() == m_vFrames.capacity()) m_vFrames.reserve(std::max<size_t>(64, m_vFrames.size() * 2));
     if (abHeader[12]) {
       if (!reader.Backs(ULONGLONG{dwCount} * sizeof(DWORD))) {
         KV_LOG_ERROR(KV_W("Extract packet refused: frame %u has %u buffers beyond the stream's end\n"),
                      static_cast<unsigned>(n), static_cast<unsigned>(dwCount));
         return fail(khrInvalidData);
       }
-      std::vector<SFrameBuffer> v(dwCount, SFrameBuffer{nullptr, 0});
+      m_vBuffers.resize(frame.iFirst + dwCount, SFrameBuffer{nullptr, 0});
+      SFrameBuffer* pBuffers = m_vBuffers.data() + frame.iFirst;
       for (DWORD i = 0; i < dwCount; ++i) {
         DWORD cb = 0;
         hr = reader.GetU32(&cb);
-        if (SUCCEEDED(hr)) hr = reader.GetBlock(cb, &v[i].pData);
+        if (SUCCEEDED(hr)) hr = reader.GetData(cb, &pBuffers[i].pData);
         if (FAILED(hr)) {
-          CBuffers(std::move(v)).Free();
+          // The blocks of a frame not in the list yet are freed here; Clear frees the others.
+          if (eData == EData::kOwned)
+            for (DWORD j = 0; j < i; ++j) CoTaskMemFree(pBuffers[j].pData);
           return fail(hr);
         }
-        v[i].dwDataSize = cb;
+        pBuffers[i].dwDataSize = cb;
       }
-      frame.buffers = CBuffers(std::move(v));
+      frame.eData = eData;
     }
-    m_vFrames.emplace_hint(m_vFrames.end(), ullTime, std::move(frame));
+    m_vFrames.push_back(frame);
   }
   hr = reader.Finish();
   return FAILED(hr) ? fail(hr) : S_OK;

@@ -26,18 +26,47 @@
 // backwards, a has-data byte other than 0 or 1, and a buffer count outside 1..kdwMaxBuffers for an
 // extract that holds frames; it frees what it read, and never allocates more than the stream can
 // back (a stream that cannot tell its size is read in bounded steps as its bytes arrive).
+//
+// A stream that tells its size is read in blocks of up to 4 MiB that stay in memory as the frames'
+// data: a buffer's bytes are used where they were read, with no allocation or copy of their own.
 #pragma once
 
 #include <kronvale/kronvale.h>
 
-#include <map>
+#include <memory>
+#include <new>
 #include <vector>
 
 #include "com/InterfaceMethods.h"
 #include "com/ComKit.h"
+#include "platform/os.h"
 #include "support/Lock.h"
 
 namespace NSRecords {
+
+// An allocator of bulk memory (NSPlatform::AllocateBulkMemory) for the extract's large tables:
+// they are filled at once when a packet arrives, so their pages are best committed as they are made.
+template <class T>
+struct CBulkAllocator {
+  using value_type = T;
+  CBulkAllocator() = default;
+  template <class U>
+  CBulkAllocator(const CBulkAllocator<U>&) noexcept {}
+  T* allocate(size_t n) {
+    if (n > static_cast<size_t>(-1) / sizeof(T)) throw std::bad_array_new_length();
+    void* pv = NSPlatform::AllocateBulkMemory(n * sizeof(T));
+    if (!pv) throw std::bad_alloc();
+    return static_cast<T*>(pv);
+  }
+  void deallocate(T* p, size_t n) noexcept { NSPlatform::FreeBulkMemory(p, n * sizeof(T)); }
+  friend bool operator==(const CBulkAllocator&, const CBulkAllocator&) { return true; }
+};
+
+// Frees a block of bulk memory of cb bytes.
+struct CBulkFree {
+  size_t cb;
+  void operator()(BYTE* pb) const noexcept { NSPlatform::FreeBulkMemory(pb, cb); }
+};
 
 class CRecordExtract : public NSCom::CComObjectRootEx,
                        public NSCom::CComCoClass<CRecordExtract>,
@@ -52,7 +81,7 @@ class CRecordExtract : public NSCom::CComObjectRootEx,
   static constexpr DWORD kcbFrameHeader = 13;
 
   CRecordExtract() = default;
-  ~CRecordExtract() = default;
+  ~CRecordExtract() { Clear(); }
 
   BEGIN_COM_MAP(CRecordExtract)
     COM_INTERFACE_ENTRY(IRecordExtract)
@@ -108,40 +137,51 @@ class CRecordExtract : public NSCom::CComObjectRootEx,
   STDMETHOD(DisconnectObject)(DWORD dwReserved) override;
 
  private:
-  // The data blocks of one frame: m_dwCount buffer records, each owning task memory.
-  class CBuffers {
-   public:
-    CBuffers() = default;
-    explicit CBuffers(std::vector<SFrameBuffer> v) : m_v(std::move(v)) {}
-    CBuffers(CBuffers&& other) noexcept : m_v(std::move(other.m_v)) { other.m_v.clear(); }
-    CBuffers& operator=(CBuffers&& other) noexcept;
-    ~CBuffers() { Free(); }
-    bool Present() const { return !m_v.empty(); }
-    const std::vector<SFrameBuffer>& Get() const { return m_v; }
-    void Free();
-    // Lets go of the blocks without freeing them (their owner keeps them).
-    void Forget() { m_v.clear(); }
-
-   private:
-    std::vector<SFrameBuffer> m_v;
+  // Where a frame's data is. The frame's m_dwCount buffer records are m_vBuffers[iFirst...] unless
+  // it is absent.
+  enum class EData : BYTE {
+    kAbsent,  // still with the source record, read when first needed
+    kOwned,   // one task-memory block per buffer, the frame's own (appended, written or loaded)
+    kShared,  // inside a packet block of m_vBlocks, beside the data of other unmarshaled frames
   };
   struct SFrame {
-    DWORD dwFlags = 0;
-    CBuffers buffers;  // absent until loaded from the source
+    ULONGLONG ullTime;  // the frame time as a tick count
+    DWORD dwFlags;
+    EData eData;
+    size_t iFirst;
   };
-  using CFrameMap = std::map<ULONGLONG, SFrame>;  // by frame time as a tick count
+  // Frames sorted by time, each time once. Frames arrive in time order from the extract operation
+  // and from a packet, so they go on the end; a client's Write before the last frame moves the
+  // entries after it.
+  using CFrames = std::vector<SFrame, CBulkAllocator<SFrame>>;
+  // A block of packet bytes read in place: the data of many unmarshaled frames. Frames are never
+  // dropped one at a time (a time is written once and never rewritten), so a block lives as long
+  // as the frames it backs: until the extract is cleared.
+  using CBlock = std::unique_ptr<BYTE, CBulkFree>;
+
+  CFrames::iterator LowerBound(ULONGLONG ullTime);
+  CFrames::iterator UpperBound(ULONGLONG ullTime);
+  CFrames::iterator Find(ULONGLONG ullTime);
+  SFrameBuffer* BuffersOf(const SFrame& frame) { return m_vBuffers.data() + frame.iFirst; }
+  // Adds a frame at its place with m_dwCount records copied from pRecords (null: absent). On
+  // failure (E_OUTOFMEMORY) nothing is added and the blocks stay with the caller.
+  HRESULT Insert(ULONGLONG ullTime, DWORD dwFlags, EData eData, const SFrameBuffer* pRecords);
+  // Frees every frame's own blocks and the packet blocks, and empties the extract.
+  void Clear();
 
   HRESULT WritePacket(IStream** ppStream, DWORD dwDestCtx);
   HRESULT WriteLocked(FILETIME ftFrame, DWORD dwFlags, const SFrameBuffer* pBuff, DWORD dwCount);
   HRESULT StatisticLocked(FILETIME ftBegin, FILETIME ftEnd, FILETIME ftResolution, const SFrameFilter* pFilter,
                           LONG dwFlags, DWORD* pdwCount, SRecordStatistic** ppRecordStatistic);
   HRESULT ReadPacketLocked(IStream* pStream);
-  HRESULT LoadFrame(ULONGLONG ullTime, SFrame& frame);
+  HRESULT LoadFrame(SFrame& frame);
   HRESULT GetPacket(DWORD dwDestCtx, IStream** ppStream);
   HRESULT Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftFound);
 
   NSSystem::CCriticalSection<0, 4000> m_section;  // guards everything below
-  CFrameMap m_vFrames;
+  CFrames m_vFrames;
+  std::vector<SFrameBuffer, CBulkAllocator<SFrameBuffer>> m_vBuffers;  // records of the frames with data
+  std::vector<CBlock> m_vBlocks;  // the packet blocks shared by unmarshaled frames
   DWORD m_dwCount = 0;
   NSCom::CComPtr<IRecord> m_pSource;  // may be null (an unmarshaled or client-filled extract)
   NSCom::CComPtr<IStream> m_pPacket;  // the marshal cache, built on first use

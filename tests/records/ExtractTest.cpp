@@ -3,6 +3,7 @@
 // through a second process, and the packet stream itself.
 #include <kronvale/KronvaleResults.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 
@@ -359,6 +360,85 @@ TEST(ExtractFramesTest, HostilePacketsAreRefused) {
             vErrors.end());
   EXPECT_NE(std::find(vErrors.begin(), vErrors.end(), W("Extract packet ends at byte 0, 4 bytes short of its next field\n")),
             vErrors.end());
+}
+
+// A packet of many frames, larger than the blocks the receiver reads it in: buffers of every size
+// fall across block ends, and one is larger than a block.
+struct SPacketFrame {
+  FILETIME ft;
+  DWORD dwFlags;
+  std::vector<std::string> vBuffers;  // empty: sent without data
+};
+std::string PacketOf(const std::vector<SPacketFrame>& vFrames, DWORD dwCount) {
+  std::string str = U32(2) + U32(static_cast<DWORD>(vFrames.size())) + U32(dwCount);
+  for (const SPacketFrame& frame : vFrames) {
+    str += Frame(frame.ft, frame.dwFlags, !frame.vBuffers.empty());
+    for (const std::string& strBuffer : frame.vBuffers) str += Buffer(strBuffer);
+  }
+  return str;
+}
+std::vector<SPacketFrame> ManyFrames() {
+  const size_t acbSizes[] = {0, 1, 70000, 300, 255, 4099};
+  std::vector<SPacketFrame> v;
+  for (DWORD i = 0; i < 400; ++i) {
+    const size_t cb = i == 150 ? 5 * 1024 * 1024 + 3 : acbSizes[i % std::size(acbSizes)];
+    std::string strData(cb, '\0');
+    for (size_t k = 0; k < cb; ++k) strData[k] = static_cast<char>('a' + (i * 7 + k) % 26);
+    SPacketFrame frame = {Plus(Ft(2021, 5, 1, 10), i * 40 * kllMs), i};
+    if (i % 50 != 7) frame.vBuffers = {strData, std::to_string(i)};
+    v.push_back(frame);
+  }
+  return v;
+}
+
+// The receiver keeps the packet's bytes in a few large blocks shared by its frames: every frame
+// reads back byte-exact, frames written later sit beside them without disturbing them, and a
+// packet that fails half-way lets go of every block it had read.
+TEST(ExtractFramesTest, ALargePacketReadInBlocksKeepsEveryFrameExact) {
+  std::vector<SPacketFrame> vFrames = ManyFrames();
+  const std::string strPacket = PacketOf(vFrames, 2);
+  ASSERT_GT(strPacket.size(), 9u * 1024 * 1024);
+  for (bool bTellsSize : {true, false}) {
+    NSCom::CComPtr<IRecord> pCopy;
+    std::string strRest;
+    ASSERT_EQ(S_OK, Unmarshal(strPacket + "tail", bTellsSize, &pCopy, &strRest));
+    EXPECT_EQ("tail", strRest);
+    EXPECT_TRUE(strPacket == Packet(pCopy)) << bTellsSize;
+    EXPECT_EQ((std::vector<std::string>{vFrames[150].vBuffers[0], "150"}), ReadFrame(pCopy, vFrames[150].ft, 2));
+
+    // Written frames go before the first, between two, and after the last; a time already held
+    // is refused and its frame keeps its bytes.
+    const SFrameBuffer given[2] = {{reinterpret_cast<BYTE*>(const_cast<char*>("new")), 3},
+                                   {reinterpret_cast<BYTE*>(const_cast<char*>("!")), 1}};
+    std::vector<SPacketFrame> vExpected = vFrames;
+    for (const FILETIME& ft : {Plus(vFrames[0].ft, -1), Plus(vFrames[200].ft, 1), Plus(vFrames.back().ft, 1)}) {
+      ASSERT_EQ(S_OK, pCopy->Write(ft, 9, given, 2));
+      vExpected.push_back({ft, 9, {"new", "!"}});
+    }
+    NSTest::CLogCapture capture;
+    EXPECT_EQ(khrAlreadyExists, pCopy->Write(vFrames[151].ft, 9, given, 2));
+    std::sort(vExpected.begin(), vExpected.end(),
+              [](const SPacketFrame& a, const SPacketFrame& b) { return U(a.ft) < U(b.ft); });
+    EXPECT_TRUE(PacketOf(vExpected, 2) == Packet(pCopy)) << bTellsSize;
+  }
+
+  // The last frame lies: everything read before it goes (the sanitizer builds see any block kept).
+  std::string strBad = strPacket;
+  strBad[strBad.size() - Buffer("399").size() - Buffer(vFrames[399].vBuffers[0]).size() - 1] = '\2';
+  NSTest::CLogCapture capture;
+  NSCom::CComPtr<IRecord> p;
+  EXPECT_EQ(khrInvalidData, Unmarshal(strBad, true, &p));
+  EXPECT_EQ(khrInvalidData, Unmarshal(strBad, false, &p));
+  EXPECT_EQ(khrReadFault, Unmarshal(strPacket.substr(0, strPacket.size() - 2), false, &p));
+
+  // A packet without data keeps no block and still leaves the stream just after itself.
+  const std::vector<SPacketFrame> vNone, vHollow = {{vFrames[0].ft, 1, {}}};
+  for (const std::string& strHollow : {PacketOf(vNone, 1), PacketOf(vHollow, 1)}) {
+    std::string strRest;
+    NSCom::CComPtr<IRecord> pHollow;
+    ASSERT_EQ(S_OK, Unmarshal(strHollow + "tail", true, &pHollow, &strRest));
+    EXPECT_EQ("tail", strRest);
+  }
 }
 
 // ---- Across processes ------------------------------------------------------------------------------
