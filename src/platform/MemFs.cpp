@@ -31,6 +31,17 @@ HRESULT Fail(DWORD dwError) {
   return KvHResultFromWin32(dwError);
 }
 
+// The fault seam's answer for an operation on strPath: true, with the failure in *phr, when it
+// injects one.
+bool InjectedFault(NSFault::EOp eOp, const WString& strPath, HRESULT* phr) {
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (!NSFault::Intercept(eOp, strPath, nullptr, &dwInjected)) return false;
+  *phr = Fail(dwInjected);
+  return true;
+}
+
+WString PathText(const WCHAR* pszPath) { return pszPath ? WString(pszPath) : WString(); }
+
 struct SOpenFile;
 
 struct SNode {
@@ -127,6 +138,16 @@ WString NameOf(const WCHAR* pszPath) {
   size_t i = str.size();
   while (i > 0 && !IsPathSeparator(str[i - 1])) --i;
   return str.substr(i);
+}
+
+// A new node under strKey, made and written now (the caller holds g_mutex).
+TNodePtr AddNode(const WString& strKey, const WString& strName, bool bDirectory) {
+  auto pNode = std::make_shared<SNode>();
+  pNode->bDirectory = bDirectory;
+  pNode->strName = strName;
+  pNode->ullCreated = pNode->ullWritten = Now();
+  g_pState->mapNodes.emplace(strKey, pNode);
+  return pNode;
 }
 
 // The node at a key; null for a root and for a missing path.
@@ -295,11 +316,7 @@ HRESULT CopyNode(const WString& strFromKey, const TNodePtr& pFrom, const WString
   TNodePtr pTo = Find(strToKey);
   if (pFrom->bDirectory) {
     if (!pTo) {
-      pTo = std::make_shared<SNode>();
-      pTo->bDirectory = true;
-      pTo->strName = strName;
-      pTo->ullCreated = pTo->ullWritten = Now();
-      g_pState->mapNodes.emplace(strToKey, pTo);
+      pTo = AddNode(strToKey, strName, true);
       Changed();
     } else if (!pTo->bDirectory) {
       return Fail(ERROR_ALREADY_EXISTS);
@@ -353,11 +370,7 @@ void Install(ULONGLONG ullCapacity) {
   // The temporary directory exists, as it does on every machine.
   WString strKey = KeyOf(strTemp.c_str());
   while (!strKey.empty() && !IsRootKey(strKey)) {
-    auto pNode = std::make_shared<SNode>();
-    pNode->bDirectory = true;
-    pNode->strName = NameOf(strKey.c_str());
-    pNode->ullCreated = pNode->ullWritten = Now();
-    g_pState->mapNodes.emplace(strKey, pNode);
+    AddNode(strKey, NameOf(strKey.c_str()), true);
     strKey = ParentKey(strKey);
   }
 }
@@ -447,8 +460,8 @@ HRESULT Reboot(SCutStats* pStats) {
 HRESULT Open(const WString& strPath, DWORD dwAccess, DWORD dwShare, DWORD dwCreation, DWORD dwFlagsAndAttributes,
              bool* pbExisted, void** ppFile) {
   if (pbExisted) *pbExisted = false;
-  DWORD dwInjected = ERROR_SUCCESS;
-  if (NSFault::Intercept(NSFault::EOp::Open, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  HRESULT hrInjected;
+  if (InjectedFault(NSFault::EOp::Open, strPath, &hrInjected)) return hrInjected;
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   bool bMayCreate = false, bMustCreate = false, bTruncate = false;
   switch (dwCreation) {
@@ -485,11 +498,8 @@ HRESULT Open(const WString& strPath, DWORD dwAccess, DWORD dwShare, DWORD dwCrea
   } else {
     if (!bMayCreate && !bMustCreate) return Fail(MissingError(strKey));
     if (!IsExistingDirectory(ParentKey(strKey))) return Fail(ERROR_PATH_NOT_FOUND);
-    pNode = std::make_shared<SNode>();
-    pNode->strName = NameOf(strPath.c_str());
+    pNode = AddNode(strKey, NameOf(strPath.c_str()), false);
     pNode->bReadOnly = (dwFlagsAndAttributes & FILE_ATTRIBUTE_READONLY) != 0;
-    pNode->ullCreated = pNode->ullWritten = Now();
-    g_pState->mapNodes.emplace(strKey, pNode);
     Changed();
   }
   auto* pOpen = new SOpenFile{pNode, strPath, dwAccess, dwShare, bDelete,
@@ -534,8 +544,8 @@ HRESULT Read(void* pFile, void* pv, DWORD cb, DWORD* pcbRead) {
 HRESULT ReadAt(void* pFile, ULONGLONG ullOffset, void* pv, DWORD cb, DWORD* pcbRead) {
   if (pcbRead) *pcbRead = 0;
   SOpenFile& open = OpenOf(pFile);
-  DWORD dwInjected = ERROR_SUCCESS;
-  if (NSFault::Intercept(NSFault::EOp::Read, open.strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  HRESULT hrInjected;
+  if (InjectedFault(NSFault::EOp::Read, open.strPath, &hrInjected)) return hrInjected;
   if (!(open.dwAccess & GENERIC_READ)) return Fail(ERROR_ACCESS_DENIED);
   if (ullOffset > static_cast<ULONGLONG>(LLONG_MAX)) return Fail(ERROR_INVALID_PARAMETER);
   if (cb != 0 && !pv) return Fail(ERROR_NOACCESS);
@@ -663,8 +673,8 @@ HRESULT SetEndOfFile(void* pFile) {
 
 HRESULT Flush(void* pFile) {
   SOpenFile& open = OpenOf(pFile);
-  DWORD dwInjected = ERROR_SUCCESS;
-  if (NSFault::Intercept(NSFault::EOp::Flush, open.strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  HRESULT hrInjected;
+  if (InjectedFault(NSFault::EOp::Flush, open.strPath, &hrInjected)) return hrInjected;
   if (!(open.dwAccess & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
   std::lock_guard<std::mutex> lock(g_mutex);
   Changed();
@@ -717,8 +727,8 @@ HRESULT Map(void* pFile, void** ppMapping, void** ppView, ULONGLONG* pullSize) {
 
 HRESULT FlushMapping(void* pMapping) {
   SMapping& mapping = *static_cast<SMapping*>(pMapping);
-  DWORD dwInjected = ERROR_SUCCESS;
-  if (NSFault::Intercept(NSFault::EOp::Flush, mapping.strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  HRESULT hrInjected;
+  if (InjectedFault(NSFault::EOp::Flush, mapping.strPath, &hrInjected)) return hrInjected;
   std::lock_guard<std::mutex> lock(g_mutex);
   Changed();
   if (!g_pState->bCut) MarkDurable(*mapping.pNode);
@@ -739,10 +749,8 @@ void Unmap(void* pMapping) {
 // ---------------------------------------------------------------------------------------------
 
 HRESULT RemoveFile(const WCHAR* pszPath) {
-  DWORD dwInjected = ERROR_SUCCESS;
-  if (NSFault::Intercept(NSFault::EOp::Directory, pszPath ? WString(pszPath) : WString(), nullptr, &dwInjected)) {
-    return Fail(dwInjected);
-  }
+  HRESULT hrInjected;
+  if (InjectedFault(NSFault::EOp::Directory, PathText(pszPath), &hrInjected)) return hrInjected;
   const WString strKey = KeyOf(pszPath);
   if (strKey.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   std::lock_guard<std::mutex> lock(g_mutex);
@@ -754,10 +762,8 @@ HRESULT RemoveFile(const WCHAR* pszPath) {
 }
 
 HRESULT RenameFile(const WCHAR* pszFrom, const WCHAR* pszTo) {
-  DWORD dwInjected = ERROR_SUCCESS;
-  if (NSFault::Intercept(NSFault::EOp::Directory, pszFrom ? WString(pszFrom) : WString(), nullptr, &dwInjected)) {
-    return Fail(dwInjected);
-  }
+  HRESULT hrInjected;
+  if (InjectedFault(NSFault::EOp::Directory, PathText(pszFrom), &hrInjected)) return hrInjected;
   const WString strFrom = KeyOf(pszFrom), strTo = KeyOf(pszTo);
   if (strFrom.empty() || strTo.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   std::lock_guard<std::mutex> lock(g_mutex);
@@ -813,10 +819,7 @@ HRESULT CreateTempFile(const WCHAR* pszDirectory, const WCHAR* pszPrefix, WStrin
     const WString strCandidate = strBase + Utf8ToWide(szName);
     const WString strKey = KeyOf(strCandidate.c_str());
     if (Find(strKey)) continue;
-    auto pNode = std::make_shared<SNode>();
-    pNode->strName = NameOf(strCandidate.c_str());
-    pNode->ullCreated = pNode->ullWritten = Now();
-    g_pState->mapNodes.emplace(strKey, pNode);
+    AddNode(strKey, NameOf(strCandidate.c_str()), false);
     Changed();
     return GetFullPath(strCandidate.c_str(), pstrPath);
   }
@@ -841,10 +844,8 @@ HRESULT GetAttributes(const WCHAR* pszPath, DWORD* pdwAttributes) {
 }
 
 HRESULT SetAttributes(const WCHAR* pszPath, DWORD dwAttributes) {
-  DWORD dwInjected = ERROR_SUCCESS;
-  if (NSFault::Intercept(NSFault::EOp::Directory, pszPath ? WString(pszPath) : WString(), nullptr, &dwInjected)) {
-    return Fail(dwInjected);
-  }
+  HRESULT hrInjected;
+  if (InjectedFault(NSFault::EOp::Directory, PathText(pszPath), &hrInjected)) return hrInjected;
   const WString strKey = KeyOf(pszPath);
   if (strKey.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   std::lock_guard<std::mutex> lock(g_mutex);
@@ -856,28 +857,22 @@ HRESULT SetAttributes(const WCHAR* pszPath, DWORD dwAttributes) {
 }
 
 HRESULT CreateDir(const WCHAR* pszPath) {
-  DWORD dwInjected = ERROR_SUCCESS;
-  if (NSFault::Intercept(NSFault::EOp::Directory, pszPath ? WString(pszPath) : WString(), nullptr, &dwInjected)) {
-    return Fail(dwInjected);
-  }
+  HRESULT hrInjected;
+  if (InjectedFault(NSFault::EOp::Directory, PathText(pszPath), &hrInjected)) return hrInjected;
   const WString strKey = KeyOf(pszPath);
   if (strKey.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   std::lock_guard<std::mutex> lock(g_mutex);
   if (IsRootKey(strKey) || Find(strKey)) return Fail(ERROR_ALREADY_EXISTS);
   if (!IsExistingDirectory(ParentKey(strKey))) return Fail(ERROR_PATH_NOT_FOUND);
-  auto pNode = std::make_shared<SNode>();
-  pNode->bDirectory = true;
-  pNode->strName = NameOf(pszPath);
-  pNode->ullCreated = pNode->ullWritten = Now();
-  g_pState->mapNodes.emplace(strKey, pNode);
+  AddNode(strKey, NameOf(pszPath), true);
   Changed();
   return S_OK;
 }
 
 HRESULT CreateDirTree(const WCHAR* pszPath) {
-  DWORD dwInjected = ERROR_SUCCESS;
-  const WString strPath = pszPath ? WString(pszPath) : WString();
-  if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  const WString strPath = PathText(pszPath);
+  HRESULT hrInjected;
+  if (InjectedFault(NSFault::EOp::Directory, strPath, &hrInjected)) return hrInjected;
   // SHCreateDirectoryExW takes full paths only.
   if (!IsFullPath(strPath)) return Fail(ERROR_BAD_PATHNAME);
   const WString strKey = KeyOf(strPath.c_str());
@@ -896,21 +891,15 @@ HRESULT CreateDirTree(const WCHAR* pszPath) {
   const WString strNames = CanonicalizePath(strPath);
   for (size_t i = 0; i < vMissing.size(); ++i) {
     const WString& strMissing = vMissing[vMissing.size() - 1 - i];
-    auto pNode = std::make_shared<SNode>();
-    pNode->bDirectory = true;
-    pNode->strName = NameOf(strNames.substr(0, strMissing.size()).c_str());
-    pNode->ullCreated = pNode->ullWritten = Now();
-    g_pState->mapNodes.emplace(strMissing, pNode);
+    AddNode(strMissing, NameOf(strNames.substr(0, strMissing.size()).c_str()), true);
     Changed();
   }
   return S_OK;
 }
 
 HRESULT RemoveDir(const WCHAR* pszPath) {
-  DWORD dwInjected = ERROR_SUCCESS;
-  if (NSFault::Intercept(NSFault::EOp::Directory, pszPath ? WString(pszPath) : WString(), nullptr, &dwInjected)) {
-    return Fail(dwInjected);
-  }
+  HRESULT hrInjected;
+  if (InjectedFault(NSFault::EOp::Directory, PathText(pszPath), &hrInjected)) return hrInjected;
   const WString strKey = KeyOf(pszPath);
   if (strKey.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   std::lock_guard<std::mutex> lock(g_mutex);
@@ -926,11 +915,8 @@ HRESULT RemoveDir(const WCHAR* pszPath) {
 HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, const WCHAR* pszSpec) {
   if (!pvEntries) return Fail(ERROR_INVALID_PARAMETER);
   pvEntries->clear();
-  DWORD dwInjected = ERROR_SUCCESS;
-  if (NSFault::Intercept(NSFault::EOp::Directory, pszDirectory ? WString(pszDirectory) : WString(), nullptr,
-                        &dwInjected)) {
-    return Fail(dwInjected);
-  }
+  HRESULT hrInjected;
+  if (InjectedFault(NSFault::EOp::Directory, PathText(pszDirectory), &hrInjected)) return hrInjected;
   const WString strKey = KeyOf(pszDirectory);
   if (strKey.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   std::lock_guard<std::mutex> lock(g_mutex);
@@ -1000,11 +986,7 @@ HRESULT CopyTree(const WCHAR* pszFrom, const WCHAR* pszTo) {
       vMissing.push_back(str);
     }
     for (auto it = vMissing.rbegin(); it != vMissing.rend(); ++it) {
-      auto pNode = std::make_shared<SNode>();
-      pNode->bDirectory = true;
-      pNode->strName = NameOf(it->c_str());
-      pNode->ullCreated = pNode->ullWritten = Now();
-      g_pState->mapNodes.emplace(*it, pNode);
+      AddNode(*it, NameOf(it->c_str()), true);
     }
     if (!IsExistingDirectory(ParentKey(strTo))) return Fail(ERROR_PATH_NOT_FOUND);
   }
