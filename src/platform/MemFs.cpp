@@ -3,6 +3,7 @@
 //
 // One lock guards the tree, every file's bytes and every open's state; a mapping's view is the
 // file's own vector, stored to by its owner without the lock, as a real view is.
+#include "platform/Disposition.h"
 #include "platform/MemFs.h"
 
 #include <algorithm>
@@ -463,18 +464,10 @@ HRESULT Open(const WString& strPath, DWORD dwAccess, DWORD dwShare, DWORD dwCrea
   HRESULT hrInjected;
   if (InjectedFault(NSFault::EOp::Open, strPath, &hrInjected)) return hrInjected;
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
-  bool bMayCreate = false, bMustCreate = false, bTruncate = false;
-  switch (dwCreation) {
-    case CREATE_NEW: bMustCreate = true; break;
-    case CREATE_ALWAYS: bMayCreate = bTruncate = true; break;
-    case OPEN_EXISTING: break;
-    case OPEN_ALWAYS: bMayCreate = true; break;
-    case TRUNCATE_EXISTING:
-      if (!(dwAccess & GENERIC_WRITE)) return Fail(ERROR_INVALID_PARAMETER);
-      bTruncate = true;
-      break;
-    default: return Fail(ERROR_INVALID_PARAMETER);
-  }
+  SDisposition disposition;
+  if (!DecodeDisposition(dwCreation, dwAccess, &disposition)) return Fail(ERROR_INVALID_PARAMETER);
+  const bool bMayCreate = disposition.bMayCreate, bMustCreate = disposition.bMustCreate,
+             bTruncate = disposition.bTruncate;
   const bool bDelete = (dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0;
   const WString strKey = KeyOf(strPath.c_str());
 

@@ -24,6 +24,7 @@
 #include <map>
 #include <mutex>
 
+#include "platform/Disposition.h"
 #include "platform/MemFs.h"
 #include "platform/posix/Errno.h"
 
@@ -174,18 +175,10 @@ HRESULT CFile::Open(const WCHAR* pszPath, DWORD dwAccess, DWORD dwShare, DWORD d
   if (NSFault::Intercept(NSFault::EOp::Open, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
 
-  bool bMayCreate = false, bMustCreate = false, bTruncate = false;
-  switch (dwCreation) {
-    case CREATE_NEW: bMustCreate = true; break;
-    case CREATE_ALWAYS: bMayCreate = bTruncate = true; break;
-    case OPEN_EXISTING: break;
-    case OPEN_ALWAYS: bMayCreate = true; break;
-    case TRUNCATE_EXISTING:
-      if (!(dwAccess & GENERIC_WRITE)) return Fail(ERROR_INVALID_PARAMETER);
-      bTruncate = true;
-      break;
-    default: return Fail(ERROR_INVALID_PARAMETER);
-  }
+  SDisposition disposition;
+  if (!DecodeDisposition(dwCreation, dwAccess, &disposition)) return Fail(ERROR_INVALID_PARAMETER);
+  const bool bMayCreate = disposition.bMayCreate, bMustCreate = disposition.bMustCreate,
+             bTruncate = disposition.bTruncate;
   const bool bDelete = (dwFlagsAndAttributes & FILE_FLAG_DELETE_ON_CLOSE) != 0;
   const std::string strNative = WideToUtf8(strPath);
   int nFlags = O_CLOEXEC;
