@@ -56,6 +56,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -238,6 +239,32 @@ T&& RecordResult(const char* pszName, T&& value) noexcept {
   return std::forward<T>(value);
 }
 
+// Whether a check's expression text names a value recorder.
+constexpr bool RecordsValues(std::string_view svExpression) noexcept {
+  for (std::string_view svRecorder : {"KV_AR(", "KV_TR(", "KV_ARE(", "RecordValue(", "RecordResult("}) {
+    if (svExpression.find(svRecorder) != std::string_view::npos) return true;
+  }
+  return false;
+}
+
+// Answers bPassed; when it is false, reports the check that failed.
+inline bool Checked(bool bPassed, const SLocation& location, const char* pszText, const WCHAR* pszCategory) noexcept {
+  if (!bPassed) CCheck(location, pszText, pszCategory).Fail();
+  return bPassed;
+}
+
+// Answers whether hr is a success; a failure is reported as its KV_VERIFY(SUCCEEDED(KV_ARE(hr)))
+// would report it, with the value of hr recorded under pszName.
+inline bool CheckedResult(HRESULT hr, const SLocation& location, const char* pszText, const char* pszName) noexcept {
+  if (SUCCEEDED(hr)) return true;
+  CCheck check(location, pszText);
+  CCheck::SItem item = MakeItem("_ARE(", pszName, hr);
+  item.eKind = CCheck::EKind::HResult;
+  check.Add(item);
+  check.Fail();
+  return false;
+}
+
 }  // namespace NSDetail
 
 // Raises the module's exception carrying E_OUTOFMEMORY. Not reported through the log.
@@ -278,22 +305,31 @@ inline constexpr NSReport::SFunctionName kv_reportFunctionName{nullptr};
 
 // ---- Checks (expressions answering whether expr held) ---------------------------------------------
 
+// A check whose expression records values (KV_AR, KV_TR, KV_ARE) is made before the expression is
+// evaluated, so that the values land in it. Any other expression is evaluated first and its check
+// made only when it failed: a check that holds, the common case on every read path, then costs
+// nothing beyond its condition. The report of a failure is the same either way.
+#define KV_CHECK_EXPRESSION(expr, text, category)                                                   \
+  (std::integral_constant<bool, ::NSReport::NSDetail::RecordsValues(#expr)>::value                   \
+       ? ::NSReport::CCheck(KV_HERE, text, category).Verify(static_cast<bool>(expr))                 \
+       : ::NSReport::NSDetail::Checked(static_cast<bool>(expr), KV_HERE, text, category))
+
 // Result check: KV_VERIFY(SUCCEEDED(KV_ARE(hr))). Any condition may be verified.
-#define KV_VERIFY(expr) (::NSReport::CCheck(KV_HERE, #expr "\n").Verify(static_cast<bool>(expr)))
+#define KV_VERIFY(expr) KV_CHECK_EXPRESSION(expr, #expr "\n", ::NSReport::kszCategoryCheck)
 // Invariant check; reported the same way.
-#define KV_ASSERT(expr) (::NSReport::CCheck(KV_HERE, #expr "\n").Verify(static_cast<bool>(expr)))
+#define KV_ASSERT(expr) KV_CHECK_EXPRESSION(expr, #expr "\n", ::NSReport::kszCategoryCheck)
 // A check with its report text given in full (a narrow literal, normally ending in "\n"). Its text
 // is frozen: it is the system's promised text, and it often names a variable of an older spelling
 // of the code ("pftPrevFrameTime\n" where the output is pftOutFrameTime). Keep it as it stands.
-#define KV_ASSERT_TEXT(expr, text) (::NSReport::CCheck(KV_HERE, text).Verify(static_cast<bool>(expr)))
+#define KV_ASSERT_TEXT(expr, text) KV_CHECK_EXPRESSION(expr, text, ::NSReport::kszCategoryCheck)
 // KV_VERIFY(SUCCEEDED(KV_ARE(hr))) for an HRESULT variable: answers whether hr is a success.
-#define KV_SUCCEEDED(hr) KV_VERIFY(SUCCEEDED(KV_ARE(hr)))
+// The same as KV_VERIFY(SUCCEEDED(KV_ARE(hr))), with the check made only for a failure.
+#define KV_SUCCEEDED(hr) ::NSReport::NSDetail::CheckedResult((hr), KV_HERE, "SUCCEEDED(KV_ARE(" #hr "))\n", #hr)
 // Reports hr when it is a failure ("SUCCEEDED(_ARE(hr))\n" with its value), for a caller that goes
 // on or answers hr either way.
 #define KV_REPORT_IF_FAILED(hr) static_cast<void>(KV_SUCCEEDED(hr))
 // A check reported with the category "ATLVERIFY" and the expression's text without a newline.
-#define KV_ATLVERIFY(expr) \
-  (::NSReport::CCheck(KV_HERE, #expr, ::NSReport::kszCategoryAtlVerify).Verify(static_cast<bool>(expr)))
+#define KV_ATLVERIFY(expr) KV_CHECK_EXPRESSION(expr, #expr, ::NSReport::kszCategoryAtlVerify)
 
 // Evaluates expr (an HRESULT) once; a failure is reported as "SUCCEEDED(_ARE(hr))\n" with its
 // value and returned from the enclosing function.
