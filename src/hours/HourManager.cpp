@@ -850,6 +850,26 @@ HRESULT CHourManager::GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* p
                                  bool bIncludeStart, bool bForward) {
   KV_CHECK_POINTER(pftFound);
   KV_HOUR_LOCK(E_FAIL);
+  return GetSiblingLocked(st, pFilter, pftFound, bIncludeStart, bForward);
+}
+
+HRESULT CHourManager::StepFrom(const SYSTEMTIME& st, const SHourFrameFilter* pFilter, FILETIME* pftFound,
+                               bool bIncludeStart, bool bForward) {
+  KV_CHECK_POINTER(pftFound);
+  KV_HOUR_LOCK(E_FAIL);
+  if (HashOpen() && m_descriptor.IsOpen()) RefreshIfGrownLocked();
+  if (pFilter) {
+    const DWORD dwHourMask =
+        HashOpen() && HasCopy() && SlotInHour(st)
+            ? FlagMask(Pages(offsetof(SHashFile, vHourFlagCounters), kcFlagBits * sizeof(DWORD)).vHourFlagCounters)
+            : 0;
+    if (!Matches(*pFilter, dwHourMask)) return khrNotFound;
+  }
+  return GetSiblingLocked(st, pFilter, pftFound, bIncludeStart, bForward);
+}
+
+HRESULT CHourManager::GetSiblingLocked(const SYSTEMTIME& st, const SHourFrameFilter* pFilter, FILETIME* pftFound,
+                                       bool bIncludeStart, bool bForward) {
   m_dwLastAccess = static_cast<DWORD>(NSPlatform::GetTickCount64());
   if (!KV_ASSERT_TEXT(HashOpen() && HasCopy() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   if (!SlotInHour(st)) return E_INVALIDARG;

@@ -140,6 +140,11 @@ class CHourManager {
   // skipped. 0x80070490 when the hour holds no such frame.
   HRESULT GetSibling(const SYSTEMTIME& st, const SHourFrameFilter* pFilter, FILETIME* pftFound, bool bIncludeStart,
                      bool bForward);
+  // A record's step through this hour, under one hold of the lock: the copy is refreshed when the
+  // hour grew (RefreshIfGrown), an hour whose flag union does not pass pFilter answers 0x80070490
+  // at once, and any other is searched as by GetSibling.
+  HRESULT StepFrom(const SYSTEMTIME& st, const SHourFrameFilter* pFilter, FILETIME* pftFound, bool bIncludeStart,
+                   bool bForward);
   // Refreshes the private copy, then describes the hour; S_FALSE (times 0) when no slot is occupied.
   HRESULT GetStatistic(SHourStatistic* pStatistic);
   // Bit b set when a frame with flag bit b lies in the second, minute or hour of st. Any other level
@@ -211,6 +216,8 @@ class CHourManager {
   // bWhole: the copy is taken whole from the view, whatever it showed before.
   void RefreshLocked(bool bWhole = false);
   bool RefreshIfGrownLocked(bool bAskAnyway = false);  // true when the copy was refreshed
+  HRESULT GetSiblingLocked(const SYSTEMTIME& st, const SHourFrameFilter* pFilter, FILETIME* pftFound,
+                           bool bIncludeStart, bool bForward);
   bool RefreshAppended(ULONGLONG ullFrom, ULONGLONG ullTo);
   bool LastEntryShown(ULONGLONG ullDescriptorSize);
   bool IsCorruptedLocked();

@@ -558,8 +558,7 @@ HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, F
       HRESULT hr = GetHourManager(strHourPath, false, &pHour);
       if (!KV_SUCCEEDED(hr)) return hr;
     }
-    if (pHour) pHour->RefreshIfGrown();
-    if (!bSkip && (!pFilter || Passes(pFilter, pHour->GetFlagMask(NSHours::eflHour, st)))) {
+    if (pHour) {
       SYSTEMTIME stFrom = st;
       if (!bExact) {
         if (bForward) {
@@ -570,7 +569,7 @@ HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, F
         }
       }
       FILETIME ftFound;
-      const HRESULT hr = pHour->GetSibling(stFrom, HourFilter(pFilter), &ftFound, !bExact, bForward);
+      const HRESULT hr = pHour->StepFrom(stFrom, HourFilter(pFilter), &ftFound, !bExact, bForward);
       if (SUCCEEDED(hr)) {
         *pftFound = ftFound;
         return S_OK;
