@@ -405,12 +405,15 @@ int main() {
     WriteData(archive);
   }
   {
+    // $KRONVALE_READ_BENCH_ONLY, a list of section numbers ("14"), runs only those sections.
+    const char* pszOnly = std::getenv("KRONVALE_READ_BENCH_ONLY");
+    const auto Runs = [pszOnly](char c) { return !pszOnly || !*pszOnly || std::strchr(pszOnly, c); };
     CArchive archive(strArchive);
-    BenchRandomReads(archive);
-    BenchScans(archive);
-    BenchDense(archive);
-    BenchSparse(archive);
-    BenchStatistic(archive);
+    if (Runs('1')) BenchRandomReads(archive);
+    if (Runs('2')) BenchScans(archive);
+    if (Runs('3')) BenchDense(archive);
+    if (Runs('4')) BenchSparse(archive);
+    if (Runs('5')) BenchStatistic(archive);
   }
   if (!bKeep) NSKronvaleUtils::DeleteFileSystemObject(strRoot);
   return 0;
