@@ -96,6 +96,7 @@ SHourSnapshot CHourManager::CloseToSnapshot() {
   if (HashOpen() && m_pHashCopy && m_ullRefreshedSize) {
     snapshot.ullDescriptorSize = m_ullRefreshedSize;
     snapshot.ullEpoch = m_ullOpenEpoch;
+    snapshot.bSettled = m_bCopySettled;
     snapshot.pHash = std::move(m_pHashCopy);
   }
   CloseLocked();
@@ -106,6 +107,11 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pS
   KV_FUNC("CHourManager::Open");
   // Taken before any file is looked at: a change that ends after this makes the copy out of date.
   m_ullOpenEpoch = NSKronvaleUtils::HourChangeEpoch();
+  // Likewise before any file is looked at: a copy taken from here on is settled when the hour had
+  // already ended an hour ago.
+  const bool bSettledNow = !bCreate && EndedAnHourAgo();
+  const ULONGLONG ullAppends = g_ullAppends.load(std::memory_order_acquire);
+  m_bCopySettled = false;
   // 1. The directory, with every missing parent.
   if (!NSPlatform::IsDirectory(m_strPath.c_str())) {
     if (!bCreate) return KvHResultFromWin32(ERROR_FILE_NOT_FOUND);
@@ -130,9 +136,12 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pS
     if (pSnapshot->ullEpoch == m_ullOpenEpoch && ullShown <= m_ullDescriptorSize) {
       m_ullRefreshedSize = ullShown;
       // The hour as the snapshot left it: the view is mapped only when a refresh needs it. Its last
-      // frame is read again (see RefreshLocked), in a few small reads.
-      if (ullShown == m_ullDescriptorSize && RereadLastFrame()) {
+      // frame is read again (see RefreshLocked), in a few small reads, unless the copy was already
+      // settled when it was taken or last looked at.
+      if (ullShown == m_ullDescriptorSize && (pSnapshot->bSettled || RereadLastFrame())) {
         m_ullPagesAt = ullShown;
+        m_bCopySettled = pSnapshot->bSettled || bSettledNow;
+        Settle(bSettledNow, ullAppends);
         return S_OK;
       }
       // Otherwise only the frames appended since the snapshot are copied in (with the last one it
@@ -152,7 +161,25 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pS
   m_ullPagesAt = m_ullDescriptorSize;
   m_ullRefreshedSize = LastEntryShown(m_ullDescriptorSize) ? m_ullDescriptorSize : 0;
   if (!m_ullRefreshedSize) m_ullPagesAt = 0;
+  m_bCopySettled = bSettledNow;
+  Settle(bSettledNow, ullAppends);
   return S_OK;
+}
+
+// An hour opened after it ended more than an hour ago, whose copy shows every listed frame, is as
+// RefreshIfGrown leaves it when it found the hour unchanged: settled, with the appends counted
+// before its size was taken.
+void CHourManager::Settle(bool bEndedAnHourAgo, ULONGLONG ullAppends) {
+  m_bSettled = bEndedAnHourAgo && !m_bWritable && m_ullRefreshedSize && m_ullRefreshedSize == m_ullDescriptorSize &&
+               m_ullPagesAt == m_ullRefreshedSize;
+  m_ullAppendsSeen = ullAppends;
+}
+
+bool CHourManager::EndedAnHourAgo() {
+  FILETIME ftNow;
+  NSPlatform::GetUtcFileTime(&ftNow);
+  const ULONGLONG ullStart = NSPlatform::FileTimeToU64(GetHourStart());
+  return ullStart && ullStart + 2 * NSKronvaleUtils::kullTicksPerHour <= NSPlatform::FileTimeToU64(ftNow);
 }
 
 // The last listed frame's slot and the flag counters it counts in, from descriptor.alh's bytes
@@ -312,6 +339,7 @@ HRESULT CHourManager::Refresh() {
 void CHourManager::RefreshLocked(bool bWhole) {
   if (!HashOpen() || !m_pHashCopy || FAILED(MapView())) return;
   DropWindows();
+  m_bCopySettled = false;
   ULONGLONG ullSize = 0;
   const bool bSized = m_descriptor.IsOpen() && SUCCEEDED(m_descriptor.GetSize(&ullSize));
   // The last frame the copy showed is copied again with the new ones: a writer in this process (or
@@ -360,7 +388,9 @@ const SHashFile& CHourManager::LoadPages(DWORD dwOffset, DWORD cb) {
     p = pEnd;
   }
   // A frame appended since the size was taken may be in what was just read: the pages then do
-  // not show what the rest shows, and the copy is taken whole.
+  // not show what the rest shows, and the copy is taken whole. A settled hour has had no append
+  // while no writer of this process appended anything.
+  if (m_bSettled && g_ullAppends.load(std::memory_order_acquire) == m_ullAppendsSeen) return copy.hash;
   ULONGLONG ullSize = 0;
   if (!m_descriptor.IsOpen() || FAILED(m_descriptor.GetSize(&ullSize)) || ullSize != m_ullPagesAt) TakeWholeCopy();
   return copy.hash;
@@ -371,6 +401,7 @@ const SHashFile& CHourManager::LoadPages(DWORD dwOffset, DWORD cb) {
 void CHourManager::TakeWholeCopy() {
   SHashCopy& copy = *m_pHashCopy;
   DropWindows();
+  m_bCopySettled = false;
   m_ullPagesAt = 0;
   m_ullRefreshedSize = 0;
   if (SUCCEEDED(MapView())) {

@@ -83,10 +83,14 @@ struct SHashCopy {
 // of the 1.5 MB hash file: the copy (the pages taken so far), the size of descriptor.ald whose every
 // frame it shows, and the hour-change epoch (NSKronvaleUtils::HourChangeEpoch) of the open it was
 // taken under. Memory only: it holds no file, so nothing stops the hour from being deleted.
+// bSettled: the copy was taken (or its last frame read again) after the hour had ended more than
+// an hour earlier, when no writer can be half-way through an append to it; such a copy needs no
+// second look at its last frame while descriptor.ald keeps its size.
 struct SHourSnapshot {
   std::unique_ptr<SHashCopy> pHash;
   ULONGLONG ullDescriptorSize = 0;
   ULONGLONG ullEpoch = 0;
+  bool bSettled = false;
 };
 
 // Levels of GetFlagMask.
@@ -216,6 +220,8 @@ class CHourManager {
   // bWhole: the copy is taken whole from the view, whatever it showed before.
   void RefreshLocked(bool bWhole = false);
   bool RefreshIfGrownLocked(bool bAskAnyway = false);  // true when the copy was refreshed
+  bool EndedAnHourAgo();  // the hour ended more than an hour before now
+  void Settle(bool bEndedAnHourAgo, ULONGLONG ullAppends);
   HRESULT GetSiblingLocked(const SYSTEMTIME& st, const SHourFrameFilter* pFilter, FILETIME* pftFound,
                            bool bIncludeStart, bool bForward);
   bool RefreshAppended(ULONGLONG ullFrom, ULONGLONG ullTo);
@@ -307,6 +313,9 @@ class CHourManager {
   // had made m_ullAppendsSeen appends.
   bool m_bSettled = false;
   ULONGLONG m_ullAppendsSeen = 0;
+  // The private copy was taken, or its last frame read again, once the hour had ended more than an
+  // hour earlier (SHourSnapshot::bSettled).
+  bool m_bCopySettled = false;
   // Every member above is guarded by this lock, which the record owns.
   NSSystem::ILockPtr m_pLock;
 };

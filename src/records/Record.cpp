@@ -233,7 +233,7 @@ bool CRecord::InCurrentHour(ULONGLONG ullTime, SYSTEMTIME* pst) const {
   return true;
 }
 
-HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourPtr* ppHour) {
+HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourPtr* ppHour, bool bSeen) {
   KV_FUNC("CRecord::GetHourManager");
   NSSystem::CLockGuard guard(*m_pLock);
   if (m_pCurrentHour && strHourPath == m_strCurrentHourPath) {
@@ -246,7 +246,7 @@ HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourP
   const WString strDirectory = HourDirectory(strHourPath);
   bool bRepaired = false;
   for (;;) {
-    const bool bExisted = NSPlatform::IsDirectory(strDirectory.c_str());
+    const bool bExisted = (bSeen && !bRepaired) || NSPlatform::IsDirectory(strDirectory.c_str());
     if (!bExisted && !bCreate) return khrFileNotFound;
     HRESULT hr;
     const auto itCached = std::find_if(m_vCachedHours.begin(), m_vCachedHours.end(),
@@ -384,7 +384,7 @@ STDMETHODIMP CRecord::Read(FILETIME ftFrame, DWORD* pdwFlags, SFrameBuffer* pBuf
     if (strHourPath.empty())
       pHour = m_pCurrentHour;
     else
-      hr = GetHourManager(strHourPath, false, &pHour);
+      hr = GetHourManager(strHourPath, false, &pHour, !bRepaired);
     if (!KV_SUCCEEDED(hr)) return hr;
     hr = pHour->Read(st, pdwFlags, reinterpret_cast<SHourFrameBuffer*>(pBuff), dwCount);
     if (SUCCEEDED(hr)) return hr;

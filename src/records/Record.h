@@ -92,8 +92,9 @@ class CRecord : public NSCom::CComObjectRootEx,
   bool IsStopped() override;
 
   // Makes strHourPath the open hour (closing the previous one) and hands out its manager. Runs
-  // under the caller's record lock.
-  HRESULT GetHourManager(const WString& strHourPath, bool bCreate, std::shared_ptr<NSHours::CHourManager>* ppHour);
+  // under the caller's record lock. bSeen: the caller has just seen the hour's directory exist.
+  HRESULT GetHourManager(const WString& strHourPath, bool bCreate, std::shared_ptr<NSHours::CHourManager>* ppHour,
+                         bool bSeen = false);
 
  protected:
   void OnChange(LONG lFirst, LONG lSecond, LONG lState) override;

@@ -425,6 +425,12 @@ HRESULT CFile::Seek(LONGLONG llDistance, DWORD dwMethod, ULONGLONG* pullNewPosit
   if (!IsOpen()) return Fail(ERROR_INVALID_HANDLE);
   if (m_pMemFile) return NSMemFs::Seek(m_pMemFile, llDistance, dwMethod, pullNewPosition);
   const int fd = static_cast<int>(m_hNative);
+  if (dwMethod == FILE_END && llDistance == 0) {  // to the end, in one call
+    const off_t pos = ::lseek(fd, 0, SEEK_END);
+    if (pos < 0) return FailErrno(errno);
+    if (pullNewPosition) *pullNewPosition = static_cast<ULONGLONG>(pos);
+    return S_OK;
+  }
   LONGLONG llBase;
   switch (dwMethod) {
     case FILE_BEGIN: llBase = 0; break;
