@@ -77,7 +77,8 @@ HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered)
   return Open(strPath, bCreate, bBuffered, SHourSnapshot());
 }
 
-HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered, SHourSnapshot&& snapshot) {
+HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered, SHourSnapshot&& snapshot,
+                           bool bDirectorySeen) {
   KV_HOUR_LOCK(E_FAIL);
   if (!KV_ASSERT_TEXT(!m_descriptor.IsOpen() && !m_file.IsOpen() && !HashOpen(),
                       "!m_hDescriptor && !m_hFile\n"))
@@ -87,7 +88,7 @@ HRESULT CHourManager::Open(const WString& strPath, bool bCreate, bool bBuffered,
     m_ftHourStart = {0, 0};
   }
   SHourSnapshot taken = std::move(snapshot);
-  return OpenLocked(bCreate, bBuffered, &taken);
+  return OpenLocked(bCreate, bBuffered, &taken, bDirectorySeen);
 }
 
 SHourSnapshot CHourManager::CloseToSnapshot() {
@@ -103,7 +104,7 @@ SHourSnapshot CHourManager::CloseToSnapshot() {
   return snapshot;
 }
 
-HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pSnapshot) {
+HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pSnapshot, bool bDirectorySeen) {
   KV_FUNC("CHourManager::Open");
   // Taken before any file is looked at: a change that ends after this makes the copy out of date.
   m_ullOpenEpoch = NSKronvaleUtils::HourChangeEpoch();
@@ -113,7 +114,7 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pS
   const ULONGLONG ullAppends = g_ullAppends.load(std::memory_order_acquire);
   m_bCopySettled = false;
   // 1. The directory, with every missing parent.
-  if (!NSPlatform::IsDirectory(m_strPath.c_str())) {
+  if (!bDirectorySeen && !NSPlatform::IsDirectory(m_strPath.c_str())) {
     if (!bCreate) return KvHResultFromWin32(ERROR_FILE_NOT_FOUND);
     const HRESULT hr = NSPlatform::CreateDirTree(m_strPath.c_str());
     if (!KV_SUCCEEDED(hr)) return hr;

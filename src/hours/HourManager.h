@@ -111,7 +111,9 @@ class CHourManager {
   // private copy when no hour has changed in this process since it was taken (same epoch) and
   // descriptor.ald has the size it had; when only frames were appended since, just theirs are copied
   // in; otherwise the copy is taken whole, into the snapshot's memory. The snapshot is used up.
-  HRESULT Open(const WString& strPath, bool bCreate, bool bBuffered, SHourSnapshot&& snapshot);
+  // bDirectorySeen: the caller has just seen the hour's directory exist, and it is not looked at again.
+  HRESULT Open(const WString& strPath, bool bCreate, bool bBuffered, SHourSnapshot&& snapshot,
+               bool bDirectorySeen = false);
   // Closes the hour like Close and hands over its private copy as a snapshot; an empty one when the
   // copy is not known to show every listed frame.
   SHourSnapshot CloseToSnapshot();
@@ -205,7 +207,7 @@ class CHourManager {
   static HRESULT ReadHourFlagMask(const WString& strPath, DWORD* pdwMask);
 
  private:
-  HRESULT OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pSnapshot = nullptr);
+  HRESULT OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pSnapshot = nullptr, bool bDirectorySeen = false);
   HRESULT OpenHash(bool bCreate);
   HRESULT WriteEmptyHash();
   // Maps descriptor.alh when it was opened without its view.

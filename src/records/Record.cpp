@@ -254,9 +254,9 @@ HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourP
     if (itCached != m_vCachedHours.end()) {
       NSHours::SHourSnapshot snapshot = std::move(itCached->second);
       m_vCachedHours.erase(itCached);
-      hr = pHour->Open(strDirectory, bCreate, m_dwHourOpenOptions != 0, std::move(snapshot));
+      hr = pHour->Open(strDirectory, bCreate, m_dwHourOpenOptions != 0, std::move(snapshot), bExisted);
     } else {
-      hr = pHour->Open(strDirectory, bCreate, m_dwHourOpenOptions != 0);
+      hr = pHour->Open(strDirectory, bCreate, m_dwHourOpenOptions != 0, NSHours::SHourSnapshot(), bExisted);
     }
     // A writer does not append behind a frame torn by a crash: such an hour is repaired first. A
     // frame short of no more than its header's size survives a repair, so an hour still torn after
