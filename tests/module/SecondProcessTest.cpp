@@ -299,3 +299,102 @@ TEST(HoldingReader, HoldsTheHourOpenUntilTold) {
   // What it had open still reads.
   EXPECT_EQ("frame", ReadTheFrame(pReader.p));
 }
+
+namespace {
+
+// The start of the hour the clock is in, plus dwSeconds.
+FILETIME InThisHour(const FILETIME& ftHour, DWORD dwSeconds) {
+  const ULONGLONG ull = (ULONGLONG{ftHour.dwHighDateTime} << 32 | ftHour.dwLowDateTime) + ULONGLONG{dwSeconds} * 10000000;
+  return FILETIME{static_cast<DWORD>(ull), static_cast<DWORD>(ull >> 32)};
+}
+
+std::string ReadAt(IRecord* pReader, const FILETIME& ft) {
+  SFrameBuffer buffer = {nullptr, 0};
+  DWORD dwFlags = 0;
+  if (FAILED(pReader->Read(ft, &dwFlags, &buffer, 1))) return "failed";
+  const std::string str(reinterpret_cast<char*>(buffer.pData), buffer.pData ? buffer.dwDataSize : 0);
+  CoTaskMemFree(buffer.pData);
+  return str;
+}
+
+}  // namespace
+
+// A viewer in another process follows the hour being recorded: what the recorder appends after
+// the viewer's last look shows at the viewer's next step, also after the viewer has been to an old
+// hour and come back. (An hour that ended long ago may be taken as settled; this one may not.)
+TEST(LiveRecordingProcess, AReaderInASecondProcessFollowsTheCurrentHour) {
+  NSTest::CLibrary library;
+  CPtr<IArchiveFactory> pFactory;
+  GetFactory(library, &pFactory);
+  ASSERT_TRUE(pFactory);
+  NSTest::CTempDir dir;
+  const WString strArchive = dir.Sub(KV_W("arc"));
+  CPtr<IKronvale> pArchive;
+  ASSERT_EQ(S_OK, pFactory->CreateArchive(CBstr(strArchive), &pArchive));
+  CPtr<IRecord> pWriter;
+  ASSERT_EQ(S_OK, pArchive->CreateRecord(CBstr(KV_W("cam")), &pWriter));
+  FILETIME ftNow;
+  NSPlatform::GetUtcFileTime(&ftNow);
+  const ULONGLONG ullHour = (ULONGLONG{ftNow.dwHighDateTime} << 32 | ftNow.dwLowDateTime) / 36000000000ull * 36000000000ull;
+  const FILETIME ftHour = {static_cast<DWORD>(ullHour), static_cast<DWORD>(ullHour >> 32)};
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(dir.Sub(KV_W("hour")), std::to_string(ullHour)));
+  auto put = [&](const FILETIME& ft, std::string str) {
+    const SFrameBuffer buffer = {reinterpret_cast<BYTE*>(str.data()), static_cast<DWORD>(str.size())};
+    EXPECT_EQ(S_OK, pWriter->Write(ft, 1, &buffer, 1));
+  };
+  put(kftFrame, "old");
+  put(InThisHour(ftHour, 1), "one");
+
+  CSecondProcess viewer(strArchive, "FollowingReader");
+  ASSERT_TRUE(WaitForFile(dir.Sub(KV_W("looked"))));
+  put(InThisHour(ftHour, 2), "two");
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(dir.Sub(KV_W("two")), "two"));
+  ASSERT_TRUE(WaitForFile(dir.Sub(KV_W("away"))));
+  put(InThisHour(ftHour, 3), "three");
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(dir.Sub(KV_W("three")), "three"));
+  EXPECT_EQ(0, viewer.Wait());
+  pWriter.Reset();
+  pArchive.Reset();
+  EXPECT_EQ(S_OK, pFactory->DeleteArchive(CBstr(strArchive)));
+}
+
+TEST(FollowingReader, SeesEachNewFrameAtItsNextStep) {
+  const char* pszArchive = std::getenv(kszArchiveVariable);
+  if (!pszArchive) GTEST_SKIP() << "runs as the second process of LiveRecordingProcess only";
+  const WString strArchive = NSPlatform::Utf8ToWide(pszArchive);
+  WString strDirectory = strArchive;
+  while (!strDirectory.empty() && !NSPlatform::IsPathSeparator(strDirectory.back())) strDirectory.pop_back();
+  std::string strHour;
+  ASSERT_EQ(S_OK, NSTest::ReadFileBytes(strDirectory + KV_W("hour"), &strHour));
+  const ULONGLONG ullHour = std::stoull(strHour);
+  const FILETIME ftHour = {static_cast<DWORD>(ullHour), static_cast<DWORD>(ullHour >> 32)};
+  auto secondOf = [&](const FILETIME& ft) {
+    return static_cast<long long>(((ULONGLONG{ft.dwHighDateTime} << 32 | ft.dwLowDateTime) - ullHour) / 10000000);
+  };
+  CPtr<IArchiveFactory> pFactory;
+  GetSecondProcessFactory(&pFactory);
+  ASSERT_TRUE(pFactory);
+  CPtr<IKronvale> pArchive;
+  ASSERT_EQ(S_OK, pFactory->OpenArchive(CBstr(strArchive), &pArchive));
+  CPtr<IRecord> pReader;
+  ASSERT_EQ(S_OK, pArchive->OpenRecord(CBstr(KV_W("cam")), &pReader));
+
+  FILETIME ftFound = {0, 0};
+  ASSERT_EQ(S_OK, pReader->GetNext(ftHour, nullptr, &ftFound));
+  EXPECT_EQ(1, secondOf(ftFound));
+  EXPECT_EQ(khrNotFound, pReader->GetNext(InThisHour(ftHour, 1), nullptr, &ftFound));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(strDirectory + KV_W("looked"), "looked"));
+
+  ASSERT_TRUE(WaitForFile(strDirectory + KV_W("two")));
+  ASSERT_EQ(S_OK, pReader->GetNext(InThisHour(ftHour, 1), nullptr, &ftFound));
+  EXPECT_EQ(2, secondOf(ftFound));
+  EXPECT_EQ("two", ReadAt(pReader.p, ftFound));
+
+  // Off to an old hour, while the recorder appends to this one.
+  EXPECT_EQ("old", ReadAt(pReader.p, kftFrame));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(strDirectory + KV_W("away"), "away"));
+  ASSERT_TRUE(WaitForFile(strDirectory + KV_W("three")));
+  ASSERT_EQ(S_OK, pReader->GetNext(InThisHour(ftHour, 2), nullptr, &ftFound));
+  EXPECT_EQ(3, secondOf(ftFound));
+  EXPECT_EQ("three", ReadAt(pReader.p, ftFound));
+}
