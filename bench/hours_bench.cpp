@@ -324,49 +324,44 @@ void BenchReads(const CBenchDir& dir, const NSSystem::ILockPtr& pLock) {
   if (fdData < 0 || fdIndex < 0) Die("opening the hour's files for the raw reads", errno);
   Settle();
 
-  // Caller memory: one block, the capacity given again on every call.
-  std::vector<BYTE> vBlock(kcbData);
-  auto readHour = [&]() {
+  // Reads at the positions of vOrder, one call of fnRead each (false: a wrong frame), until the
+  // budget is spent, counting the kernel's reads.
+  auto timeReads = [&](auto fnRead) {
     SReadRun run;
     const SSyscalls before = CountSyscalls();
     CStopwatch watch;
     for (size_t i = 0; i < vOrder.size(); ++i) {
       if ((i & 255) == 0 && i && watch.Seconds() > kdBudget) break;
-      const DWORD dwPosition = vOrder[i];
-      SHourFrameBuffer buffer = {vBlock.data(), kcbData};
-      DWORD dwFlags = 0;
-      const HRESULT hr = hour.Read(SlotTime(vSlots[dwPosition]), &dwFlags, &buffer, 1);
-      if (hr != S_OK || buffer.dwDataSize != kcbData || std::memcmp(vBlock.data(), &dwPosition, sizeof(DWORD)))
-        ++run.cBad;
+      if (!fnRead(vOrder[i])) ++run.cBad;
       ++run.cReads;
     }
     run.dSeconds = watch.Seconds();
     run.dKernelReads = PerItem(before.llReads, CountSyscalls().llReads, run.cReads);
     return run;
   };
+  // Caller memory: one block, the capacity given again on every call.
+  std::vector<BYTE> vBlock(kcbData);
+  auto readHour = [&]() {
+    return timeReads([&](DWORD dwPosition) {
+      SHourFrameBuffer buffer = {vBlock.data(), kcbData};
+      DWORD dwFlags = 0;
+      const HRESULT hr = hour.Read(SlotTime(vSlots[dwPosition]), &dwFlags, &buffer, 1);
+      return hr == S_OK && buffer.dwDataSize == kcbData && !std::memcmp(vBlock.data(), &dwPosition, sizeof(DWORD));
+    });
+  };
   // The baseline knows the frame's index entry without a slot and reads it, then the frame: the
   // least a reader of these files can do.
   std::vector<BYTE> vFrame(FrameSize(BufferRecordSize(kcbData)));
   auto readRaw = [&]() {
-    SReadRun run;
-    const SSyscalls before = CountSyscalls();
-    CStopwatch watch;
-    for (size_t i = 0; i < vOrder.size(); ++i) {
-      if ((i & 255) == 0 && i && watch.Seconds() > kdBudget) break;
-      const DWORD dwPosition = vOrder[i];
+    return timeReads([&](DWORD dwPosition) {
       SFrameInfo info;
       const ssize_t nInfo = ::pread(fdIndex, &info, sizeof(info), (dwPosition + 1) * off_t{sizeof(info)});
       const ssize_t nFrame = nInfo == sizeof(info) && info.dwSize <= vFrame.size()
                                  ? ::pread(fdData, vFrame.data(), info.dwSize, static_cast<off_t>(info.ullOffset))
                                  : -1;
-      if (nFrame != static_cast<ssize_t>(vFrame.size()) ||
-          std::memcmp(vFrame.data() + sizeof(SFrameHeader) + sizeof(DWORD), &dwPosition, sizeof(DWORD)))
-        ++run.cBad;
-      ++run.cReads;
-    }
-    run.dSeconds = watch.Seconds();
-    run.dKernelReads = PerItem(before.llReads, CountSyscalls().llReads, run.cReads);
-    return run;
+      return nFrame == static_cast<ssize_t>(vFrame.size()) &&
+             !std::memcmp(vFrame.data() + sizeof(SFrameHeader) + sizeof(DWORD), &dwPosition, sizeof(DWORD));
+    });
   };
 
   std::vector<double> vHour, vRaw, vRatio;
@@ -508,30 +503,23 @@ void BenchSiblings(const CBenchDir& dir, const NSSystem::ILockPtr& pLock) {
 
   std::printf("3. GetSibling forward walks (steps/s; every call is a step, the final not-found one included)\n\n");
   std::printf("   %-56s %12s %9s %14s %9s\n", "", "steps/s", "found", "grid scan st/s", "hour/scan");
-  {
+  // One hour walked without a filter (beside a scan of its grid) and with one.
+  auto walkBoth = [&](const WString& strHour, const char* pszOpen, const char* pszWhat, ULONGLONG cFrames,
+                      const char* pszFiltered, const SHourFrameFilter& filter, ULONGLONG cFiltered) {
     CHourManager hour(pLock);
-    Check(hour.Open(strDense, false, true), "CHourManager::Open (dense)");
-    const std::vector<SFrameInfoHash> vGrid = ReadGrid(strDense);
+    Check(hour.Open(strHour, false, true), pszOpen);
+    const std::vector<SFrameInfoHash> vGrid = ReadGrid(strHour);
     Settle();
     const SWalkRun walk = WalkHour(hour, nullptr, kdBudget);
     const SWalkRun grid = WalkGrid(vGrid, kdBudget);
-    PrintWalk("dense hour (200,000 frames, 10 ms apart), no filter", walk, kcDense, &grid);
-    PrintWalk("dense hour, filter 0x1/any (every frame matches)", WalkHour(hour, &anyOfFirst, kdBudget), kcDense,
-              nullptr);
+    PrintWalk(pszWhat, walk, cFrames, &grid);
+    PrintWalk(pszFiltered, WalkHour(hour, &filter, kdBudget), cFiltered, nullptr);
     hour.RemoveHour();
-  }
-  {
-    CHourManager hour(pLock);
-    Check(hour.Open(strSparse, false, true), "CHourManager::Open (sparse)");
-    const std::vector<SFrameInfoHash> vGrid = ReadGrid(strSparse);
-    Settle();
-    const SWalkRun walk = WalkHour(hour, nullptr, kdBudget);
-    const SWalkRun grid = WalkGrid(vGrid, kdBudget);
-    PrintWalk("sparse hour (4 frames/minute), no filter", walk, vSparse.size(), &grid);
-    PrintWalk("sparse hour, filter 0x2/any (54 of 60 minutes pruned)", WalkHour(hour, &anyOfSecond, kdBudget), 6,
-              nullptr);
-    hour.RemoveHour();
-  }
+  };
+  walkBoth(strDense, "CHourManager::Open (dense)", "dense hour (200,000 frames, 10 ms apart), no filter", kcDense,
+           "dense hour, filter 0x1/any (every frame matches)", anyOfFirst, kcDense);
+  walkBoth(strSparse, "CHourManager::Open (sparse)", "sparse hour (4 frames/minute), no filter", vSparse.size(),
+           "sparse hour, filter 0x2/any (54 of 60 minutes pruned)", anyOfSecond, 6);
   std::printf("\n");
   std::fflush(stdout);
 }

@@ -3,6 +3,8 @@
 
 #include <kronvale/KronvaleResults.h>
 
+#include <optional>
+
 #include "archive/ArchiveImpl.h"
 #include "archive/ArchiveSettings.h"
 #include "hours/KronvaleUtils.h"
@@ -79,6 +81,42 @@ HRESULT HandOut(IUnknown* pArchive, IKronvale** ppKronvale) {
 
 }  // namespace
 
+// One factory call on one path: the path checked (see PathFromBstr), the factory locked for the rest
+// of the call, and the object the cache holds for the path (null when none). A failed check leaves
+// hr failed and the factory unlocked.
+class CArchiveFactory::CPathCall {
+ public:
+  CPathCall(CArchiveFactory& factory, BSTR path) : m_factory(factory) {
+    hr = PathFromBstr(path, &strPath);
+    if (FAILED(hr)) return;
+    m_guard.emplace(factory.m_section);
+    m_strKey = CacheKey(strPath);
+    const auto it = factory.m_cache.find(m_strKey);
+    if (it != factory.m_cache.end()) pCached = it->second;
+  }
+
+  // A new archive object of class T, brought to life by fnMake (which creates, opens or loads it),
+  // cached for the path and left in pCached; on failure the cache is as it was.
+  template <class T, class TMake>
+  HRESULT Make(TMake fnMake) {
+    NSCom::CComPtr<IUnknown> pHold;
+    const HRESULT hrMake = MakeArchiveObject<T>(fnMake, pHold);
+    if (FAILED(hrMake)) return hrMake;
+    m_factory.m_cache[m_strKey] = pHold;
+    pCached = pHold;
+    return S_OK;
+  }
+
+  HRESULT hr = S_OK;
+  WString strPath;
+  IUnknown* pCached = nullptr;
+
+ private:
+  CArchiveFactory& m_factory;
+  std::optional<CGuard> m_guard;
+  WString m_strKey;
+};
+
 WString CArchiveFactory::CacheKey(const WString& strPath) {
   WString strKey;
   if (strPath.empty() || FAILED(NSPlatform::GetFullPath(strPath.c_str(), &strKey)))
@@ -105,26 +143,19 @@ STDMETHODIMP CArchiveFactory::LockServer(BOOL fLock) {
 STDMETHODIMP CArchiveFactory::CreateArchive(BSTR path, IKronvale** ppKronvale) {
   KV_CHECK_POINTER(ppKronvale);
   *ppKronvale = nullptr;
-  WString strPath;
-  HRESULT hr = PathFromBstr(path, &strPath);
-  if (FAILED(hr)) return hr;
-  CGuard guard(m_section);
-  const WString strKey = CacheKey(strPath);
-  const auto it = m_cache.find(strKey);
-  if (it != m_cache.end()) {
-    KV_LOG_MESSAGE(KV_W("successfull archive creation: %s\n"), strPath.c_str());
-    return HandOut(it->second, ppKronvale);
+  CPathCall call(*this, path);
+  if (FAILED(call.hr)) return call.hr;
+  const WString& strPath = call.strPath;
+  if (!call.pCached) {
+    // An empty directory becomes an archive, and so does one that a killed creation left half made.
+    if (NSPlatform::PathExists(strPath.c_str()) && !NSPlatform::IsDirectoryEmpty(strPath.c_str()) &&
+        !CArchiveImpl::IsInterruptedCreation(CArchiveImpl::FullPath(strPath)))
+      return khrDirectoryNotEmpty;
+    const HRESULT hr = call.Make<CArchiveImpl>([&](CArchiveImpl* p) { return p->Create(strPath); });
+    if (FAILED(hr)) return hr;
   }
-  // An empty directory becomes an archive, and so does one that a killed creation left half made.
-  if (NSPlatform::PathExists(strPath.c_str()) && !NSPlatform::IsDirectoryEmpty(strPath.c_str()) &&
-      !CArchiveImpl::IsInterruptedCreation(CArchiveImpl::FullPath(strPath)))
-    return khrDirectoryNotEmpty;
-  NSCom::CComPtr<IUnknown> pHold;
-  hr = MakeArchiveObject<CArchiveImpl>([&](CArchiveImpl* p) { return p->Create(strPath); }, pHold);
-  if (FAILED(hr)) return hr;
-  m_cache[strKey] = pHold;
   KV_LOG_MESSAGE(KV_W("successfull archive creation: %s\n"), strPath.c_str());
-  return HandOut(pHold, ppKronvale);
+  return HandOut(call.pCached, ppKronvale);
 }
 
 STDMETHODIMP CArchiveFactory::OpenArchive(BSTR path, IKronvale** ppKronvale) { return OpenArchiveEx(path, 0, ppKronvale); }
@@ -132,44 +163,33 @@ STDMETHODIMP CArchiveFactory::OpenArchive(BSTR path, IKronvale** ppKronvale) { r
 STDMETHODIMP CArchiveFactory::OpenArchiveEx(BSTR path, ULONG access, IKronvale** ppKronvale) {
   KV_CHECK_POINTER(ppKronvale);
   *ppKronvale = nullptr;
-  WString strPath;
-  HRESULT hr = PathFromBstr(path, &strPath);
-  if (FAILED(hr)) return hr;
-  CGuard guard(m_section);
-  const WString strKey = CacheKey(strPath);
-  const auto it = m_cache.find(strKey);
-  if (it != m_cache.end() && it->second) {
-    // A cached archive comes back to life if a client had freed it.
-    NSCom::CComPtr<IStateControl> pState;
-    if (SUCCEEDED(it->second->QueryInterface(IID_IStateControl, reinterpret_cast<void**>(&pState))) &&
-        SUCCEEDED(pState->Change(0, klStateLocked))) {
-      KV_LOG_MESSAGE(KV_W("Archive opened from cache: %s\n"), strPath.c_str());
-      return HandOut(it->second, ppKronvale);
-    }
+  CPathCall call(*this, path);
+  if (FAILED(call.hr)) return call.hr;
+  const WString& strPath = call.strPath;
+  // A cached archive comes back to life if a client had freed it.
+  NSCom::CComPtr<IStateControl> pState;
+  if (call.pCached && SUCCEEDED(call.pCached->QueryInterface(IID_IStateControl, reinterpret_cast<void**>(&pState))) &&
+      SUCCEEDED(pState->Change(0, klStateLocked))) {
+    KV_LOG_MESSAGE(KV_W("Archive opened from cache: %s\n"), strPath.c_str());
+    return HandOut(call.pCached, ppKronvale);
   }
   if (!NSPlatform::PathExists(strPath.c_str())) return khrPathNotFound;
-  // An archive in a file is a multipart archive.
+  HRESULT hr = S_OK;
   if (!NSPlatform::IsDirectory(strPath.c_str())) {
-    NSCom::CComPtr<IUnknown> pHold;
-    hr = MakeArchiveObject<CMultipartArchive>(
-        [&](CMultipartArchive* p) { return p->Load(FullPath(strPath), static_cast<IArchiveFactoryEx*>(this)); }, pHold);
-    if (FAILED(hr)) return hr;
-    m_cache[strKey] = pHold;
-    KV_LOG_MESSAGE(KV_W("Archive opened from disk: %s\n"), strPath.c_str());
-    return HandOut(pHold, ppKronvale);
+    // An archive in a file is a multipart archive.
+    hr = call.Make<CMultipartArchive>(
+        [&](CMultipartArchive* p) { return p->Load(FullPath(strPath), static_cast<IArchiveFactoryEx*>(this)); });
+  } else {
+    hr = call.Make<CArchiveImpl>(
+        [&](CArchiveImpl* p) {
+          const HRESULT hrOpen = p->Open(strPath, access);
+          if (FAILED(hrOpen)) p->Free();
+          return hrOpen;
+        });
   }
-  NSCom::CComPtr<IUnknown> pHold;
-  hr = MakeArchiveObject<CArchiveImpl>(
-      [&](CArchiveImpl* p) {
-        const HRESULT hrOpen = p->Open(strPath, access);
-        if (FAILED(hrOpen)) p->Free();
-        return hrOpen;
-      },
-      pHold);
   if (FAILED(hr)) return hr;
-  m_cache[strKey] = pHold;
   KV_LOG_MESSAGE(KV_W("Archive opened from disk: %s\n"), strPath.c_str());
-  return HandOut(pHold, ppKronvale);
+  return HandOut(call.pCached, ppKronvale);
 }
 
 // A directory is deleted only when it is an archive (it holds "settings.als", or only what a killed
@@ -226,22 +246,15 @@ STDMETHODIMP CArchiveFactory::DeleteArchive(BSTR path) {
 STDMETHODIMP CArchiveFactory::CreateMultipartArchive(BSTR path, IMultipartArchive** ppMultipartArchive) {
   KV_CHECK_POINTER(ppMultipartArchive);
   *ppMultipartArchive = nullptr;
-  WString strPath;
-  HRESULT hr = PathFromBstr(path, &strPath);
-  if (FAILED(hr)) return hr;
-  CGuard guard(m_section);
-  const WString strKey = CacheKey(strPath);
-  const auto it = m_cache.find(strKey);
-  if (it != m_cache.end() && MultipartOf(it->second)) {
-    KV_LOG_MESSAGE(KV_W("successfull multipart archive creation: %s\n"), strPath.c_str());
-    return it->second->QueryInterface(IID_IMultipartArchive, reinterpret_cast<void**>(ppMultipartArchive));
+  CPathCall call(*this, path);
+  if (FAILED(call.hr)) return call.hr;
+  if (!MultipartOf(call.pCached)) {
+    const HRESULT hr = call.Make<CMultipartArchive>(
+        [&](CMultipartArchive* p) { return p->Create(FullPath(call.strPath)); });
+    if (FAILED(hr)) return hr;
   }
-  NSCom::CComPtr<IUnknown> pHold;
-  hr = MakeArchiveObject<CMultipartArchive>([&](CMultipartArchive* p) { return p->Create(FullPath(strPath)); }, pHold);
-  if (FAILED(hr)) return hr;
-  m_cache[strKey] = pHold;
-  KV_LOG_MESSAGE(KV_W("successfull multipart archive creation: %s\n"), strPath.c_str());
-  return pHold->QueryInterface(IID_IMultipartArchive, reinterpret_cast<void**>(ppMultipartArchive));
+  KV_LOG_MESSAGE(KV_W("successfull multipart archive creation: %s\n"), call.strPath.c_str());
+  return call.pCached->QueryInterface(IID_IMultipartArchive, reinterpret_cast<void**>(ppMultipartArchive));
 }
 
 STDMETHODIMP CArchiveFactory::Set(LONG lState) {

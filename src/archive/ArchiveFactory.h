@@ -52,6 +52,8 @@ class CArchiveFactory : public NSCom::CComObjectRootEx,
   using CSection = NSSystem::CCriticalSection<0, 0>;
   using CGuard = NSSystem::CSectionGuard<CSection>;
 
+  class CPathCall;
+
   CSection m_section;  // serialises every method and guards the cache
   std::map<WString, NSCom::CComPtr<IUnknown>> m_cache;
 };

@@ -2,6 +2,8 @@
 // to read it back, so that the two directions cannot drift apart.
 #include "archive/ArchiveSettings.h"
 
+#include "archive/XmlNames.h"
+
 #include <boost/lexical_cast.hpp>
 #include <pugixml.hpp>
 
@@ -16,14 +18,13 @@
 namespace NSArchive {
 
 using namespace NSKronvale;
+using namespace NSXml;
 
 namespace {
 
 // A new document starts from this: the root with the namespace prefix our documents declare.
 constexpr char kszTemplate[] = "<config xmlns:xpt=\"urn:kronvale:settings\"/>";
-constexpr char kszRootName[] = "config";
 constexpr char kszQuotas[] = "Quotas";
-constexpr char kszTypeAttribute[] = "type";
 constexpr char kszSignedAttribute[] = "signed";
 constexpr char kszRealAttribute[] = "real";
 
@@ -37,7 +38,7 @@ struct SValueType {
   bool bReal;
 };
 constexpr SValueType kTypeUInt64 = {"UINT64", false, false};
-constexpr SValueType kTypeULong = {"ULONG", false, false};
+constexpr SValueType kTypeULong = {kszTypeULong, false, false};
 constexpr SValueType kTypeLong = {"long", true, false};
 
 // Calls visit(bQuota, pszElement, type, member) for every value in file order and stops at the
@@ -76,9 +77,7 @@ bool ParseNumber(const char* pszText, T* pValue) {
 HRESULT BuildDocument(const SArchiveSettings& settings, std::string* pstrText) {
   pugi::xml_document document;
   if (!KV_ASSERT_TEXT(document.load_string(kszTemplate), "document.load_string(kszTemplate)\n")) return E_UNEXPECTED;
-  pugi::xml_node declaration = document.prepend_child(pugi::node_declaration);
-  declaration.append_attribute("version") = "1.0";
-  declaration.append_attribute("encoding") = "UTF-8";
+  AddDeclaration(document);
 
   pugi::xml_node root = document.document_element();
   pugi::xml_node quotas;
@@ -145,6 +144,12 @@ HRESULT LoadSettings(const WString& strFile, SArchiveSettings* pSettings) {
 }
 
 }  // namespace
+
+void AddDeclaration(pugi::xml_document& document) {
+  pugi::xml_node declaration = document.prepend_child(pugi::node_declaration);
+  declaration.append_attribute("version") = "1.0";
+  declaration.append_attribute("encoding") = "UTF-8";
+}
 
 std::string DocumentText(const pugi::xml_document& document) {
   class CStringWriter : public pugi::xml_writer {

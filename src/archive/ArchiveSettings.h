@@ -67,6 +67,8 @@ HRESULT WriteWholeFile(const WString& strFile, const std::string& strText);
 // ReadWholeFile reads the whole of strFile; a file larger than 1 MiB is not one of our documents and
 // answers 0x8007000D without being read.
 HRESULT ReadWholeFile(const WString& strFile, std::string* pstrText);
+// Puts the declaration these files begin with (XML 1.0, UTF-8) in front of the document.
+void AddDeclaration(pugi::xml_document& document);
 // A document as these files hold it: UTF-8, indented by two spaces.
 std::string DocumentText(const pugi::xml_document& document);
 

@@ -112,24 +112,21 @@ HRESULT CMemoryRegistry::DeleteValue(ERegistryRoot eRoot, const WString& strKey,
 }
 
 HRESULT CMemoryRegistry::DeleteKey(ERegistryRoot eRoot, const WString& strKey) {
-  HRESULT hr = S_OK;
-  if (Begin("DeleteKey", eRoot, strKey, nullptr, &hr)) return hr;
-  const size_t iLast = strKey.rfind('\\');
-  if (strKey.empty()) return Error(ERROR_INVALID_PARAMETER);
-  SNode* pNode = Find(eRoot, strKey);
-  if (!pNode) return Error(ERROR_FILE_NOT_FOUND);
-  if (!pNode->mapSubKeys.empty()) return Error(ERROR_ACCESS_DENIED);
-  SNode* pParent = Find(eRoot, iLast == WString::npos ? WString() : strKey.substr(0, iLast));
-  pParent->mapSubKeys.erase(iLast == WString::npos ? strKey : strKey.substr(iLast + 1));
-  return S_OK;
+  return RemoveKey("DeleteKey", eRoot, strKey, false);
 }
 
 HRESULT CMemoryRegistry::DeleteTree(ERegistryRoot eRoot, const WString& strKey) {
+  return RemoveKey("DeleteTree", eRoot, strKey, true);
+}
+
+HRESULT CMemoryRegistry::RemoveKey(const char* pszOperation, ERegistryRoot eRoot, const WString& strKey, bool bTree) {
   HRESULT hr = S_OK;
-  if (Begin("DeleteTree", eRoot, strKey, nullptr, &hr)) return hr;
-  const size_t iLast = strKey.rfind('\\');
+  if (Begin(pszOperation, eRoot, strKey, nullptr, &hr)) return hr;
   if (strKey.empty()) return Error(ERROR_INVALID_PARAMETER);
-  if (!Find(eRoot, strKey)) return Error(ERROR_FILE_NOT_FOUND);
+  SNode* pNode = Find(eRoot, strKey);
+  if (!pNode) return Error(ERROR_FILE_NOT_FOUND);
+  if (!bTree && !pNode->mapSubKeys.empty()) return Error(ERROR_ACCESS_DENIED);
+  const size_t iLast = strKey.rfind('\\');
   SNode* pParent = Find(eRoot, iLast == WString::npos ? WString() : strKey.substr(0, iLast));
   pParent->mapSubKeys.erase(iLast == WString::npos ? strKey : strKey.substr(iLast + 1));
   return S_OK;

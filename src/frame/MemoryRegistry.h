@@ -55,6 +55,8 @@ class CMemoryRegistry : public IRegistryTarget {
   bool Begin(const char* pszOperation, ERegistryRoot eRoot, const WString& strKey, const WString* pstrName,
              HRESULT* phr);
   SNode* Find(ERegistryRoot eRoot, const WString& strKey) const;
+  // DeleteKey (bTree false: a key with subkeys is refused) and DeleteTree (bTree true).
+  HRESULT RemoveKey(const char* pszOperation, ERegistryRoot eRoot, const WString& strKey, bool bTree);
   static void DumpNode(const SNode& node, const std::string& strPath, std::string* pstrOut);
 
   std::unique_ptr<SNode> m_apRoots[3];

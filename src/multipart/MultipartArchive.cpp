@@ -11,12 +11,14 @@
 #include <string>
 
 #include "archive/ArchiveSettings.h"
+#include "archive/XmlNames.h"
 #include "multipart/MultipartRecord.h"
 #include "support/Report.h"
 
 namespace NSMultipart {
 
 using namespace NSKronvale;
+using namespace NSArchive::NSXml;
 using NSArchive::ArchiveImplOf;
 using NSArchive::CArchiveImpl;
 using NSRecords::klStateHookRan;
@@ -27,17 +29,13 @@ namespace {
 // A new document starts from this: the root with the namespace prefix our documents declare. The
 // namespace is also what tells a multipart file of ours from any other file.
 constexpr char kszTemplate[] = "<config xmlns:xpt=\"urn:kronvale:multipart\"/>";
-constexpr char kszRootName[] = "config";
-constexpr char kszNamespaceAttribute[] = "xmlns:xpt";
 constexpr char kszNamespace[] = "urn:kronvale:multipart";
 constexpr char kszDescription[] = "description";
 constexpr char kszArchive[] = "archive";
 constexpr char kszPath[] = "path";
 constexpr char kszFlags[] = "flags";
 constexpr char kszOrder[] = "order";
-constexpr char kszType[] = "type";
 constexpr char kszTypeBstr[] = "BSTR";
-constexpr char kszTypeULong[] = "ULONG";
 
 constexpr BYTE kbMaxOrder = 0xFF;
 
@@ -56,14 +54,14 @@ HRESULT SerializeOptions(pugi::xml_node archive, bool bSave, SPartitionOptions* 
     if (bSave) {
       pugi::xml_node element = archive.append_child(item.pszName);
       if (!KV_ASSERT_TEXT(element, "spChild\n")) return E_UNEXPECTED;
-      element.append_attribute(kszType) = kszTypeULong;
+      element.append_attribute(kszTypeAttribute) = kszTypeULong;
       const ULONGLONG ullValue = bFlags ? pOptions->dwFlags : pOptions->bOrder;
       if (!element.text().set(std::to_string(ullValue).c_str())) return E_OUTOFMEMORY;
       continue;
     }
     const pugi::xml_node element = archive.child(item.pszName);
     if (!element) continue;  // not written: the default stays
-    if (std::strcmp(element.attribute(kszType).value(), kszTypeULong) != 0) return khrInvalidData;
+    if (std::strcmp(element.attribute(kszTypeAttribute).value(), kszTypeULong) != 0) return khrInvalidData;
     const char* pszText = element.child_value();
     ULONGLONG ullValue = 0;
     if (!*pszText || *pszText == '-') return khrInvalidData;
@@ -152,7 +150,7 @@ HRESULT CMultipartArchive::ReadDocument(const std::string& strText, IArchiveFact
   if (FAILED(hr)) return hr;
   const pugi::xml_node root = document.document_element();
   const pugi::xml_node description = root.child(kszDescription);
-  if (description && std::strcmp(description.attribute(kszType).value(), kszTypeBstr) != 0) return khrInvalidData;
+  if (description && std::strcmp(description.attribute(kszTypeAttribute).value(), kszTypeBstr) != 0) return khrInvalidData;
 
   // The whole file is checked before any archive is opened: a bad file opens nothing.
   struct SEntry {
@@ -201,14 +199,12 @@ HRESULT CMultipartArchive::BuildDocument(std::string* pstrText) {
   KV_FUNC("CMultipartArchive::Save");
   pugi::xml_document document;
   if (!KV_ASSERT_TEXT(document.load_string(kszTemplate), "document.load_string(kszTemplate)\n")) return E_UNEXPECTED;
-  pugi::xml_node declaration = document.prepend_child(pugi::node_declaration);
-  declaration.append_attribute("version") = "1.0";
-  declaration.append_attribute("encoding") = "UTF-8";
+  NSArchive::AddDeclaration(document);
   pugi::xml_node root = document.document_element();
 
   pugi::xml_node description = root.append_child(kszDescription);
   if (!KV_ASSERT_TEXT(description, "spChild\n")) return E_UNEXPECTED;
-  description.append_attribute(kszType) = kszTypeBstr;
+  description.append_attribute(kszTypeAttribute) = kszTypeBstr;
   if (!description.text().set(NSPlatform::WideToUtf8(m_szDescrition).c_str())) return E_OUTOFMEMORY;
 
   auto addArchive = [&](const WString& strPath, SPartitionOptions options) -> HRESULT {
@@ -247,6 +243,17 @@ HRESULT CMultipartArchive::Save() {
 HRESULT CMultipartArchive::RefuseWhenLocked() {
   if (HasState(klStateLocked) || m_bFileDeleted) return khrLocked;
   return S_OK;
+}
+
+template <class TChange>
+HRESULT CMultipartArchive::ChangeUnlessLocked(TChange fnChange) {
+  try {
+    CGuard guard(m_section);
+    const HRESULT hr = RefuseWhenLocked();
+    return FAILED(hr) ? hr : fnChange();
+  } catch (...) {
+    return NSCom::HResultFromCurrentException();
+  }
 }
 
 // The partitions are let go as owner, so that another multipart archive may take them.
@@ -306,38 +313,28 @@ HRESULT CMultipartArchive::AddPartitionUnlocked(IKronvale* pPartition, const SPa
 STDMETHODIMP CMultipartArchive::AddPartition(IKronvale* pPartition) {
   KV_FUNC("CMultipartArchive::AddPartition");
   KV_CHECK_POINTER(pPartition);
-  try {
-    IKronvale* pKey = nullptr;
-    {
-      CGuard guard(m_section);
-      HRESULT hr = RefuseWhenLocked();
-      if (FAILED(hr)) return hr;
-      if (FAILED(hr = AddPartitionUnlocked(pPartition, nullptr))) return hr;
-      pKey = Key(pPartition);
-      // Every open record gains its child in the new partition.
-      for (CMultipartRecord* pRecord : m_records) {
-        NSCom::CComBSTR bstrName(pRecord->GetRecordName());
-        NSCom::CComPtr<IRecord> pChild;
-        hr = pRecord->IsWriter() ? pKey->CreateRecord(bstrName, &pChild) : pKey->OpenRecord(bstrName, &pChild);
-        if (KV_SUCCEEDED(hr)) pRecord->AddRecord(pChild, pKey);
-        if (m_pActive == pKey) pRecord->SetActivePartition(pKey);
-      }
-      hr = Save();
-      if (!KV_SUCCEEDED(hr)) return hr;
+  return ChangeUnlessLocked([&]() -> HRESULT {
+    HRESULT hr = AddPartitionUnlocked(pPartition, nullptr);
+    if (FAILED(hr)) return hr;
+    IKronvale* pKey = Key(pPartition);
+    // Every open record gains its child in the new partition.
+    for (CMultipartRecord* pRecord : m_records) {
+      NSCom::CComBSTR bstrName(pRecord->GetRecordName());
+      NSCom::CComPtr<IRecord> pChild;
+      hr = pRecord->IsWriter() ? pKey->CreateRecord(bstrName, &pChild) : pKey->OpenRecord(bstrName, &pChild);
+      if (KV_SUCCEEDED(hr)) pRecord->AddRecord(pChild, pKey);
+      if (m_pActive == pKey) pRecord->SetActivePartition(pKey);
     }
+    hr = Save();
+    if (!KV_SUCCEEDED(hr)) return hr;
     return S_OK;
-  } catch (...) {
-    return NSCom::HResultFromCurrentException();
-  }
+  });
 }
 
 STDMETHODIMP CMultipartArchive::RemovePartition(IKronvale* pPartition) {
   KV_FUNC("CMultipartArchive::RemovePartition");
   KV_CHECK_POINTER(pPartition);
-  try {
-    CGuard guard(m_section);
-    HRESULT hr = RefuseWhenLocked();
-    if (FAILED(hr)) return hr;
+  return ChangeUnlessLocked([&]() -> HRESULT {
     IKronvale* pKey = Key(pPartition);
     const auto it = m_vPartitions.find(pKey);
     if (!KV_ASSERT_TEXT(m_vPartitions.end() != it, "m_vPartitions.end()!=m_vPartitions.find(pPartition)\n"))
@@ -355,29 +352,26 @@ STDMETHODIMP CMultipartArchive::RemovePartition(IKronvale* pPartition) {
       m_pActive = nullptr;
       if (!vPartitionsInOrder.empty()) SetActivePartitionUnlocked(vPartitionsInOrder.front());
     }
-    hr = Save();
+    const HRESULT hr = Save();
     if (!KV_SUCCEEDED(hr)) return hr;
     return S_OK;
-  } catch (...) {
-    return NSCom::HResultFromCurrentException();
-  }
+  });
 }
 
 STDMETHODIMP CMultipartArchive::SetPartitionOptions(IKronvale* pPartition, const SPartitionOptions* pOptions) {
   KV_FUNC("CMultipartArchive::SetPartitionOptions");
   KV_CHECK_POINTER(pPartition);
   KV_CHECK_POINTER(pOptions);
-  CGuard guard(m_section);
-  HRESULT hr = RefuseWhenLocked();
-  if (FAILED(hr)) return hr;
-  const auto it = m_vPartitions.find(Key(pPartition));
-  if (!KV_ASSERT_TEXT(m_vPartitions.end() != it, "m_vPartitions.end()!=m_vPartitions.find(pPartition)\n"))
-    return E_INVALIDARG;
-  it->second.options = *pOptions;
-  m_lSpaceExhausted.fetch_and(~klSpaceExhausted);
-  hr = Save();
-  if (!KV_SUCCEEDED(hr)) return hr;
-  return S_OK;
+  return ChangeUnlessLocked([&]() -> HRESULT {
+    const auto it = m_vPartitions.find(Key(pPartition));
+    if (!KV_ASSERT_TEXT(m_vPartitions.end() != it, "m_vPartitions.end()!=m_vPartitions.find(pPartition)\n"))
+      return E_INVALIDARG;
+    it->second.options = *pOptions;
+    m_lSpaceExhausted.fetch_and(~klSpaceExhausted);
+    const HRESULT hr = Save();
+    if (!KV_SUCCEEDED(hr)) return hr;
+    return S_OK;
+  });
 }
 
 STDMETHODIMP CMultipartArchive::GetPartitionOptions(IKronvale* pPartition, SPartitionOptions* pOptions) {
@@ -593,17 +587,12 @@ STDMETHODIMP CMultipartArchive::SetDescription(BSTR szDescription) {
   KV_FUNC("CMultipartArchive::SetDescription");
   KV_CHECK_POINTER(szDescription);
   if (HasEmbeddedNul(szDescription)) return E_INVALIDARG;
-  try {
-    CGuard guard(m_section);
-    HRESULT hr = RefuseWhenLocked();
-    if (FAILED(hr)) return hr;
+  return ChangeUnlessLocked([&]() -> HRESULT {
     m_szDescrition = NSCom::BstrText(szDescription);
-    hr = Save();
+    const HRESULT hr = Save();
     if (!KV_SUCCEEDED(hr)) return hr;
     return S_OK;
-  } catch (...) {
-    return NSCom::HResultFromCurrentException();
-  }
+  });
 }
 
 STDMETHODIMP CMultipartArchive::GetDescription(BSTR* pszDescription) {

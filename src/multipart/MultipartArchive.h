@@ -146,6 +146,10 @@ class CMultipartArchive : public NSCom::CComObjectRootEx,
   HRESULT BuildDocument(std::string* pstrText);
   HRESULT ReadDocument(const std::string& strText, IArchiveFactoryEx* pFactory);
   HRESULT RefuseWhenLocked();
+  // One change under the lock: refused as RefuseWhenLocked refuses it, else fnChange's result (a
+  // change writes the file itself); an exception becomes its HRESULT.
+  template <class TChange>
+  HRESULT ChangeUnlessLocked(TChange fnChange);
 
   CSection m_section;  // guards everything below that is not atomic
   WString m_strPath;

@@ -686,15 +686,10 @@ HRESULT CRecordExtract::WritePacket(IStream** ppStream, DWORD dwDestCtx) {
   return S_OK;
 }
 
-// The cached packet, built with dwDestCtx when there is none yet (under the section).
-HRESULT CRecordExtract::GetPacket(DWORD dwDestCtx, IStream** ppStream) {
-  if (!m_pPacket) {
-    const HRESULT hr = MarshalToStream(&m_pPacket, dwDestCtx);
-    if (FAILED(hr)) return hr;
-  }
-  *ppStream = m_pPacket;
-  (*ppStream)->AddRef();
-  return S_OK;
+// Builds the cached packet m_pPacket with dwDestCtx when there is none yet (under the section).
+HRESULT CRecordExtract::MakePacket(DWORD dwDestCtx) {
+  if (m_pPacket) return S_OK;
+  return MarshalToStream(&m_pPacket, dwDestCtx);
 }
 
 HRESULT CRecordExtract::ReadPacket(IStream* pStream) {
@@ -803,11 +798,10 @@ STDMETHODIMP CRecordExtract::GetMarshalSizeMax(REFIID, void*, DWORD dwDestContex
   KV_CHECK_POINTER(pSize);
   *pSize = 0;
   CGuard guard(m_section);
-  NSCom::CComPtr<IStream> pPacket;
-  HRESULT hr = GetPacket(dwDestContext, &pPacket);
+  HRESULT hr = MakePacket(dwDestContext);
   if (FAILED(hr)) return hr;
   STATSTG stat;
-  hr = pPacket->Stat(&stat, STATFLAG_NONAME);
+  hr = m_pPacket->Stat(&stat, STATFLAG_NONAME);
   if (!KV_SUCCEEDED(hr)) return hr;
   *pSize = static_cast<DWORD>(stat.cbSize.QuadPart);
   return S_OK;
@@ -817,14 +811,13 @@ STDMETHODIMP CRecordExtract::MarshalInterface(IStream* pStm, REFIID, void*, DWOR
   KV_FUNC("CRecordExtract::MarshalInterface");
   KV_CHECK_POINTER(pStm);
   CGuard guard(m_section);
-  NSCom::CComPtr<IStream> pPacket;
-  HRESULT hr = GetPacket(dwDestContext, &pPacket);
+  HRESULT hr = MakePacket(dwDestContext);
   if (FAILED(hr)) return hr;
   LARGE_INTEGER liZero = {};
-  hr = pPacket->Seek(liZero, STREAM_SEEK_SET, nullptr);
+  hr = m_pPacket->Seek(liZero, STREAM_SEEK_SET, nullptr);
   STATSTG stat;
-  if (SUCCEEDED(hr)) hr = pPacket->Stat(&stat, STATFLAG_NONAME);
-  if (SUCCEEDED(hr)) hr = pPacket->CopyTo(pStm, stat.cbSize, nullptr, nullptr);
+  if (SUCCEEDED(hr)) hr = m_pPacket->Stat(&stat, STATFLAG_NONAME);
+  if (SUCCEEDED(hr)) hr = m_pPacket->CopyTo(pStm, stat.cbSize, nullptr, nullptr);
   KV_REPORT_IF_FAILED(hr);
   return hr;
 }

@@ -175,7 +175,7 @@ class CRecordExtract : public NSCom::CComObjectRootEx,
                           LONG dwFlags, DWORD* pdwCount, SRecordStatistic** ppRecordStatistic);
   HRESULT ReadPacketLocked(IStream* pStream);
   HRESULT LoadFrame(SFrame& frame);
-  HRESULT GetPacket(DWORD dwDestCtx, IStream** ppStream);
+  HRESULT MakePacket(DWORD dwDestCtx);
   HRESULT Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, FILETIME* pftFound);
 
   NSSystem::CCriticalSection<0, 4000> m_section;  // guards everything below

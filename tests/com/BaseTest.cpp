@@ -68,68 +68,48 @@ TEST(ComGuid, UuidofGivesTheSystemIdentifiers) {
   EXPECT_TRUE(IsEqualIID(aCases[3].guidExpected, __uuidof(IStream*)));
 }
 
-TEST(ComBstr, LayoutHasByteLengthPrefixAndZeroTerminator) {
-  BSTR bstr = SysAllocString(KV_W("abc"));
-  ASSERT_NE(nullptr, bstr);
-  EXPECT_EQ(6u, PrefixOf(bstr));
-  EXPECT_EQ(3u, SysStringLen(bstr));
-  EXPECT_EQ(6u, SysStringByteLen(bstr));
-  EXPECT_EQ(WString(KV_W("abc")), WString(bstr, 3));
-  EXPECT_EQ(0, bstr[3]);
-  SysFreeString(bstr);
-
-  bstr = SysAllocString(KV_W(""));
-  ASSERT_NE(nullptr, bstr);
-  EXPECT_EQ(0u, PrefixOf(bstr));
-  EXPECT_EQ(0, bstr[0]);
-  SysFreeString(bstr);
+// Every way to allocate: a prefix holding the byte length, the bytes given (none given: room for
+// them), and a zero after them, which is a whole zero character when the length is even.
+TEST(ComBstr, EveryAllocationHasItsByteLengthPrefixItsBytesAndAZeroAfterThem) {
+  const WCHAR achText[] = {'a', 0, 'b', 0, 'c'};  // embedded zeros are kept
+  struct SCase {
+    const char* pszHow;
+    BSTR bstr;
+    UINT cbExpected;
+    const void* pvBytes;  // null: not checked
+  };
+  const SCase aCases[] = {
+      {"SysAllocString", SysAllocString(KV_W("abc")), 6, KV_W("abc")},
+      {"SysAllocString, empty", SysAllocString(KV_W("")), 0, nullptr},
+      {"SysAllocStringLen", SysAllocStringLen(achText, 5), 10, achText},
+      {"SysAllocStringLen, no source", SysAllocStringLen(nullptr, 7), 14, nullptr},
+      {"SysAllocStringLen, no characters", SysAllocStringLen(KV_W("xyz"), 0), 0, nullptr},
+      {"SysAllocStringByteLen, odd", SysAllocStringByteLen("abc", 3), 3, "abc"},
+      {"SysAllocStringByteLen, no source", SysAllocStringByteLen(nullptr, 4), 4, nullptr},
+  };
+  for (const SCase& c : aCases) {
+    SCOPED_TRACE(c.pszHow);
+    if (!c.bstr) {
+      ADD_FAILURE() << "no string";
+      continue;
+    }
+    EXPECT_EQ(c.cbExpected, PrefixOf(c.bstr));
+    EXPECT_EQ(c.cbExpected, SysStringByteLen(c.bstr));
+    EXPECT_EQ(c.cbExpected / 2, SysStringLen(c.bstr));
+    if (c.pvBytes) {
+      EXPECT_EQ(0, std::memcmp(c.pvBytes, c.bstr, c.cbExpected));
+    }
+    EXPECT_EQ(0, reinterpret_cast<const char*>(c.bstr)[c.cbExpected]);
+    if (c.cbExpected % 2 == 0) {
+      EXPECT_EQ(0, c.bstr[c.cbExpected / 2]);
+    }
+    SysFreeString(c.bstr);
+  }
 
   EXPECT_EQ(nullptr, SysAllocString(nullptr));
   EXPECT_EQ(0u, SysStringLen(nullptr));
   EXPECT_EQ(0u, SysStringByteLen(nullptr));
   SysFreeString(nullptr);
-}
-
-TEST(ComBstr, LengthGivenStringsKeepEmbeddedZeros) {
-  const WCHAR achText[] = {'a', 0, 'b', 0, 'c'};
-  BSTR bstr = SysAllocStringLen(achText, 5);
-  ASSERT_NE(nullptr, bstr);
-  EXPECT_EQ(5u, SysStringLen(bstr));
-  EXPECT_EQ(10u, PrefixOf(bstr));
-  EXPECT_EQ(0, std::memcmp(achText, bstr, sizeof(achText)));
-  EXPECT_EQ(0, bstr[5]);
-  SysFreeString(bstr);
-
-  // A null source gives room for the characters, still counted and terminated.
-  bstr = SysAllocStringLen(nullptr, 7);
-  ASSERT_NE(nullptr, bstr);
-  EXPECT_EQ(7u, SysStringLen(bstr));
-  EXPECT_EQ(0, bstr[7]);
-  SysFreeString(bstr);
-
-  bstr = SysAllocStringLen(KV_W("xyz"), 0);
-  ASSERT_NE(nullptr, bstr);
-  EXPECT_EQ(0u, SysStringLen(bstr));
-  SysFreeString(bstr);
-}
-
-TEST(ComBstr, ByteLengthStringsMayHaveOddLength) {
-  BSTR bstr = SysAllocStringByteLen("abc", 3);
-  ASSERT_NE(nullptr, bstr);
-  EXPECT_EQ(3u, SysStringByteLen(bstr));
-  EXPECT_EQ(3u, PrefixOf(bstr));
-  EXPECT_EQ(1u, SysStringLen(bstr));
-  const char* pBytes = reinterpret_cast<const char*>(bstr);
-  EXPECT_EQ(0, std::memcmp("abc", pBytes, 3));
-  EXPECT_EQ(0, pBytes[3]);
-  SysFreeString(bstr);
-
-  bstr = SysAllocStringByteLen(nullptr, 4);
-  ASSERT_NE(nullptr, bstr);
-  EXPECT_EQ(4u, SysStringByteLen(bstr));
-  EXPECT_EQ(2u, SysStringLen(bstr));
-  EXPECT_EQ(0, bstr[2]);
-  SysFreeString(bstr);
 }
 
 TEST(ComBstr, ReallocationReplacesTheString) {

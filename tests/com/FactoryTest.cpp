@@ -214,21 +214,10 @@ TEST_F(ComFactoryTest, ConcurrentFirstRequestsShareOneClassObject) {
   constexpr int kThreads = 8;
   std::vector<IClassFactory*> vFactories(kThreads, nullptr);
   std::vector<HRESULT> vResults(kThreads, E_FAIL);
-  std::atomic<bool> bGo{false};
-  std::vector<std::thread> vThreads;
-  for (int t = 0; t < kThreads; ++t) {
-    vThreads.emplace_back([&, t] {
-      while (!bGo.load()) {
-        std::this_thread::yield();
-      }
-      vResults[t] = CComModule::GetClassObject(kClsidCustom, __uuidof(IClassFactory),
-                                               reinterpret_cast<void**>(&vFactories[t]));
-    });
-  }
-  bGo = true;
-  for (std::thread& thread : vThreads) {
-    thread.join();
-  }
+  RunTogether(kThreads, [&](int t) {
+    vResults[t] = CComModule::GetClassObject(kClsidCustom, __uuidof(IClassFactory),
+                                             reinterpret_cast<void**>(&vFactories[t]));
+  });
   EXPECT_EQ(1, CCustomFactory::s_counters.cConstructed.load());
   for (int t = 0; t < kThreads; ++t) {
     EXPECT_EQ(S_OK, vResults[t]);

@@ -330,23 +330,7 @@ TEST_F(ComObjectTest, ConcurrentAddRefAndReleaseLoseNoCountAndDestroyOnce) {
   ASSERT_EQ(S_OK, CAlphaBetaObject::CreateInstance(&p));
   p->AddRef();
 
-  std::atomic<bool> bGo{false};
-  auto fnRun = [&](auto fnBody) {
-    std::vector<std::thread> vThreads;
-    for (int t = 0; t < kThreads; ++t) {
-      vThreads.emplace_back([&, t] {
-        while (!bGo.load()) {
-          std::this_thread::yield();
-        }
-        fnBody(t);
-      });
-    }
-    bGo = true;
-    for (std::thread& thread : vThreads) {
-      thread.join();
-    }
-    bGo = false;
-  };
+  auto fnRun = [](auto fnBody) { RunTogether(kThreads, fnBody); };
 
   // Half the threads count through AddRef, half through QueryInterface.
   fnRun([p](int t) {

@@ -4,35 +4,27 @@
 
 #include <atomic>
 #include <new>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "com/ComKit.h"
 
-MIDL_INTERFACE("6B1D3C10-4F0A-4C55-9E21-0A7C51D2E001")
-ITestAlpha : public IUnknown {
-  STDMETHOD(GetAlpha)(LONG * pValue) = 0;
-};
-__CRT_UUID_DECL(ITestAlpha, 0x6B1D3C10, 0x4F0A, 0x4C55, 0x9E, 0x21, 0x0A, 0x7C, 0x51, 0xD2, 0xE0, 0x01)
+// A test interface with one getter, derived from base, whose GUID ends in the byte last (two hex
+// digits).
+#define KV_TEST_INTERFACE(name, base, method, last)                   \
+  MIDL_INTERFACE("6B1D3C10-4F0A-4C55-9E21-0A7C51D2E0" #last)          \
+  name : public base {                                                \
+    STDMETHOD(method)(LONG * pValue) = 0;                             \
+  };                                                                  \
+  __CRT_UUID_DECL(name, 0x6B1D3C10, 0x4F0A, 0x4C55, 0x9E, 0x21, 0x0A, 0x7C, 0x51, 0xD2, 0xE0, 0x##last)
 
-MIDL_INTERFACE("6B1D3C10-4F0A-4C55-9E21-0A7C51D2E002")
-ITestBeta : public IUnknown {
-  STDMETHOD(GetBeta)(LONG * pValue) = 0;
-};
-__CRT_UUID_DECL(ITestBeta, 0x6B1D3C10, 0x4F0A, 0x4C55, 0x9E, 0x21, 0x0A, 0x7C, 0x51, 0xD2, 0xE0, 0x02)
-
+KV_TEST_INTERFACE(ITestAlpha, IUnknown, GetAlpha, 01)
+KV_TEST_INTERFACE(ITestBeta, IUnknown, GetBeta, 02)
 // Derived from ITestAlpha, so a class serving it inherits ITestAlpha through it.
-MIDL_INTERFACE("6B1D3C10-4F0A-4C55-9E21-0A7C51D2E003")
-ITestGamma : public ITestAlpha {
-  STDMETHOD(GetGamma)(LONG * pValue) = 0;
-};
-__CRT_UUID_DECL(ITestGamma, 0x6B1D3C10, 0x4F0A, 0x4C55, 0x9E, 0x21, 0x0A, 0x7C, 0x51, 0xD2, 0xE0, 0x03)
-
-MIDL_INTERFACE("6B1D3C10-4F0A-4C55-9E21-0A7C51D2E004")
-ITestDelta : public IUnknown {
-  STDMETHOD(GetDelta)(LONG * pValue) = 0;
-};
-__CRT_UUID_DECL(ITestDelta, 0x6B1D3C10, 0x4F0A, 0x4C55, 0x9E, 0x21, 0x0A, 0x7C, 0x51, 0xD2, 0xE0, 0x04)
+KV_TEST_INTERFACE(ITestGamma, ITestAlpha, GetGamma, 03)
+KV_TEST_INTERFACE(ITestDelta, IUnknown, GetDelta, 04)
 
 // Served by nobody.
 MIDL_INTERFACE("6B1D3C10-4F0A-4C55-9E21-0A7C51D2E0FF")
@@ -40,6 +32,22 @@ ITestNobody : public IUnknown {};
 __CRT_UUID_DECL(ITestNobody, 0x6B1D3C10, 0x4F0A, 0x4C55, 0x9E, 0x21, 0x0A, 0x7C, 0x51, 0xD2, 0xE0, 0xFF)
 
 namespace NSTest {
+
+// Runs fnBody(t) for t = 0 .. cThreads - 1, each on a thread of its own, all released at once, and
+// waits for them.
+template <class TBody>
+void RunTogether(int cThreads, TBody fnBody) {
+  std::atomic<bool> bGo{false};
+  std::vector<std::thread> vThreads;
+  for (int t = 0; t < cThreads; ++t) {
+    vThreads.emplace_back([&, t] {
+      while (!bGo.load()) std::this_thread::yield();
+      fnBody(t);
+    });
+  }
+  bGo = true;
+  for (std::thread& thread : vThreads) thread.join();
+}
 
 // Per-class counters of constructions, destructions and FinalRelease calls.
 struct SCounters {

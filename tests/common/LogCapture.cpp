@@ -1,5 +1,7 @@
 #include "common/LogCapture.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <stdexcept>
 
@@ -130,6 +132,25 @@ std::vector<SLoggedReport> CLogCapture::Reports(const WString& strCategory) cons
     if (report.strCategory == strCategory) reports.push_back(std::move(report));
   }
   return reports;
+}
+
+bool ExpectReports(const std::vector<SLoggedReport>& reports, const std::vector<SExpectedReport>& vExpected) {
+  EXPECT_EQ(reports.size(), vExpected.size());
+  if (reports.size() != vExpected.size()) return false;
+  for (size_t i = 0; i < reports.size(); ++i) {
+    SCOPED_TRACE("report " + std::to_string(i));
+    const SExpectedReport& expected = vExpected[i];
+    if (expected.strCategory) {
+      EXPECT_EQ(NSPlatform::WideToUtf8(reports[i].strCategory), *expected.strCategory);
+    }
+    if (expected.strText) {
+      EXPECT_EQ(NSPlatform::WideToUtf8(reports[i].strText), *expected.strText);
+    }
+    if (expected.strFunction) {
+      EXPECT_EQ(reports[i].strFunction, *expected.strFunction);
+    }
+  }
+  return true;
 }
 
 }  // namespace NSTest

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,5 +52,16 @@ class CLogCapture {
 // Parses a sequence of <report> elements as the engine writes them. Throws std::runtime_error on
 // text that is not in that form, so that a malformed log fails the test that reads it.
 std::vector<SLoggedReport> ParseLogText(const std::string& strUtf8);
+
+// What a test expects of one report, in UTF-8; a field left empty ({}) is not checked.
+struct SExpectedReport {
+  std::optional<std::string> strCategory;
+  std::optional<std::string> strText;
+  std::optional<std::string> strFunction;
+};
+
+// Checks that reports are exactly the expected ones, in order, field by field. Answers whether
+// their numbers agree, so that a caller may go on to look at single reports.
+bool ExpectReports(const std::vector<SLoggedReport>& reports, const std::vector<SExpectedReport>& vExpected);
 
 }  // namespace NSTest

@@ -1,5 +1,7 @@
 #include "common/TempDir.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <random>
@@ -88,6 +90,12 @@ HRESULT DeleteTree(const WString& strPath) {
     hr = DeleteTree(CombinePath(strPath, vEntries[i].strName));
   }
   return SUCCEEDED(hr) ? RemoveDir(strPath.c_str()) : hr;
+}
+
+std::string FileContents(const WString& strPath) {
+  std::string str;
+  EXPECT_EQ(ReadFileBytes(strPath, &str), S_OK) << WideToUtf8(strPath);
+  return str;
 }
 
 }  // namespace NSTest

@@ -29,6 +29,8 @@ class CTempDir {
 // A whole file's bytes, written (created or replaced) and read back through the platform layer.
 HRESULT WriteFileBytes(const WString& strPath, std::string_view bytes);
 HRESULT ReadFileBytes(const WString& strPath, std::string* pBytes);
+// A whole file's bytes; a file that cannot be read fails the test (naming the file) and reads empty.
+std::string FileContents(const WString& strPath);
 
 // Deletes a file or a directory tree, clearing read-only attributes on the way.
 HRESULT DeleteTree(const WString& strPath);

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <kronvale/KronvaleResults.h>
 
+#include <string>
+
 #include "frame/Resources.h"
 #include "platform/os.h"
 
@@ -14,72 +16,50 @@ namespace {
 
 std::u16string Units(const WString& str) { return std::u16string(str.begin(), str.end()); }
 
-const char kszKronvaleScript[] =
-    "HKCR\n"
-    "{\n"
-    "\tKronvale.Kronvale.1 = s 'Kronvale Class'\n"
-    "\t{\n"
-    "\t\tCLSID = s '{78AD445A-55DC-40C3-AC1D-774A80581CF7}'\n"
-    "\t}\n"
-    "\tKronvale.Kronvale = s 'Kronvale Class'\n"
-    "\t{\n"
-    "\t\tCLSID = s '{78AD445A-55DC-40C3-AC1D-774A80581CF7}'\n"
-    "\t\tCurVer = s 'Kronvale.Kronvale.1'\n"
-    "\t}\n"
-    "\tNoRemove CLSID\n"
-    "\t{\n"
-    "\t\tForceRemove {78AD445A-55DC-40C3-AC1D-774A80581CF7} = s 'Kronvale Class'\n"
-    "\t\t{\n"
-    "\t\t\tProgID = s 'Kronvale.Kronvale.1'\n"
-    "\t\t\tVersionIndependentProgID = s 'Kronvale.Kronvale'\n"
-    "\t\t\tInprocServer32 = s '%MODULE%'\n"
-    "\t\t\t{\n"
-    "\t\t\t\tval ThreadingModel = s 'Both'\n"
-    "\t\t\t}\n"
-    "\t\t\tval AppID = s '%APPID%'\n"
-    "\t\t\t'TypeLib' = s '{A65A3C72-B362-4928-9C8C-349AC0C5DFF8}'\n"
-    "\t\t}\n"
-    "\t}\n"
-    "}\n"
-    "HKCR\n"
-    "{\n"
-    "\tNoRemove AppID\n"
-    "\t{\n"
-    "\t\t'%APPID%' = s 'Kronvale'\n"
-    "\t\t'Kronvale.DLL'\n"
-    "\t\t{\n"
-    "\t\t\tval AppID = s '%APPID%'\n"
-    "\t\t}\n"
-    "\t}\n"
-    "}\n";
+// The registrar script of the class Kronvale.<strName>: its two ProgIDs and its CLSID entry.
+std::string ClassScript(const std::string& strName, const std::string& strClsid) {
+  const std::string strProgId = "Kronvale." + strName;
+  return "HKCR\n"
+         "{\n"
+         "\t" + strProgId + ".1 = s '" + strName + " Class'\n"
+         "\t{\n"
+         "\t\tCLSID = s '{" + strClsid + "}'\n"
+         "\t}\n"
+         "\t" + strProgId + " = s '" + strName + " Class'\n"
+         "\t{\n"
+         "\t\tCLSID = s '{" + strClsid + "}'\n"
+         "\t\tCurVer = s '" + strProgId + ".1'\n"
+         "\t}\n"
+         "\tNoRemove CLSID\n"
+         "\t{\n"
+         "\t\tForceRemove {" + strClsid + "} = s '" + strName + " Class'\n"
+         "\t\t{\n"
+         "\t\t\tProgID = s '" + strProgId + ".1'\n"
+         "\t\t\tVersionIndependentProgID = s '" + strProgId + "'\n"
+         "\t\t\tInprocServer32 = s '%MODULE%'\n"
+         "\t\t\t{\n"
+         "\t\t\t\tval ThreadingModel = s 'Both'\n"
+         "\t\t\t}\n"
+         "\t\t\tval AppID = s '%APPID%'\n"
+         "\t\t\t'TypeLib' = s '{A65A3C72-B362-4928-9C8C-349AC0C5DFF8}'\n"
+         "\t\t}\n"
+         "\t}\n"
+         "}\n";
+}
 
-const char kszRecordScript[] =
-    "HKCR\n"
-    "{\n"
-    "\tKronvale.Record.1 = s 'Record Class'\n"
-    "\t{\n"
-    "\t\tCLSID = s '{E07A6959-FE49-42DB-B27B-0A427430FF87}'\n"
-    "\t}\n"
-    "\tKronvale.Record = s 'Record Class'\n"
-    "\t{\n"
-    "\t\tCLSID = s '{E07A6959-FE49-42DB-B27B-0A427430FF87}'\n"
-    "\t\tCurVer = s 'Kronvale.Record.1'\n"
-    "\t}\n"
-    "\tNoRemove CLSID\n"
-    "\t{\n"
-    "\t\tForceRemove {E07A6959-FE49-42DB-B27B-0A427430FF87} = s 'Record Class'\n"
-    "\t\t{\n"
-    "\t\t\tProgID = s 'Kronvale.Record.1'\n"
-    "\t\t\tVersionIndependentProgID = s 'Kronvale.Record'\n"
-    "\t\t\tInprocServer32 = s '%MODULE%'\n"
-    "\t\t\t{\n"
-    "\t\t\t\tval ThreadingModel = s 'Both'\n"
-    "\t\t\t}\n"
-    "\t\t\tval AppID = s '%APPID%'\n"
-    "\t\t\t'TypeLib' = s '{A65A3C72-B362-4928-9C8C-349AC0C5DFF8}'\n"
-    "\t\t}\n"
-    "\t}\n"
-    "}\n";
+// The archive's class also registers the module's AppID.
+const std::string kstrKronvaleScript = ClassScript("Kronvale", "78AD445A-55DC-40C3-AC1D-774A80581CF7") +
+                                       "HKCR\n"
+                                       "{\n"
+                                       "\tNoRemove AppID\n"
+                                       "\t{\n"
+                                       "\t\t'%APPID%' = s 'Kronvale'\n"
+                                       "\t\t'Kronvale.DLL'\n"
+                                       "\t\t{\n"
+                                       "\t\t\tval AppID = s '%APPID%'\n"
+                                       "\t\t}\n"
+                                       "\t}\n"
+                                       "}\n";
 
 }  // namespace
 
@@ -89,19 +69,10 @@ TEST(Resources, RegistrarScriptsAreTheirExactText) {
   ASSERT_EQ(GetRegistryScript(102, &str102), S_OK);
   ASSERT_EQ(GetRegistryScript(103, &str103), S_OK);
   ASSERT_EQ(GetRegistryScript(104, &str104), S_OK);
-  EXPECT_EQ(str101, kszKronvaleScript);
-  EXPECT_EQ(str103, kszKronvaleScript);
-  EXPECT_EQ(str102, kszRecordScript);
-  // 104 is 102 with the extract's names.
-  std::string strExtract = kszRecordScript;
-  for (auto [pszFrom, pszTo] : {std::pair{"Kronvale.Record", "Kronvale.RecordExtract"},
-                                std::pair{"'Record Class'", "'RecordExtract Class'"},
-                                std::pair{"E07A6959-FE49-42DB-B27B-0A427430FF87", "2F42387D-15C5-4C16-B9B8-44E099A9F560"}}) {
-    for (size_t i = strExtract.find(pszFrom); i != std::string::npos; i = strExtract.find(pszFrom, i + 1)) {
-      strExtract.replace(i, std::string(pszFrom).size(), pszTo);
-    }
-  }
-  EXPECT_EQ(str104, strExtract);
+  EXPECT_EQ(str101, kstrKronvaleScript);
+  EXPECT_EQ(str103, kstrKronvaleScript);
+  EXPECT_EQ(str102, ClassScript("Record", "E07A6959-FE49-42DB-B27B-0A427430FF87"));
+  EXPECT_EQ(str104, ClassScript("RecordExtract", "2F42387D-15C5-4C16-B9B8-44E099A9F560"));
 
   std::string strNone = "unchanged";
   EXPECT_EQ(GetRegistryScript(100, &strNone), khrResourceNameNotFound);

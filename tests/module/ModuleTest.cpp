@@ -28,37 +28,35 @@ class CLocaleWatchingRegistry : public NSFrame::IRegistryTarget {
   std::vector<DWORD> m_vLocales;
 
   HRESULT CreateKey(ERegistryRoot eRoot, const WString& strKey) override {
-    Note();
-    return m_registry.CreateKey(eRoot, strKey);
+    return Forward(&CMemoryRegistry::CreateKey, eRoot, strKey);
   }
   HRESULT OpenKey(ERegistryRoot eRoot, const WString& strKey) override {
-    Note();
-    return m_registry.OpenKey(eRoot, strKey);
+    return Forward(&CMemoryRegistry::OpenKey, eRoot, strKey);
   }
   HRESULT SetStringValue(ERegistryRoot eRoot, const WString& strKey, const WString& strName,
                          const WString& strValue) override {
-    Note();
-    return m_registry.SetStringValue(eRoot, strKey, strName, strValue);
+    return Forward(&CMemoryRegistry::SetStringValue, eRoot, strKey, strName, strValue);
   }
   HRESULT DeleteValue(ERegistryRoot eRoot, const WString& strKey, const WString& strName) override {
-    Note();
-    return m_registry.DeleteValue(eRoot, strKey, strName);
+    return Forward(&CMemoryRegistry::DeleteValue, eRoot, strKey, strName);
   }
   HRESULT DeleteKey(ERegistryRoot eRoot, const WString& strKey) override {
-    Note();
-    return m_registry.DeleteKey(eRoot, strKey);
+    return Forward(&CMemoryRegistry::DeleteKey, eRoot, strKey);
   }
   HRESULT DeleteTree(ERegistryRoot eRoot, const WString& strKey) override {
-    Note();
-    return m_registry.DeleteTree(eRoot, strKey);
+    return Forward(&CMemoryRegistry::DeleteTree, eRoot, strKey);
   }
   HRESULT HasSubKeys(ERegistryRoot eRoot, const WString& strKey, bool* pbHasSubKeys) override {
-    Note();
-    return m_registry.HasSubKeys(eRoot, strKey, pbHasSubKeys);
+    return Forward(&CMemoryRegistry::HasSubKeys, eRoot, strKey, pbHasSubKeys);
   }
 
  private:
-  void Note() { m_vLocales.push_back(NSPlatform::GetThreadLocaleId()); }
+  // Notes the thread's locale, then lets the memory registry answer.
+  template <class TMethod, class... TArgs>
+  HRESULT Forward(TMethod method, TArgs... args) {
+    m_vLocales.push_back(NSPlatform::GetThreadLocaleId());
+    return (m_registry.*method)(args...);
+  }
 };
 
 // Sets a thread locale for the test and puts the previous one back.

@@ -129,26 +129,37 @@ std::string ReadTheFrame(IRecord* pReader) {
   return strFrame;
 }
 
+// The first process's side: the library loaded with its factory, and a scratch directory holding
+// the archive's path.
+class CFirstProcess : public testing::Test {
+ protected:
+  void SetUp() override {
+    GetFactory(m_library, &m_pFactory);
+    ASSERT_TRUE(m_pFactory);
+  }
+
+  NSTest::CLibrary m_library;
+  CPtr<IArchiveFactory> m_pFactory;
+  NSTest::CTempDir m_dir;
+  const WString m_strArchive = m_dir.Sub(KV_W("arc"));
+};
+using RecordingProcess = CFirstProcess;
+using RepairingProcess = CFirstProcess;
+
 }  // namespace
 
 // The recorder: makes an archive, writes a frame and keeps its writer while the second process
 // runs, then writes on and deletes the record itself.
-TEST(RecordingProcess, ASecondProcessReadsButNeitherWritesNorDeletes) {
-  NSTest::CLibrary library;
-  CPtr<IArchiveFactory> pFactory;
-  GetFactory(library, &pFactory);
-  ASSERT_TRUE(pFactory);
-  NSTest::CTempDir dir;
-  const WString strArchive = dir.Sub(KV_W("arc"));
+TEST_F(RecordingProcess, ASecondProcessReadsButNeitherWritesNorDeletes) {
   CPtr<IKronvale> pArchive;
-  ASSERT_EQ(S_OK, pFactory->CreateArchive(CBstr(strArchive), &pArchive));
+  ASSERT_EQ(S_OK, m_pFactory->CreateArchive(CBstr(m_strArchive), &pArchive));
   CPtr<IRecord> pWriter;
   ASSERT_EQ(S_OK, pArchive->CreateRecord(CBstr(KV_W("cam")), &pWriter));
   BYTE abData[] = {'f', 'r', 'a', 'm', 'e'};
   const SFrameBuffer buffer = {abData, sizeof(abData)};
   ASSERT_EQ(S_OK, pWriter->Write(kftFrame, 1, &buffer, 1));
 
-  EXPECT_EQ(0, RunSecondProcess(strArchive));
+  EXPECT_EQ(0, RunSecondProcess(m_strArchive));
 
   // The recorder goes on as if nothing had happened.
   const FILETIME ftNext = {kftFrame.dwLowDateTime + 400000u, kftFrame.dwHighDateTime};
@@ -158,7 +169,7 @@ TEST(RecordingProcess, ASecondProcessReadsButNeitherWritesNorDeletes) {
   // The factory forgets the archive, so that the library holds no object after the test.
   pWriter.Reset();
   pArchive.Reset();
-  EXPECT_EQ(S_OK, pFactory->DeleteArchive(CBstr(strArchive)));
+  EXPECT_EQ(S_OK, m_pFactory->DeleteArchive(CBstr(m_strArchive)));
 }
 
 // Runs only as the second process (skipped when the variable is not set).
@@ -216,13 +227,7 @@ TEST(ExitWhileWorking, ExitsHoldingItsArchive) {
 // A writer repairs an hour torn by a crash while a reading process has that hour open (its files
 // and its index mapped): the repair must neither fail for the reader's handles nor leave the hour
 // without its index, and the reader goes on reading what it has.
-TEST(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
-  NSTest::CLibrary library;
-  CPtr<IArchiveFactory> pFactory;
-  GetFactory(library, &pFactory);
-  ASSERT_TRUE(pFactory);
-  NSTest::CTempDir dir;
-  const WString strArchive = dir.Sub(KV_W("arc"));
+TEST_F(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
   BYTE abData[] = {'f', 'r', 'a', 'm', 'e'};
   const SFrameBuffer buffer = {abData, sizeof(abData)};
   auto at = [](DWORD dwSeconds) {
@@ -231,7 +236,7 @@ TEST(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
   };
   {
     CPtr<IKronvale> pArchive;
-    ASSERT_EQ(S_OK, pFactory->CreateArchive(CBstr(strArchive), &pArchive));
+    ASSERT_EQ(S_OK, m_pFactory->CreateArchive(CBstr(m_strArchive), &pArchive));
     CPtr<IRecord> pWriter;
     ASSERT_EQ(S_OK, pArchive->CreateRecord(CBstr(KV_W("cam")), &pWriter));
     for (DWORD i = 0; i < 3; ++i) ASSERT_EQ(S_OK, pWriter->Write(at(i), 1, &buffer, 1));
@@ -241,7 +246,7 @@ TEST(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
   }
   // The crash tore the last frame of the hour.
   std::vector<NSPlatform::SDirEntry> vYears;
-  WString strHour = strArchive + KV_W("/cam");
+  WString strHour = m_strArchive + KV_W("/cam");
   for (int nLevel = 0; nLevel < 4; ++nLevel) {
     std::vector<NSPlatform::SDirEntry> v;
     ASSERT_EQ(S_OK, NSPlatform::ListDir(strHour.c_str(), &v));
@@ -257,11 +262,11 @@ TEST(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
   strBytes.resize(strBytes.size() - 30);
   ASSERT_EQ(S_OK, NSTest::WriteFileBytes(strData, strBytes));
 
-  CSecondProcess reader(strArchive, "HoldingReader");
-  ASSERT_TRUE(WaitForFile(dir.Sub(KV_W("ready"))));
+  CSecondProcess reader(m_strArchive, "HoldingReader");
+  ASSERT_TRUE(WaitForFile(m_dir.Sub(KV_W("ready"))));
   {
     CPtr<IKronvale> pArchive;
-    ASSERT_EQ(S_OK, pFactory->OpenArchive(CBstr(strArchive), &pArchive));
+    ASSERT_EQ(S_OK, m_pFactory->OpenArchive(CBstr(m_strArchive), &pArchive));
     CPtr<IRecord> pWriter;
     ASSERT_EQ(S_OK, pArchive->CreateRecord(CBstr(KV_W("cam")), &pWriter));
     DWORD dwFlags = 0;
@@ -269,7 +274,7 @@ TEST(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
     EXPECT_EQ(S_FALSE, pWriter->Read(at(0), &dwFlags, nullptr, 0));
     EXPECT_EQ(khrNotFound, pWriter->Read(at(2), &dwFlags, nullptr, 0));
     EXPECT_EQ(S_OK, pWriter->Write(at(3), 1, &buffer, 1));
-    ASSERT_EQ(S_OK, NSTest::WriteFileBytes(dir.Sub(KV_W("done")), "done"));
+    ASSERT_EQ(S_OK, NSTest::WriteFileBytes(m_dir.Sub(KV_W("done")), "done"));
     EXPECT_EQ(0, reader.Wait());
     EXPECT_EQ(S_FALSE, pWriter->Read(at(3), &dwFlags, nullptr, 0));
     pWriter.Reset();
@@ -277,7 +282,7 @@ TEST(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
   }
   for (const WCHAR* pszName : {KV_W("descriptor.alh"), KV_W("descriptor.ald")})
     EXPECT_TRUE(NSPlatform::PathExists(NSPlatform::CombinePath(strHour, pszName).c_str()));
-  EXPECT_EQ(S_OK, pFactory->DeleteArchive(CBstr(strArchive)));
+  EXPECT_EQ(S_OK, m_pFactory->DeleteArchive(CBstr(m_strArchive)));
 }
 
 TEST(HoldingReader, HoldsTheHourOpenUntilTold) {

@@ -36,6 +36,17 @@ class CDisks {
   void FreeAll() { NSFault::Reset(); }
 };
 
+// How many partitions the multipart archive answers (none when the call fails); lets go of them.
+DWORD PartitionCount(IMultipartArchive* pMultipart) {
+  DWORD cPartitions = 0;
+  IKronvale** ppPartitions = nullptr;
+  EXPECT_EQ(S_OK, pMultipart->GetPartitions(&cPartitions, &ppPartitions));
+  if (!ppPartitions) return 0;
+  for (DWORD i = 0; i < cPartitions; ++i) ppPartitions[i]->Release();
+  CoTaskMemFree(ppPartitions);
+  return cPartitions;
+}
+
 class MultipartTest : public ::testing::Test {
  protected:
   void SetUp() override { NewFactory(); }
@@ -206,12 +217,7 @@ TEST_F(MultipartTest, TheFileKeepsPartitionsOptionsDescriptionAndTheActiveChoice
   ASSERT_EQ(S_OK, pMultipart->GetPartitionOptions(pDisk2, &options));
   EXPECT_EQ(7u, options.dwFlags);
   EXPECT_EQ(9u, options.bOrder);
-  DWORD cPartitions = 0;
-  IKronvale** ppPartitions = nullptr;
-  ASSERT_EQ(S_OK, pMultipart->GetPartitions(&cPartitions, &ppPartitions));
-  EXPECT_EQ(3u, cPartitions);
-  for (DWORD i = 0; i < cPartitions; ++i) ppPartitions[i]->Release();
-  CoTaskMemFree(ppPartitions);
+  EXPECT_EQ(3u, PartitionCount(pMultipart));
   NSCom::CComBSTR bstrDescription;
   ASSERT_EQ(S_OK, pMultipart->GetDescription(&bstrDescription));
   EXPECT_EQ(W("Gate <cams> & \xC3\xA9t\xC3\xA9"), WString(bstrDescription.m_str));
@@ -281,12 +287,7 @@ TEST_F(MultipartTest, FilesThatAreNotOursAreRefusedAndNothingIsDeleted) {
     EXPECT_EQ(1u, Count(capture.Reports(KV_W("error")), W("Partition '") + W(strMissing.c_str()) +
                                                             W("' of multipart archive '") + strFile +
                                                             W("' cannot be opened (0x80070003); it is skipped\n")));
-    DWORD cPartitions = 0;
-    IKronvale** ppPartitions = nullptr;
-    ASSERT_EQ(S_OK, pMultipart->GetPartitions(&cPartitions, &ppPartitions));
-    ASSERT_EQ(1u, cPartitions);
-    ppPartitions[0]->Release();
-    CoTaskMemFree(ppPartitions);
+    ASSERT_EQ(1u, PartitionCount(pMultipart));
     ASSERT_EQ(S_OK, pMultipart->SetDescription(NSCom::CComBSTR(KV_W("saved"))));
     std::string strText;
     ASSERT_EQ(S_OK, NSTest::ReadFileBytes(strFile, &strText));

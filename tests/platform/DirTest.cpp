@@ -6,7 +6,7 @@
 
 using namespace NSPlatform;
 using NSTest::CTempDir;
-using NSTest::ReadFileBytes;
+using NSTest::FileContents;
 using NSTest::WriteFileBytes;
 
 namespace {
@@ -17,12 +17,6 @@ std::vector<std::string> Names(const std::vector<SDirEntry>& vEntries) {
   std::vector<std::string> v;
   for (const SDirEntry& entry : vEntries) v.push_back(WideToUtf8(entry.strName));
   return v;
-}
-
-std::string Contents(const WString& strPath) {
-  std::string str;
-  EXPECT_EQ(ReadFileBytes(strPath, &str), S_OK) << WideToUtf8(strPath);
-  return str;
 }
 
 }  // namespace
@@ -64,7 +58,7 @@ TEST(Dir, CreateAndRemoveAnswers) {
   const WString strOther = dir.Sub(KV_W("other.bin"));
   ASSERT_EQ(WriteFileBytes(strOther, "other"), S_OK);
   ASSERT_EQ(RenameFile(strOther.c_str(), strFile.c_str()), S_OK);
-  EXPECT_EQ(Contents(strFile), "other");
+  EXPECT_EQ(FileContents(strFile), "other");
   EXPECT_FALSE(PathExists(strOther.c_str()));
   EXPECT_EQ(RenameFile(strOther.c_str(), strFile.c_str()), static_cast<HRESULT>(0x80070002));
 }
@@ -143,24 +137,24 @@ TEST(Dir, CopyTreeCopiesNestedTrees) {
   // Onto a missing destination: the destination becomes the copy.
   const WString strCopy = dir.Sub(KV_W("copy"));
   ASSERT_EQ(CopyTree(strSrc.c_str(), strCopy.c_str()), S_OK);
-  EXPECT_EQ(Contents(Join(strCopy, KV_W("f1"))), "one");
-  EXPECT_EQ(Contents(Join(Join(strCopy, KV_W("sub")), KV_W("f2"))), "two");
-  EXPECT_EQ(Contents(Join(Join(Join(strCopy, KV_W("sub")), KV_W("deeper")), KV_W("f3"))), std::string(100000, '3'));
+  EXPECT_EQ(FileContents(Join(strCopy, KV_W("f1"))), "one");
+  EXPECT_EQ(FileContents(Join(Join(strCopy, KV_W("sub")), KV_W("f2"))), "two");
+  EXPECT_EQ(FileContents(Join(Join(Join(strCopy, KV_W("sub")), KV_W("deeper")), KV_W("f3"))), std::string(100000, '3'));
   EXPECT_TRUE(IsDirectoryEmpty(Join(Join(strCopy, KV_W("sub")), KV_W("empty")).c_str()));
 
   // Onto an existing directory: the source goes inside it under its own name.
   const WString strInto = dir.Sub(KV_W("into"));
   ASSERT_EQ(CreateDir(strInto.c_str()), S_OK);
   ASSERT_EQ(CopyTree(strSub.c_str(), strInto.c_str()), S_OK);
-  EXPECT_EQ(Contents(Join(Join(strInto, KV_W("sub")), KV_W("f2"))), "two");
+  EXPECT_EQ(FileContents(Join(Join(strInto, KV_W("sub")), KV_W("f2"))), "two");
   std::vector<SDirEntry> vEntries;
   ASSERT_EQ(ListDir(strInto.c_str(), &vEntries), S_OK);
   EXPECT_EQ(Names(vEntries), (std::vector<std::string>{"sub"}));
 
   // A single file into a directory, and the source left as it was.
   ASSERT_EQ(CopyTree(Join(strSrc, KV_W("f1")).c_str(), strInto.c_str()), S_OK);
-  EXPECT_EQ(Contents(Join(strInto, KV_W("f1"))), "one");
-  EXPECT_EQ(Contents(Join(strSrc, KV_W("f1"))), "one");
+  EXPECT_EQ(FileContents(Join(strInto, KV_W("f1"))), "one");
+  EXPECT_EQ(FileContents(Join(strSrc, KV_W("f1"))), "one");
   EXPECT_TRUE(FAILED(CopyTree(dir.Sub(KV_W("missing")).c_str(), dir.Sub(KV_W("dest")).c_str())));
   EXPECT_FALSE(PathExists(dir.Sub(KV_W("dest")).c_str()));
 }

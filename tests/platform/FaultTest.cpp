@@ -7,7 +7,7 @@
 
 using namespace NSPlatform;
 using NSTest::CTempDir;
-using NSTest::ReadFileBytes;
+using NSTest::FileContents;
 using NSTest::WriteFileBytes;
 
 namespace {
@@ -19,6 +19,13 @@ class FaultSeam : public testing::Test {
   void SetUp() override { NSFault::Reset(); }
   void TearDown() override { NSFault::Reset(); }
 
+  // Creates strName in the test's directory, open for reading and writing, and answers its path.
+  WString CreateNew(CFile* pFile, WStringView strName) {
+    const WString strFile = m_dir.Sub(strName);
+    EXPECT_EQ(pFile->Open(strFile.c_str(), dwReadWrite, 0, CREATE_NEW, 0), S_OK);
+    return strFile;
+  }
+
   NSFault::SRule Rule(NSFault::EOp eOp, unsigned nNth, DWORD dwError) {
     NSFault::SRule rule;
     rule.eOp = eOp;
@@ -26,11 +33,11 @@ class FaultSeam : public testing::Test {
     rule.dwError = dwError;
     return rule;
   }
-
-  std::string Contents(const WString& strPath) {
-    std::string str;
-    EXPECT_EQ(ReadFileBytes(strPath, &str), S_OK);
-    return str;
+  // The next write transfers at most cbShort bytes, then succeeds (dwError 0) or fails.
+  void ArmShortWrite(LONG cbShort, DWORD dwError) {
+    NSFault::SRule rule = Rule(NSFault::EOp::Write, 1, dwError);
+    rule.cbShort = cbShort;
+    NSFault::Arm(rule);
   }
 
   CTempDir m_dir;
@@ -39,9 +46,8 @@ class FaultSeam : public testing::Test {
 }  // namespace
 
 TEST_F(FaultSeam, TheThirdWriteFailsWithDiskFull) {
-  const WString strFile = m_dir.Sub(KV_W("w.bin"));
   CFile file;
-  ASSERT_EQ(file.Open(strFile.c_str(), dwReadWrite, 0, CREATE_NEW, 0), S_OK);
+  const WString strFile = CreateNew(&file, KV_W("w.bin"));
   NSFault::Arm(Rule(NSFault::EOp::Write, 3, ERROR_DISK_FULL));
   DWORD cb = 99;
   EXPECT_EQ(file.Write("aaaa", 4, &cb), S_OK);
@@ -53,7 +59,7 @@ TEST_F(FaultSeam, TheThirdWriteFailsWithDiskFull) {
   EXPECT_EQ(file.Write("dddd", 4, &cb), S_OK);  // only the third call fails
   EXPECT_EQ(NSFault::GetCallCount(NSFault::EOp::Write), 4u);
   file.Close();
-  EXPECT_EQ(Contents(strFile), "aaaabbbbdddd");
+  EXPECT_EQ(FileContents(strFile), "aaaabbbbdddd");
 
   // Sticky: every matching call from the Nth on.
   NSFault::SRule rule = Rule(NSFault::EOp::Write, 2, ERROR_WRITE_FAULT);
@@ -66,16 +72,13 @@ TEST_F(FaultSeam, TheThirdWriteFailsWithDiskFull) {
   NSFault::Disarm(NSFault::EOp::Write);
   EXPECT_EQ(file.Write("4", 1, &cb), S_OK);
   file.Close();
-  EXPECT_EQ(Contents(strFile), "14");
+  EXPECT_EQ(FileContents(strFile), "14");
 }
 
 TEST_F(FaultSeam, ShortWritesWriteOnlyTheFirstBytes) {
-  const WString strFile = m_dir.Sub(KV_W("short.bin"));
   CFile file;
-  ASSERT_EQ(file.Open(strFile.c_str(), dwReadWrite, 0, CREATE_NEW, 0), S_OK);
-  NSFault::SRule rule = Rule(NSFault::EOp::Write, 1, ERROR_SUCCESS);
-  rule.cbShort = 3;
-  NSFault::Arm(rule);
+  const WString strFile = CreateNew(&file, KV_W("short.bin"));
+  ArmShortWrite(3, ERROR_SUCCESS);
   DWORD cb = 0;
   EXPECT_EQ(file.Write("0123456789", 10, &cb), S_OK);
   EXPECT_EQ(cb, 3u);
@@ -84,30 +87,25 @@ TEST_F(FaultSeam, ShortWritesWriteOnlyTheFirstBytes) {
   EXPECT_EQ(ullSize, 3u);
 
   // Across the buffers of a gathered write.
-  rule.cbShort = 5;
-  NSFault::Arm(rule);
+  ArmShortWrite(5, ERROR_SUCCESS);
   const SIoBuffer aBuffers[] = {{"abc", 3}, {"defg", 4}, {"hij", 3}};
   EXPECT_EQ(file.WriteGather(aBuffers, 3, &cb), S_OK);
   EXPECT_EQ(cb, 5u);
   // Shorter than the request only: a larger count changes nothing.
-  rule.cbShort = 100;
-  NSFault::Arm(rule);
+  ArmShortWrite(100, ERROR_SUCCESS);
   EXPECT_EQ(file.WriteAt(8, "XY", 2, &cb), S_OK);
   EXPECT_EQ(cb, 2u);
   file.Close();
-  EXPECT_EQ(Contents(strFile), "012abcdeXY");
+  EXPECT_EQ(FileContents(strFile), "012abcdeXY");
 }
 
 // A disk that fills up in the middle of a write: the bytes that fit stay in the file and the call
 // fails. Both platforms answer the same: a rule without an error fails with ERROR_INVALID_FUNCTION,
 // and a call on a closed file is refused before the seam counts it.
 TEST_F(FaultSeam, ADiskFillingUpInsideAWriteKeepsWhatFitAndBothPlatformsCountAlike) {
-  const WString strFile = m_dir.Sub(KV_W("full.bin"));
   CFile file;
-  ASSERT_EQ(file.Open(strFile.c_str(), dwReadWrite, 0, CREATE_NEW, 0), S_OK);
-  NSFault::SRule rule = Rule(NSFault::EOp::Write, 1, ERROR_DISK_FULL);
-  rule.cbShort = 4;
-  NSFault::Arm(rule);
+  const WString strFile = CreateNew(&file, KV_W("full.bin"));
+  ArmShortWrite(4, ERROR_DISK_FULL);
   const SIoBuffer aBuffers[] = {{"abc", 3}, {"defg", 4}};
   DWORD cb = 0;
   EXPECT_EQ(file.WriteGatherAt(0, aBuffers, 2, &cb), static_cast<HRESULT>(0x80070070));
@@ -124,7 +122,7 @@ TEST_F(FaultSeam, ADiskFillingUpInsideAWriteKeepsWhatFitAndBothPlatformsCountAli
   EXPECT_EQ(file.Flush(), KvHResultFromWin32(ERROR_INVALID_HANDLE));
   EXPECT_EQ(NSFault::GetCallCount(NSFault::EOp::Read), 0u);
   NSFault::Reset();
-  EXPECT_EQ(Contents(strFile), "abcdXY");
+  EXPECT_EQ(FileContents(strFile), "abcdXY");
 }
 
 TEST_F(FaultSeam, OtherOperationsFailWithoutTouchingTheDisk) {
@@ -183,7 +181,7 @@ TEST_F(FaultSeam, OtherOperationsFailWithoutTouchingTheDisk) {
   DWORD dwAttributes = 0;
   ASSERT_EQ(GetAttributes(strFile.c_str(), &dwAttributes), S_OK);
   EXPECT_EQ(dwAttributes, static_cast<DWORD>(FILE_ATTRIBUTE_NORMAL));
-  EXPECT_EQ(Contents(strFile), "content");
+  EXPECT_EQ(FileContents(strFile), "content");
 }
 
 TEST_F(FaultSeam, FreeSpaceOverride) {

@@ -10,19 +10,13 @@
 
 using namespace NSPlatform;
 using NSTest::CTempDir;
-using NSTest::ReadFileBytes;
+using NSTest::FileContents;
 using NSTest::WriteFileBytes;
 
 namespace {
 
 constexpr DWORD dwReadWrite = GENERIC_READ | GENERIC_WRITE;
 constexpr DWORD dwShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-
-std::string Contents(const WString& strPath) {
-  std::string str;
-  EXPECT_EQ(ReadFileBytes(strPath, &str), S_OK);
-  return str;
-}
 
 ULONGLONG SizeOf(CFile& file) {
   ULONGLONG ull = ~0ull;
@@ -104,7 +98,7 @@ TEST(File, ReadWriteSeekAndEndOfFile) {
   EXPECT_EQ(file.ReadAt(100, ach, sizeof(ach), &cb), S_OK);
   EXPECT_EQ(cb, 0u);
   file.Close();
-  EXPECT_EQ(Contents(strFile), std::string("012\0\0\0ab", 8));
+  EXPECT_EQ(FileContents(strFile), std::string("012\0\0\0ab", 8));
 
   // A handle refuses what it was not opened for.
   ASSERT_EQ(file.Open(strFile.c_str(), GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, 0), S_OK);
@@ -134,7 +128,7 @@ TEST(File, WriteGatherWritesTheBuffersInOrder) {
   ASSERT_EQ(file.Write("!", 1, &cb), S_OK);  // the position moved past the gathered bytes
   ASSERT_EQ(file.Flush(), S_OK);
   file.Close();
-  EXPECT_EQ(Contents(strFile), "heABC!" + strBig.substr(2) + "tail");
+  EXPECT_EQ(FileContents(strFile), "heABC!" + strBig.substr(2) + "tail");
 
   // At an offset: beyond the end, and inside the big buffer.
   ASSERT_EQ(file.Open(strFile.c_str(), dwReadWrite, 0, OPEN_EXISTING, 0), S_OK);
@@ -144,7 +138,7 @@ TEST(File, WriteGatherWritesTheBuffersInOrder) {
   ASSERT_EQ(file.WriteGatherAt(100, aInside, 3, &cb), S_OK);
   EXPECT_EQ(cb, 6u);
   file.Close();
-  EXPECT_EQ(Contents(strFile), "heABC!" + strBig.substr(2, 94) + "12zzz3" + strBig.substr(102) + "tail" +
+  EXPECT_EQ(FileContents(strFile), "heABC!" + strBig.substr(2, 94) + "12zzz3" + strBig.substr(102) + "tail" +
                                    std::string("\0\0", 2) + "ABC");
 }
 
@@ -163,7 +157,7 @@ TEST(File, DeleteOnCloseAndTemporaryFiles) {
   EXPECT_GE(strNumber.size(), 1u);
   EXPECT_LE(strNumber.size(), 4u);
   for (WCHAR ch : strNumber) EXPECT_TRUE(std::isxdigit(static_cast<int>(ch))) << WideToUtf8(strTemp);
-  EXPECT_EQ(Contents(strTemp), "");
+  EXPECT_EQ(FileContents(strTemp), "");
   EXPECT_EQ(RemoveFile(strTemp2.c_str()), S_OK);
   WString strUnused;
   EXPECT_EQ(CreateTempFile(dir.Sub(KV_W("none")).c_str(), KV_W("kv"), &strUnused), static_cast<HRESULT>(0x8007010B));
@@ -203,7 +197,7 @@ TEST(File, ReadOnlyFilesRefuseWritersAndDeletion) {
   EXPECT_EQ(file.Open(strFile.c_str(), dwReadWrite, 0, OPEN_ALWAYS, 0), E_ACCESSDENIED);
   EXPECT_EQ(file.Open(strFile.c_str(), GENERIC_READ, 0, CREATE_ALWAYS, 0), E_ACCESSDENIED);
   EXPECT_EQ(RemoveFile(strFile.c_str()), E_ACCESSDENIED);
-  EXPECT_EQ(Contents(strFile), "keep");
+  EXPECT_EQ(FileContents(strFile), "keep");
   ASSERT_EQ(file.Open(strFile.c_str(), GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, 0), S_OK);
   file.Close();
 
@@ -309,7 +303,7 @@ TEST(File, MappingRoundTrip) {
   }
   file.Close();
   strBytes.replace(4090, 4, "VIEW");
-  EXPECT_EQ(Contents(strFile), strBytes);
+  EXPECT_EQ(FileContents(strFile), strBytes);
 
   CFileMapping mapping;
   const WString strEmpty = dir.Sub(KV_W("empty.bin"));

@@ -12,6 +12,7 @@
 
 using namespace NSKronvale;
 using NSTest::CLogCapture;
+using NSTest::ExpectReports;
 using NSTest::SLoggedReport;
 
 namespace {
@@ -103,17 +104,12 @@ TEST(ReportChecks, NullPointerReportsItsNameAndKeepsTheLastError) {
   void* pStatistic = nullptr;
   EXPECT_EQ(archive.GetStatistics(&dwCount, &pStatistic), S_OK);
 
-  std::vector<SLoggedReport> reports = capture.Reports();
-  ASSERT_EQ(reports.size(), 3u);
-  EXPECT_EQ(U8(reports[0].strText), "pdwCount\n");
-  EXPECT_EQ(U8(reports[0].strCategory), "TRASSDO");
-  EXPECT_EQ(reports[0].strFunction, "CArchiveLike::GetCount");
+  const std::vector<SLoggedReport> reports = capture.Reports();
+  ASSERT_TRUE(ExpectReports(reports, {{"TRASSDO", "pdwCount\n", "CArchiveLike::GetCount"},
+                                      {"TRASSDO", "pdwCount && ppRecordStatistic\n", "CArchiveLike::GetStatistics"},
+                                      {"TRASSDO", "p\n", "CArchiveLike::InLambda"}}));
   EXPECT_EQ(reports[0].strFile, "ReportCheckTest.cpp");
   EXPECT_GT(reports[0].nLine, 0);
-  EXPECT_EQ(U8(reports[1].strText), "pdwCount && ppRecordStatistic\n");
-  EXPECT_EQ(reports[1].strFunction, "CArchiveLike::GetStatistics");
-  EXPECT_EQ(U8(reports[2].strText), "p\n");
-  EXPECT_EQ(reports[2].strFunction, "CArchiveLike::InLambda");
 }
 
 TEST(ReportChecks, FailedResultCarriesNumberAndSystemText) {
@@ -138,16 +134,13 @@ TEST(ReportChecks, FailedResultCarriesNumberAndSystemText) {
   hrOpen = S_OK;
   EXPECT_TRUE(KV_SUCCEEDED(hrOpen));
 
-  std::vector<SLoggedReport> reports = capture.Reports();
-  ASSERT_EQ(reports.size(), 4u);
-  EXPECT_EQ(U8(reports[0].strText), "SUCCEEDED(hr-2147024894:'" + U8(NSPlatform::GetSystemErrorText(khrFileNotFound)) +
-                                        "'))\n");
-  EXPECT_EQ(U8(reports[0].strCategory), "TRASSDO");
-  EXPECT_EQ(reports[0].strFunction, "CArchiveLike::SetQuota");
-  EXPECT_EQ(U8(reports[1].strText), "SUCCEEDED(hr" + ResultValue(hrUnknown) + "))\n");
-  EXPECT_EQ(U8(reports[2].strText), "SUCCEEDED(hr" + ResultValue(E_ACCESSDENIED) + "))\n");
-  EXPECT_EQ(reports[2].strFunction, "CMultipartArchive::Save");
-  EXPECT_EQ(U8(reports[3].strText), "SUCCEEDED(hrOpen" + ResultValue(E_FAIL) + "))\n");
+  ExpectReports(
+      capture.Reports(),
+      {{"TRASSDO", "SUCCEEDED(hr-2147024894:'" + U8(NSPlatform::GetSystemErrorText(khrFileNotFound)) + "'))\n",
+        "CArchiveLike::SetQuota"},
+       {"TRASSDO", "SUCCEEDED(hr" + ResultValue(hrUnknown) + "))\n", {}},
+       {"TRASSDO", "SUCCEEDED(hr" + ResultValue(E_ACCESSDENIED) + "))\n", "CMultipartArchive::Save"},
+       {"TRASSDO", "SUCCEEDED(hrOpen" + ResultValue(E_FAIL) + "))\n", {}}});
 }
 
 int Add(int a, int b) { return a + b; }
@@ -180,19 +173,16 @@ TEST(ReportChecks, InvariantTextsWithRecordedValues) {
   EXPECT_EQ(KV_AR(Add(1, 1)), 2);
   EXPECT_FALSE(NSTest::CHolder<int>().Check(4));
 
-  std::vector<SLoggedReport> reports = capture.Reports();
-  ASSERT_EQ(reports.size(), 9u);
-  EXPECT_EQ(U8(reports[0].strText), "!(dwFileSize % sizeof(SFrameInfo))\n");
-  EXPECT_EQ(U8(reports[1].strText), "dwCount<=m_dwCount\n");
-  EXPECT_EQ(U8(reports[2].strText), "cbFile1548600)==1548608\n");
-  EXPECT_EQ(U8(reports[3].strText), "Add(2, 3)5)==6 && _TR(pszName) && _AR(bOpen)\n");
-  EXPECT_EQ(U8(reports[4].strText), "Add(2, 3)5)==5 && pszName'rec') && bOpenfalse)\n");
-  EXPECT_EQ(U8(reports[5].strText), "strTag't<1>').empty() || lDelta-7) > 0 || pv0000000000000000)\n");
-  EXPECT_EQ(U8(reports[6].strText), "pInfo && _AR(pInfo->dwSize)\n");
-  EXPECT_EQ(U8(reports[7].strText), "ab2) + a1) == 0\n");
-  EXPECT_EQ(U8(reports[8].strText), "value == T()\n");
-  EXPECT_EQ(reports[8].strFunction, "CHolder::Check");
-  for (const SLoggedReport& report : reports) EXPECT_EQ(U8(report.strCategory), "TRASSDO");
+  ExpectReports(capture.Reports(),
+                {{"TRASSDO", "!(dwFileSize % sizeof(SFrameInfo))\n", {}},
+                 {"TRASSDO", "dwCount<=m_dwCount\n", {}},
+                 {"TRASSDO", "cbFile1548600)==1548608\n", {}},
+                 {"TRASSDO", "Add(2, 3)5)==6 && _TR(pszName) && _AR(bOpen)\n", {}},
+                 {"TRASSDO", "Add(2, 3)5)==5 && pszName'rec') && bOpenfalse)\n", {}},
+                 {"TRASSDO", "strTag't<1>').empty() || lDelta-7) > 0 || pv0000000000000000)\n", {}},
+                 {"TRASSDO", "pInfo && _AR(pInfo->dwSize)\n", {}},
+                 {"TRASSDO", "ab2) + a1) == 0\n", {}},
+                 {"TRASSDO", "value == T()\n", "CHolder::Check"}});
 }
 
 bool InnerCheck(int n) { return KV_ASSERT(KV_AR(n) < 0); }
@@ -201,12 +191,9 @@ TEST(ReportChecks, NestedChecksKeepTheirOwnValues) {
   CLogCapture capture;
   int nOuter = 8;
   EXPECT_FALSE(KV_ASSERT(InnerCheck(KV_AR(nOuter)) && KV_AR(nOuter) < 0));
-  std::vector<SLoggedReport> reports = capture.Reports();
-  ASSERT_EQ(reports.size(), 2u);
-  EXPECT_EQ(U8(reports[0].strText), "n8) < 0\n");
-  EXPECT_EQ(reports[0].strFunction, "InnerCheck");
   // Every occurrence of a recorded name takes its value.
-  EXPECT_EQ(U8(reports[1].strText), "InnerCheck(nOuter8)) && nOuter8) < 0\n");
+  ExpectReports(capture.Reports(), {{"TRASSDO", "n8) < 0\n", "InnerCheck"},
+                                    {"TRASSDO", "InnerCheck(nOuter8)) && nOuter8) < 0\n", {}}});
 }
 
 TEST(ReportChecks, AtlVerifyCategoryAndFunctionNames) {
@@ -218,12 +205,9 @@ TEST(ReportChecks, AtlVerifyCategoryAndFunctionNames) {
     EXPECT_FALSE(KV_ATLVERIFY(NSPlatform::SysTimeToFileTime(&sysTime, &ftMaxFileTime)));
   }
   EXPECT_FALSE(NSTest::ConformantLike());
-  std::vector<SLoggedReport> reports = capture.Reports();
-  ASSERT_EQ(reports.size(), 2u);
-  EXPECT_EQ(U8(reports[0].strText), "NSPlatform::SysTimeToFileTime(&sysTime, &ftMaxFileTime)");
-  EXPECT_EQ(U8(reports[0].strCategory), "ATLVERIFY");
-  EXPECT_EQ(reports[0].strFunction, "ConformantFileTime");
-  EXPECT_EQ(reports[1].strFunction, "ConformantLike");
+  ExpectReports(capture.Reports(),
+                {{"ATLVERIFY", "NSPlatform::SysTimeToFileTime(&sysTime, &ftMaxFileTime)", "ConformantFileTime"},
+                 {{}, {}, "ConformantLike"}});
 
   using NSReport::FunctionNameFromSignature;
   EXPECT_EQ(FunctionNameFromSignature("virtual HRESULT NSArchive::CArchiveImpl::SetQuota(UINT64, UINT64)"),

@@ -14,6 +14,7 @@
 #include "support/WideFormat.h"
 
 using NSTest::CLogCapture;
+using NSTest::ExpectReports;
 using NSTest::SLoggedReport;
 
 namespace {
@@ -48,24 +49,19 @@ TEST(ReportLog, MessagesAtEachLevel) {
   NSReport::Report(KV_HERE, nullptr, KV_W("plain\n"));
 
   std::vector<SLoggedReport> reports = capture.Reports();
-  ASSERT_EQ(reports.size(), 7u);
-  EXPECT_EQ(U8(reports[0].strText), "Archive opened from cache: C:\\Archives\\Zürich\n");
-  EXPECT_EQ(U8(reports[0].strCategory), "message");
-  EXPECT_EQ(reports[0].strFunction, "ReportLog_MessagesAtEachLevel_Test::TestBody");
+  ASSERT_TRUE(ExpectReports(
+      reports,
+      {{"message", "Archive opened from cache: C:\\Archives\\Zürich\n", "ReportLog_MessagesAtEachLevel_Test::TestBody"},
+       {"warning", "Failed to open next hour 2021\\03\\07\\05\n", {}},
+       {"error", "Failed to delete C:\\Archives\\Zürich, hr=80070005\n", {}},
+       {"Repairing", "Repairing hour h of r\n", {}},
+       {"message",
+        "Opening record 'cam1' in archive 'C:\\Archives\\Zürich' for client 'GenericReader' in mode 0x00000002.\n",
+        {}},
+       {"DIRECT", "direct 1\n", {}},
+       {"DIRECT", "plain\n", {}}}));
   EXPECT_EQ(reports[0].strFile, "ReportLogTest.cpp");
   EXPECT_EQ(reports[0].nLine, nLine);
-  EXPECT_EQ(U8(reports[1].strCategory), "warning");
-  EXPECT_EQ(U8(reports[1].strText), "Failed to open next hour 2021\\03\\07\\05\n");
-  EXPECT_EQ(U8(reports[2].strCategory), "error");
-  EXPECT_EQ(U8(reports[2].strText), "Failed to delete C:\\Archives\\Zürich, hr=80070005\n");
-  EXPECT_EQ(U8(reports[3].strCategory), "Repairing");
-  EXPECT_EQ(U8(reports[3].strText), "Repairing hour h of r\n");
-  EXPECT_EQ(U8(reports[4].strText),
-            "Opening record 'cam1' in archive 'C:\\Archives\\Zürich' for client 'GenericReader' in mode 0x00000002.\n");
-  EXPECT_EQ(U8(reports[5].strCategory), "DIRECT");
-  EXPECT_EQ(U8(reports[5].strText), "direct 1\n");
-  EXPECT_EQ(U8(reports[6].strCategory), "DIRECT");
-  EXPECT_EQ(U8(reports[6].strText), "plain\n");
 
   // The element as written: one line per report here, with a UTC time stamp.
   std::string strRaw = capture.RawText();
@@ -115,10 +111,7 @@ TEST(ReportLog, DeclinedCategoriesDropOnlyCategorisedReports) {
   KV_LOG_MESSAGE(KV_W("accepted again\n"));
 
   std::vector<SLoggedReport> reports = capture.Reports();
-  ASSERT_EQ(reports.size(), 2u);
-  EXPECT_EQ(U8(reports[0].strCategory), "DIRECT");
-  EXPECT_EQ(U8(reports[0].strText), "kept direct\n");
-  EXPECT_EQ(U8(reports[1].strText), "accepted again\n");
+  ExpectReports(reports, {{"DIRECT", "kept direct\n", {}}, {{}, "accepted again\n", {}}});
 }
 
 TEST(ReportLog, EscapingKeepsTextIntact) {

@@ -16,11 +16,11 @@ import os
 import shutil
 import subprocess
 import sys
-import tempfile
+
+from kvtool_checks import check, run_scenarios
 import xml.etree.ElementTree as ET
 
 KVTOOL = sys.argv[1:]
-failures = []
 # kvtool.exe is built without FFmpeg: the video verbs answer that they are not in this build.
 WINDOWS = KVTOOL[-1].endswith(".exe")
 NO_VIDEO = ("kvtool: {} is not in this build: this kvtool is built without the FFmpeg libraries, so it has no video "
@@ -31,12 +31,6 @@ def run(*args, cwd):
     p = subprocess.run(KVTOOL + list(args), cwd=cwd, capture_output=True, timeout=120)
     return p.returncode, p.stdout.decode("utf-8", "replace").replace("\r\n", "\n"), \
         p.stderr.decode("utf-8", "replace").replace("\r\n", "\n"), p.stdout
-
-
-def check(cond, what):
-    if not cond:
-        failures.append(what)
-        print("FAIL:", what, flush=True)
 
 
 def ok(cwd, *args):
@@ -68,17 +62,7 @@ UTC = ["2021-03-07T10:00:00.0000000Z", "2021-03-07T10:00:00.5000000Z", "2021-03-
 
 
 def main():
-    work = tempfile.mkdtemp(prefix="kvtool-test-")
-    try:
-        scenario(work)
-        full_volume(work)
-    finally:
-        shutil.rmtree(work, ignore_errors=True)
-    if failures:
-        print(f"{len(failures)} checks failed")
-        return 1
-    print("all kvtool checks passed")
-    return 0
+    return run_scenarios("kvtool-test-", "kvtool", scenario, full_volume)
 
 
 def scenario(w):

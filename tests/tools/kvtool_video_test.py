@@ -13,14 +13,13 @@ import glob
 import hashlib
 import json
 import os
-import shutil
 import subprocess
 import sys
-import tempfile
+
+from kvtool_checks import check, run_scenarios
 from datetime import datetime, timezone
 
 KVTOOL, CHECK = sys.argv[1], sys.argv[2]
-failures = []
 EPOCH = datetime(1601, 1, 1, tzinfo=timezone.utc)
 TICKS_PER_SECOND = 10_000_000
 FRAME = 400_000  # 40 ms
@@ -36,12 +35,6 @@ def ticks(text):
 def run(*args, cwd):
     p = subprocess.run([KVTOOL] + list(args), cwd=cwd, capture_output=True, timeout=300)
     return p.returncode, p.stdout.decode(), p.stderr.decode()
-
-
-def check(cond, what):
-    if not cond:
-        failures.append(what)
-        print("FAIL:", what, flush=True)
 
 
 def ok(cwd, *args):
@@ -87,16 +80,7 @@ def same_clip(mp4, expected, what):
 
 
 def main():
-    work = tempfile.mkdtemp(prefix="kvtool-video-")
-    try:
-        scenario(work)
-    finally:
-        shutil.rmtree(work, ignore_errors=True)
-    if failures:
-        print(f"{len(failures)} checks failed")
-        return 1
-    print("all kvtool video checks passed")
-    return 0
+    return run_scenarios("kvtool-video-", "kvtool video", scenario)
 
 
 def scenario(w):
