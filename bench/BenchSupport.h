@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
+#ifndef _WIN32
 #include <unistd.h>
+#endif
 
 #include "hours/KronvaleUtils.h"
 #include "platform/os.h"
@@ -76,7 +78,8 @@ inline SYSTEMTIME Breakdown(ULONGLONG ullTicks) {
   return st;
 }
 
-// All of cb bytes, through as many write calls as it takes.
+#ifndef _WIN32
+// All of cb bytes, through as many write calls as it takes (the native benchmarks' raw baselines).
 inline void WriteAll(int fd, const void* pv, size_t cb, const char* pszWhat) {
   const char* pc = static_cast<const char*>(pv);
   while (cb) {
@@ -86,6 +89,16 @@ inline void WriteAll(int fd, const void* pv, size_t cb, const char* pszWhat) {
     pc += n;
     cb -= static_cast<size_t>(n);
   }
+}
+#endif
+
+// The process's id, to name its run directory.
+inline long ProcessId() {
+#ifdef _WIN32
+  return static_cast<long>(::GetCurrentProcessId());
+#else
+  return static_cast<long>(::getpid());
+#endif
 }
 
 // A directory of the run's own, <program>.<pid>, under $KRONVALE_BENCH_DIR or the temporary
@@ -100,7 +113,7 @@ inline WString MakeRunDirectory() {
     Check(NSPlatform::GetTempDirectory(&strBase), "GetTempDirectory");
   }
   const WString strRoot = NSPlatform::CombinePath(
-      strBase, NSPlatform::Utf8ToWide((std::string(ProgramName()) + "." + std::to_string(static_cast<long>(::getpid()))).c_str()));
+      strBase, NSPlatform::Utf8ToWide((std::string(ProgramName()) + "." + std::to_string(ProcessId())).c_str()));
   Check(NSPlatform::CreateDirTree(strRoot.c_str()), "creating the benchmark directory");
   return strRoot;
 }

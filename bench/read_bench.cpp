@@ -183,8 +183,8 @@ void BenchRandomReads(CArchive& archive) {
       }
       const double dRec = Median(vRec), dRaw = Median(vRaw2);
       const char* pszGoal = nHours == 3 ? (c.cbData >= 65536 ? ">= 80%" : ">= 50%") : ">= 80%";
-      std::printf("   %-6u %-7u | %12.0f %12.0f | %5.0f%% | %s\n", c.cbData, nHours, dRec, dRaw, 100.0 * dRec / dRaw,
-                  pszGoal);
+      std::printf("   %-6u %-7u | %12.0f %12.0f | %5.0f%% | %s\n", static_cast<unsigned>(c.cbData),
+                  static_cast<unsigned>(nHours), dRec, dRaw, 100.0 * dRec / dRaw, pszGoal);
       if (c.cbData == 256 && nHours == 1) dInside256 = dRec;
       if (c.cbData == 256 && nHours == 3) dSwitch256 = dRec;
     }
@@ -256,8 +256,8 @@ void BenchScans(CArchive& archive) {
     }
     const double dRec = Median(vRec), dRaw = Median(vRaw);
     const double dFramesToMiB = dMiB / static_cast<double>(cFrames);
-    std::printf("   %-6u | %12.0f %12.0f | %10.0f %10.0f | %5.1f%% | %s\n", c.cbData, dRec, dRaw, dRec * dFramesToMiB,
-                dRaw * dFramesToMiB, 100.0 * dRec / dRaw, c.cbData == 256 ? ">= 1 M fr/s" : ">= 60%");
+    std::printf("   %-6u | %12.0f %12.0f | %10.0f %10.0f | %5.1f%% | %s\n", static_cast<unsigned>(c.cbData), dRec, dRaw,
+                dRec * dFramesToMiB, dRaw * dFramesToMiB, 100.0 * dRec / dRaw, c.cbData == 256 ? ">= 1 M fr/s" : ">= 60%");
     std::fflush(stdout);
   }
   std::printf("\n");
