@@ -63,7 +63,10 @@ HRESULT CopyHourDirectory(const WString& strFrom, const WString& strTo) {
   HRESULT hr = NSPlatform::PathExists(strPartial.c_str()) ? NSKronvaleUtils::DeleteFileSystemObject(strPartial) : S_OK;
   if (SUCCEEDED(hr)) hr = NSPlatform::CopyTree(strFrom.c_str(), strPartial.c_str());
   if (SUCCEEDED(hr)) hr = FlushFiles(strPartial);
+  if (SUCCEEDED(hr)) hr = NSPlatform::FlushDirectory(strPartial.c_str());
   if (SUCCEEDED(hr)) hr = NSPlatform::RenameFile(strPartial.c_str(), strTo.c_str());
+  // The hour's name is durable before the copy says it is done.
+  if (SUCCEEDED(hr)) return NSPlatform::FlushDirectory(NSKronvaleUtils::ParentDirectory(strTo).c_str());
   if (FAILED(hr) && NSPlatform::PathExists(strPartial.c_str())) NSKronvaleUtils::DeleteFileSystemObject(strPartial);
   return hr;
 }
@@ -193,7 +196,7 @@ STDMETHODIMP CRecord::CopyHoursTo(BSTR bstrTargetPath, FILETIME ftBegin, FILETIM
     const WString strTo = NSPlatform::CombinePath(strTarget, strHourPath);
     WString strParent = strTo;
     while (!strParent.empty() && !NSPlatform::IsPathSeparator(strParent.back())) strParent.pop_back();
-    HRESULT hr = NSPlatform::IsDirectory(strParent.c_str()) ? S_OK : NSPlatform::CreateDirTree(strParent.c_str());
+    HRESULT hr = NSKronvaleUtils::CreateDirTreeDurably(strParent);
     // An hour already in the target is not merged into: copying onto it would nest the copy.
     if (SUCCEEDED(hr) && NSPlatform::PathExists(strTo.c_str())) hr = KvHResultFromWin32(ERROR_ALREADY_EXISTS);
     if (SUCCEEDED(hr)) {
