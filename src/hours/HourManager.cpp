@@ -1234,6 +1234,21 @@ bool CHourManager::RemoveHour(const WString& strPath, HRESULT* phrWhy) {
   return RemoveHourLocked(phrWhy);
 }
 
+namespace {
+
+// Deletes the leftovers of fast copies cut short in a day directory. A copy into this day running
+// at this moment loses its partial hour and fails; the source keeps the hour.
+void ClearInterruptedCopies(const WString& strDay) {
+  std::vector<NSPlatform::SDirEntry> vEntries;
+  const WString strSpec = WString(KV_W("*")) + kszCopySuffix;
+  if (FAILED(NSPlatform::ListDir(strDay.c_str(), &vEntries, strSpec.c_str()))) return;
+  for (const NSPlatform::SDirEntry& entry : vEntries) {
+    if (entry.IsDirectory()) KV_REPORT_IF_FAILED(NSKronvaleUtils::DeleteFileSystemObject(NSPlatform::CombinePath(strDay, entry.strName)));
+  }
+}
+
+}  // namespace
+
 bool CHourManager::RemoveHourLocked(HRESULT* phrWhy) {
   KV_FUNC("CHourManager::RemoveHour");
   KV_LOG_MESSAGE(KV_W("deleting hour: %s\n"), m_strPath.c_str());
@@ -1241,7 +1256,9 @@ bool CHourManager::RemoveHourLocked(HRESULT* phrWhy) {
   if (phrWhy) *phrWhy = hr == S_OK ? S_OK : FAILED(hr) ? hr : E_FAIL;
   if (hr != S_OK) return false;
   KV_LOG_MESSAGE(KV_W("hour %s deleted successfully\n"), m_strPath.c_str());
-  // Year, month, day and the record directory at most, each only while it is empty.
+  // Year, month, day and the record directory at most, each only while it is empty. What an
+  // interrupted fast copy left in the day ("10.copy") is no hour: it does not keep the day.
+  ClearInterruptedCopies(NSKronvaleUtils::ParentDirectory(m_strPath));
   WString strParent = m_strPath;
   while (!strParent.empty() && NSPlatform::IsPathSeparator(strParent.back())) strParent.pop_back();
   bool bParentRemoved = true;

@@ -40,14 +40,20 @@ class CTaskBuffers {
   std::vector<SFrameBuffer> m_vBuffers;
 };
 
-// Hands every file of a copied hour to the disk.
+// Hands every file of a copied hour to the disk. A file the source held read-only is made writable:
+// the copy is an hour of its target record, which appends to it and repairs it.
 HRESULT FlushFiles(const WString& strDirectory) {
   std::vector<NSPlatform::SDirEntry> vEntries;
   HRESULT hr = NSPlatform::ListDir(strDirectory.c_str(), &vEntries);
   for (size_t i = 0; SUCCEEDED(hr) && i < vEntries.size(); ++i) {
     if (vEntries[i].IsDirectory()) continue;
+    const WString strFile = NSPlatform::CombinePath(strDirectory, vEntries[i].strName);
+    if (vEntries[i].dwAttributes & FILE_ATTRIBUTE_READONLY) {
+      hr = NSPlatform::SetAttributes(strFile.c_str(), vEntries[i].dwAttributes & ~DWORD(FILE_ATTRIBUTE_READONLY));
+      if (FAILED(hr)) break;
+    }
     NSPlatform::CFile file;
-    hr = file.Open(NSPlatform::CombinePath(strDirectory, vEntries[i].strName).c_str(), GENERIC_WRITE,
+    hr = file.Open(strFile.c_str(), GENERIC_WRITE,
                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
     if (SUCCEEDED(hr)) hr = file.Flush();
   }
@@ -59,7 +65,7 @@ HRESULT FlushFiles(const WString& strDirectory) {
 // then does it take the hour's name. What an interrupted copy left under that name is cleared by
 // the next copy of the hour; searches never see it.
 HRESULT CopyHourDirectory(const WString& strFrom, const WString& strTo) {
-  const WString strPartial = strTo + KV_W(".copy");
+  const WString strPartial = strTo + NSHours::kszCopySuffix;
   HRESULT hr = NSPlatform::PathExists(strPartial.c_str()) ? NSKronvaleUtils::DeleteFileSystemObject(strPartial) : S_OK;
   if (SUCCEEDED(hr)) hr = NSPlatform::CopyTree(strFrom.c_str(), strPartial.c_str());
   if (SUCCEEDED(hr)) hr = FlushFiles(strPartial);
