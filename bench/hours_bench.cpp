@@ -524,6 +524,119 @@ void BenchSiblings(const CBenchDir& dir, const NSSystem::ILockPtr& pLock) {
   std::fflush(stdout);
 }
 
+// ---- Hour roll-over -----------------------------------------------------------------------------------
+
+// Hours 2021-03-07 00h on, each opened write-through (made with its directories), given one 4 KiB
+// frame and closed: what a recorder pays once an hour. The hours of a day share their parents, so
+// most roll-overs make one directory and three files; the first of the run makes the record's
+// directories too.
+constexpr DWORD kcRolloverHours = 96;
+constexpr DWORD kcbRolloverFrame = 4096;
+
+WString RolloverHourPath(const CBenchDir& dir, const char* pszRecord, DWORD iHour) {
+  SYSTEMTIME st = kstHour;
+  st.wDay = static_cast<WORD>(7 + iHour / 24);
+  st.wHour = static_cast<WORD>(iHour % 24);
+  return NSPlatform::CombinePath(NSPlatform::CombinePath(dir.Root(), NSPlatform::Utf8ToWide(pszRecord)),
+                                 NSKronvaleUtils::FormatHourPath(st));
+}
+
+struct SRolloverRun {
+  double dSeconds = 0;
+  double dDirectoryCalls = -1;  // directory operations of the platform layer per roll-over
+  double MsPerHour() const { return dSeconds * 1000.0 / kcRolloverHours; }
+};
+
+SRolloverRun RolloverHours(const CBenchDir& dir, const NSSystem::ILockPtr& pLock, const char* pszRecord) {
+  std::vector<BYTE> vData(kcbRolloverFrame);
+  FillPattern(vData.data(), vData.size(), 3);
+  SHourFrameBuffer buffer = {vData.data(), kcbRolloverFrame};
+  Settle();
+  const unsigned nDirectoryBefore = NSPlatform::NSFault::GetCallCount(EOp::Directory);
+  CStopwatch watch;
+  for (DWORD iHour = 0; iHour < kcRolloverHours; ++iHour) {
+    SYSTEMTIME st = SlotTime(0);
+    st.wDay = static_cast<WORD>(7 + iHour / 24);
+    st.wHour = static_cast<WORD>(iHour % 24);
+    CHourManager hour(pLock);
+    Check(hour.Open(RolloverHourPath(dir, pszRecord, iHour), true, false), "CHourManager::Open (roll-over)");
+    Check(hour.Write(st, kdwFrameFlags, &buffer, 1), "CHourManager::Write (roll-over)");
+  }
+  SRolloverRun run;
+  run.dSeconds = watch.Seconds();
+  run.dDirectoryCalls = PerItem(nDirectoryBefore, NSPlatform::NSFault::GetCallCount(EOp::Directory), kcRolloverHours);
+  return run;
+}
+
+// The baseline: the same directories and files made with plain calls (mkdir of what is missing,
+// the three files created with O_DSYNC, the empty index's zeros, the frame and its entry), and,
+// with bSyncDirectories, an fsync of every directory whose names changed, as the engine does.
+SRolloverRun RolloverRaw(const CBenchDir& dir, const char* pszRecord, bool bSyncDirectories) {
+  std::vector<BYTE> vZeros(sizeof(SHashFile)), vFrame(kcbRolloverFrame + 32), vEntry(sizeof(SFrameInfo));
+  FillPattern(vFrame.data(), vFrame.size(), 3);
+  const auto syncDirectory = [](const std::string& str) {
+    const int fd = ::open(str.c_str(), O_RDONLY | O_DIRECTORY);
+    if (fd < 0 || ::fsync(fd) != 0) Die("fsync of a directory", errno);
+    ::close(fd);
+  };
+  Settle();
+  CStopwatch watch;
+  for (DWORD iHour = 0; iHour < kcRolloverHours; ++iHour) {
+    const std::string strHour = NSPlatform::WideToUtf8(RolloverHourPath(dir, pszRecord, iHour));
+    // Each missing directory from the top down; the one above the first made changes too.
+    std::vector<std::string> vMade;
+    for (size_t i = dir.Native("").size(); i <= strHour.size(); ++i) {
+      if (i < strHour.size() && strHour[i] != '/') continue;
+      const std::string strPrefix = strHour.substr(0, i);
+      if (::mkdir(strPrefix.c_str(), 0777) == 0) vMade.push_back(strPrefix);
+      else if (errno != EEXIST) Die("mkdir", errno);
+    }
+    for (const char* pszName : {"descriptor.alh", "descriptor.ald", "data.al"}) {
+      const int fd = ::open((strHour + "/" + pszName).c_str(), O_RDWR | O_CREAT | O_DSYNC, 0666);
+      if (fd < 0) Die("open", errno);
+      const std::vector<BYTE>& v = pszName[0] == 'd' && pszName[1] == 'e' ? (pszName[11] == 'h' ? vZeros : vEntry) : vFrame;
+      if (::write(fd, v.data(), v.size()) != static_cast<ssize_t>(v.size())) Die("write", errno);
+      ::close(fd);
+    }
+    if (bSyncDirectories && !vMade.empty()) {
+      for (const std::string& str : vMade) syncDirectory(str.substr(0, str.rfind('/')));
+      syncDirectory(strHour);
+    }
+  }
+  SRolloverRun run;
+  run.dSeconds = watch.Seconds();
+  return run;
+}
+
+void BenchRollover(const CBenchDir& dir, const NSSystem::ILockPtr& pLock) {
+  std::printf("Hour roll-over: %u hours, each made write-through with one 4 KiB frame\n", kcRolloverHours);
+  std::vector<double> vHour, vRaw, vRawSynced;
+  double dDirectoryCalls = 0;
+  for (int iRound = 0; iRound < 3; ++iRound) {
+    const std::string strRound = std::to_string(iRound);
+    const SRolloverRun hour = RolloverHours(dir, pLock, ("hours" + strRound).c_str());
+    const SRolloverRun raw = RolloverRaw(dir, ("raw" + strRound).c_str(), false);
+    const SRolloverRun synced = RolloverRaw(dir, ("synced" + strRound).c_str(), true);
+    vHour.push_back(hour.MsPerHour());
+    vRaw.push_back(raw.MsPerHour());
+    vRawSynced.push_back(synced.MsPerHour());
+    dDirectoryCalls = hour.dDirectoryCalls;
+    for (const char* pszSide : {"hours", "raw", "synced"})
+      NSKronvaleUtils::DeleteFileSystemObject(dir.Sub((pszSide + strRound).c_str()));
+  }
+  const auto median = [](std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+  };
+  const double dHour = median(vHour), dRaw = median(vRaw), dSynced = median(vRawSynced);
+  std::printf("   CHourManager open + frame + close     %8.3f ms/hour  (%.2f directory calls/hour)\n", dHour,
+              dDirectoryCalls);
+  std::printf("   raw, names not synced                 %8.3f ms/hour  ratio %.2f\n", dRaw, dHour / dRaw);
+  std::printf("   raw, directories fsynced              %8.3f ms/hour  ratio %.2f\n", dSynced, dHour / dSynced);
+  std::printf("   directory fsyncs alone (raw synced - raw) %6.3f ms/hour\n\n", dSynced - dRaw);
+  std::fflush(stdout);
+}
+
 // ---- Goals -------------------------------------------------------------------------------------------
 
 void PrintGoals(const std::vector<SAppendResult>& vAppends) {
@@ -552,9 +665,14 @@ int main() {
   std::printf("kv_hours_bench: files under %s\n\n", NSPlatform::WideToUtf8(dir.Root()).c_str());
   std::fflush(stdout);
   CStopwatch total;
+  if (std::getenv("KV_BENCH_ROLLOVER_ONLY")) {
+    BenchRollover(dir, pLock);
+    return 0;
+  }
   const std::vector<SAppendResult> vAppends = BenchAppends(dir, pLock);
   BenchReads(dir, pLock);
   BenchSiblings(dir, pLock);
+  BenchRollover(dir, pLock);
   PrintGoals(vAppends);
   std::printf("\n(total %.0f s)\n", total.Seconds());
   return 0;

@@ -103,7 +103,7 @@ WString CArchiveImpl::FullPath(const WString& strPath) {
 HRESULT CArchiveImpl::Create(const WString& strPath) {
   KV_FUNC("CArchiveImpl::Create");
   const WString strFull = FullPath(strPath);
-  HRESULT hr = NSPlatform::IsDirectory(strFull.c_str()) ? S_OK : NSPlatform::CreateDirTree(strFull.c_str());
+  HRESULT hr = NSKronvaleUtils::CreateDirTreeDurably(strFull);
   if (!KV_SUCCEEDED(hr)) return hr;
   // A creation killed half-way left these; they are made anew.
   if (IsInterruptedCreation(strFull)) {

@@ -12,6 +12,7 @@
 #include <type_traits>
 #include <kronvale/KronvaleResults.h>
 
+#include "hours/KronvaleUtils.h"
 #include "platform/os.h"
 #include "support/Report.h"
 
@@ -172,8 +173,12 @@ HRESULT WriteWholeFile(const WString& strFile, const std::string& strText) {
   if (SUCCEEDED(hr)) hr = file.Flush();
   file.Close();
   if (SUCCEEDED(hr)) hr = NSPlatform::RenameFile(strNew.c_str(), strFile.c_str());
-  if (FAILED(hr)) NSPlatform::RemoveFile(strNew.c_str());
-  return hr;
+  if (FAILED(hr)) {
+    NSPlatform::RemoveFile(strNew.c_str());
+    return hr;
+  }
+  // The new name is durable before the caller is answered (an archive exists once its settings do).
+  return NSPlatform::FlushDirectory(NSKronvaleUtils::ParentDirectory(strFile).c_str());
 }
 
 HRESULT ReadWholeFile(const WString& strFile, std::string* pstrText) {

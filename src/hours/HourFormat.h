@@ -16,6 +16,9 @@ namespace NSHours {
 inline constexpr WCHAR kszDataFileName[] = KV_W("data.al");
 inline constexpr WCHAR kszDescriptorFileName[] = KV_W("descriptor.ald");
 inline constexpr WCHAR kszHashFileName[] = KV_W("descriptor.alh");
+// A fast copy builds an hour beside its day's hours under the hour's name with this suffix ("10.copy")
+// and renames it into place when whole; searches never see it.
+inline constexpr WCHAR kszCopySuffix[] = KV_W(".copy");
 
 // The frame signature, the ASCII bytes "QmTrVxNo", made of two 32-bit words (low word first).
 constexpr DWORD kdwFrameSignatureLow = 0x72546D51u;

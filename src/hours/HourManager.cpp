@@ -113,11 +113,13 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pS
   const bool bSettledNow = !bCreate && EndedAnHourAgo();
   const ULONGLONG ullAppends = g_ullAppends.load(std::memory_order_acquire);
   m_bCopySettled = false;
-  // 1. The directory, with every missing parent.
+  // 1. The directory, with every missing parent (their names made durable).
+  m_bNamesMade = false;
   if (!bDirectorySeen && !NSPlatform::IsDirectory(m_strPath.c_str())) {
     if (!bCreate) return KvHResultFromWin32(ERROR_FILE_NOT_FOUND);
-    const HRESULT hr = NSPlatform::CreateDirTree(m_strPath.c_str());
+    const HRESULT hr = NSKronvaleUtils::CreateDirTreeDurably(m_strPath);
     if (!KV_SUCCEEDED(hr)) return hr;
+    m_bNamesMade = true;
   }
   // 2.-6.
   m_bBuffered = bBuffered;
@@ -127,6 +129,13 @@ HRESULT CHourManager::OpenLocked(bool bCreate, bool bBuffered, SHourSnapshot* pS
   if (!KV_SUCCEEDED(hr)) return hr;
   hr = OpenFile(bCreate);
   if (!KV_SUCCEEDED(hr)) return hr;
+  // The new files' names reach the disk before the first frame is acknowledged: a write-through
+  // frame is durable only if the file holding it can be found after a power cut.
+  if (m_bNamesMade) {
+    hr = NSPlatform::FlushDirectory(m_strPath.c_str());
+    if (!KV_SUCCEEDED(hr)) return hr;
+    m_bNamesMade = false;
+  }
   m_bWritable = bCreate;
   // The private copy is taken once descriptor.ald's size is known, so that every frame listed up to
   // that size was complete before the copy began (but perhaps the last: see RefreshLocked).
@@ -216,6 +225,7 @@ HRESULT CHourManager::OpenHash(bool bCreate) {
                                bCreate ? OPEN_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, &bExisted);
   if (!KV_SUCCEEDED(hr)) return hr;
   if (!bExisted && bCreate) {
+    m_bNamesMade = true;
     hr = WriteEmptyHash();
     if (!KV_SUCCEEDED(hr)) {
       // Made again by the next open, once the disk has room.
@@ -260,10 +270,13 @@ HRESULT CHourManager::MapView() {
   return S_OK;
 }
 
-HRESULT CHourManager::OpenHourFile(NSPlatform::CFile& file, const WCHAR* pszName, bool bCreate) const {
+HRESULT CHourManager::OpenHourFile(NSPlatform::CFile& file, const WCHAR* pszName, bool bCreate) {
   const DWORD dwFlags = FILE_ATTRIBUTE_NORMAL | (m_bBuffered ? 0u : FILE_FLAG_WRITE_THROUGH);
-  return file.Open(FilePath(pszName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
-                   bCreate ? OPEN_ALWAYS : OPEN_EXISTING, dwFlags);
+  bool bExisted = true;
+  const HRESULT hr = file.Open(FilePath(pszName).c_str(), GENERIC_READ | GENERIC_WRITE, kdwShareAll,
+                               bCreate ? OPEN_ALWAYS : OPEN_EXISTING, dwFlags, &bExisted);
+  if (SUCCEEDED(hr) && !bExisted) m_bNamesMade = true;
+  return hr;
 }
 
 HRESULT CHourManager::OpenDescriptor(bool bCreate) {
@@ -1273,6 +1286,21 @@ bool CHourManager::RemoveHour(const WString& strPath, HRESULT* phrWhy) {
   return RemoveHourLocked(phrWhy);
 }
 
+namespace {
+
+// Deletes the leftovers of fast copies cut short in a day directory. A copy into this day running
+// at this moment loses its partial hour and fails; the source keeps the hour.
+void ClearInterruptedCopies(const WString& strDay) {
+  std::vector<NSPlatform::SDirEntry> vEntries;
+  const WString strSpec = WString(KV_W("*")) + kszCopySuffix;
+  if (FAILED(NSPlatform::ListDir(strDay.c_str(), &vEntries, strSpec.c_str()))) return;
+  for (const NSPlatform::SDirEntry& entry : vEntries) {
+    if (entry.IsDirectory()) KV_REPORT_IF_FAILED(NSKronvaleUtils::DeleteFileSystemObject(NSPlatform::CombinePath(strDay, entry.strName)));
+  }
+}
+
+}  // namespace
+
 bool CHourManager::RemoveHourLocked(HRESULT* phrWhy) {
   KV_FUNC("CHourManager::RemoveHour");
   KV_LOG_MESSAGE(KV_W("deleting hour: %s\n"), m_strPath.c_str());
@@ -1280,18 +1308,24 @@ bool CHourManager::RemoveHourLocked(HRESULT* phrWhy) {
   if (phrWhy) *phrWhy = hr == S_OK ? S_OK : FAILED(hr) ? hr : E_FAIL;
   if (hr != S_OK) return false;
   KV_LOG_MESSAGE(KV_W("hour %s deleted successfully\n"), m_strPath.c_str());
-  // Year, month, day and the record directory at most, each only while it is empty.
+  // Year, month, day and the record directory at most, each only while it is empty. What an
+  // interrupted fast copy left in the day ("10.copy") is no hour: it does not keep the day.
+  ClearInterruptedCopies(NSKronvaleUtils::ParentDirectory(m_strPath));
   WString strParent = m_strPath;
   while (!strParent.empty() && NSPlatform::IsPathSeparator(strParent.back())) strParent.pop_back();
-  for (int i = 0; i < 4; ++i) {
+  bool bParentRemoved = true;
+  for (int i = 0; i < 4 && bParentRemoved; ++i) {
     size_t nPos = strParent.size();
     while (nPos > 0 && !NSPlatform::IsPathSeparator(strParent[nPos - 1])) --nPos;
-    if (!KV_ASSERT_TEXT(nPos > 1, "-1!=nPos\n")) break;
+    if (!KV_ASSERT_TEXT(nPos > 1, "-1!=nPos\n")) return true;
     strParent.resize(nPos - 1);
-    if (!NSPlatform::IsDirectoryEmpty(strParent.c_str())) break;
-    if (FAILED(NSPlatform::RemoveDir(strParent.c_str()))) break;
-    KV_LOG_MESSAGE(KV_W("erasing of hour parent folder: %s\n"), strParent.c_str());
+    bParentRemoved = NSPlatform::IsDirectoryEmpty(strParent.c_str()) && SUCCEEDED(NSPlatform::RemoveDir(strParent.c_str()));
+    if (bParentRemoved) KV_LOG_MESSAGE(KV_W("erasing of hour parent folder: %s\n"), strParent.c_str());
   }
+  // The deletion is durable in the directory that stays, once per hour removed: after a power cut
+  // the hour does not come back to be counted and deleted again.
+  const WString strSurvivor = bParentRemoved ? NSKronvaleUtils::ParentDirectory(strParent) : strParent;
+  KV_REPORT_IF_FAILED(NSPlatform::FlushDirectory(strSurvivor.c_str()));
   return true;
 }
 

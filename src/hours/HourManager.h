@@ -216,8 +216,9 @@ class CHourManager {
   bool RereadLastFrame();
   HRESULT OpenDescriptor(bool bCreate);
   HRESULT OpenFile(bool bCreate);
-  // Opens the hour's file pszName for reading and writing, write-through unless buffered.
-  HRESULT OpenHourFile(NSPlatform::CFile& file, const WCHAR* pszName, bool bCreate) const;
+  // Opens the hour's file pszName for reading and writing, write-through unless buffered; notes in
+  // m_bNamesMade a file it created.
+  HRESULT OpenHourFile(NSPlatform::CFile& file, const WCHAR* pszName, bool bCreate);
   void CloseLocked();
   // bWhole: the copy is taken whole from the view, whatever it showed before.
   void RefreshLocked(bool bWhole = false);
@@ -274,6 +275,9 @@ class CHourManager {
   // descriptor.alh is open and its size checked, but not mapped yet: a reader that reopens an hour
   // unchanged since its snapshot maps it only when a refresh needs the view.
   bool m_bMapLater = false;
+  // An open with bCreate made the directory or a file of the hour: their names are flushed at the
+  // end of the open, once per hour rather than per append.
+  bool m_bNamesMade = false;
   NSPlatform::CFile m_descriptor;          // descriptor.ald
   NSPlatform::CFile m_file;                // data.al; its position stays at the end while open
   bool m_bBuffered = false;

@@ -197,6 +197,34 @@ WString GetUpPath(unsigned nLevels) {
 
 WString WithTrailingSeparator(WStringView strPath) { return NSPlatform::AddTrailingSeparator(strPath); }
 
+WString ParentDirectory(WStringView strPath) {
+  size_t i = strPath.size();
+  while (i > 0 && NSPlatform::IsPathSeparator(strPath[i - 1])) --i;
+  while (i > 0 && !NSPlatform::IsPathSeparator(strPath[i - 1])) --i;
+  size_t cch = i;
+  while (cch > 1 && NSPlatform::IsPathSeparator(strPath[cch - 1])) --cch;
+  if (cch == 0) return WString();
+  WString strParent(strPath.substr(0, cch));
+  if (strParent.size() == 2 && strParent[1] == u':') strParent.push_back(NSPlatform::chPathSeparator);  // "c:\"
+  return strParent;
+}
+
+HRESULT CreateDirTreeDurably(const WString& strPath) {
+  if (NSPlatform::IsDirectory(strPath.c_str())) return S_OK;
+  // The deepest directory that exists: the first whose names change.
+  WString strExisting = ParentDirectory(strPath);
+  while (!strExisting.empty() && !NSPlatform::IsDirectory(strExisting.c_str())) strExisting = ParentDirectory(strExisting);
+  HRESULT hr = NSPlatform::CreateDirTree(strPath.c_str());
+  // Made meanwhile by another writer, whose names are its own to flush.
+  if (hr == KvHResultFromWin32(ERROR_ALREADY_EXISTS) && NSPlatform::IsDirectory(strPath.c_str())) return S_OK;
+  for (WString strDirectory = ParentDirectory(strPath); SUCCEEDED(hr) && !strDirectory.empty();
+       strDirectory = ParentDirectory(strDirectory)) {
+    hr = NSPlatform::FlushDirectory(strDirectory.c_str());
+    if (strDirectory == strExisting) break;
+  }
+  return hr;
+}
+
 bool CopyTree(const WString& strFrom, const WString& strTo) {
   return SUCCEEDED(NSPlatform::CopyTree(strFrom.c_str(), strTo.c_str()));
 }

@@ -85,6 +85,16 @@ WString GetUpPath(unsigned nLevels);
 // The path with one separator appended when it does not end in one.
 WString WithTrailingSeparator(WStringView strPath);
 
+// The directory that holds strPath (a full path); empty for a root.
+WString ParentDirectory(WStringView strPath);
+
+// Makes the directory strPath with every missing parent, as NSPlatform::CreateDirTree does, and
+// then makes each new name durable: the parent of every directory it made is flushed, from the
+// deepest directory that existed before down to strPath's parent. An existing directory answers
+// S_OK and flushes nothing. strPath's own names are its maker's to flush, once its files are there.
+// A failure to flush answers its error: the directories stay, but may not survive a power cut.
+HRESULT CreateDirTreeDurably(const WString& strPath);
+
 // Copies a file or directory tree to strTo; true on success.
 bool CopyTree(const WString& strFrom, const WString& strTo);
 

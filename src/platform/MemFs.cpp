@@ -79,6 +79,25 @@ struct SMapping {
   WString strPath;
 };
 
+// A name in a directory as the disk holds it.
+struct SDurableName {
+  WString strName;  // as created
+  TNodePtr pNode;
+};
+// A directory's names by folded name.
+using TDurableNames = std::map<WString, SDurableName>;
+
+// A change of names not yet durable: a creation (no pFromDirectory), a deletion (no pToDirectory)
+// or a rename. Directories are named by their nodes, so that a change inside a directory renamed
+// since still lands in it.
+struct SNameChange {
+  TNodePtr pFromDirectory;
+  WString strFromKey;  // the folded name in pFromDirectory
+  TNodePtr pToDirectory;
+  WString strToKey;    // the folded name in pToDirectory
+  SDurableName to;     // the node named, with its new name
+};
+
 // The tree: keys are canonical paths without trailing separators (folded on Windows). Roots ("/",
 // "c:") are not kept: they always exist.
 struct SState {
@@ -95,6 +114,11 @@ struct SState {
   bool bCut = false;
   std::map<WString, TNodePtr> mapImage;  // what the cut left
   SCutStats stats;
+  // Names as the disk holds them: each directory's durable names (a root's under its node in
+  // mapRoots), and the changes made since, in order.
+  std::map<WString, TNodePtr> mapRoots;
+  std::map<TNodePtr, TDurableNames> mapDurableNames;
+  std::vector<SNameChange> vPendingNames;
 };
 
 std::mutex g_mutex;
@@ -142,19 +166,58 @@ WString NameOf(const WCHAR* pszPath) {
 }
 
 // A new node under strKey, made and written now (the caller holds g_mutex).
+// The node at a key; null for a root and for a missing path.
+TNodePtr Find(const WString& strKey) {
+  auto it = g_pState->mapNodes.find(strKey);
+  return it == g_pState->mapNodes.end() ? nullptr : it->second;
+}
+
+// The last segment of a key: a name as its directory folds it.
+WString LastSegment(const WString& strKey) {
+  size_t i = strKey.size();
+  while (i > 0 && !IsPathSeparator(strKey[i - 1])) --i;
+  return strKey.substr(i);
+}
+
+// The node that holds a directory's names; a root's is kept apart from the tree.
+TNodePtr DirectoryNode(const WString& strKey) {
+  if (!IsRootKey(strKey)) return Find(strKey);
+  TNodePtr& pRoot = g_pState->mapRoots[strKey];
+  if (!pRoot) {
+    pRoot = std::make_shared<SNode>();
+    pRoot->bDirectory = true;
+  }
+  return pRoot;
+}
+
+bool TracksNames() { return g_pState->bTracking && !g_pState->bCut; }
+
+// Notes a change of names, not durable until its directory is flushed. strFromKey and strToKey are
+// the full keys before and after (one of them empty for a creation or a deletion).
+void NoteNameChange(const WString& strFromKey, const WString& strToKey, const TNodePtr& pNode) {
+  if (!TracksNames()) return;
+  SNameChange change;
+  if (!strFromKey.empty()) {
+    change.pFromDirectory = DirectoryNode(ParentKey(strFromKey));
+    change.strFromKey = LastSegment(strFromKey);
+  }
+  if (!strToKey.empty()) {
+    change.pToDirectory = DirectoryNode(ParentKey(strToKey));
+    change.strToKey = LastSegment(strToKey);
+  }
+  change.to = SDurableName{pNode->strName, pNode};
+  g_pState->vPendingNames.push_back(std::move(change));
+}
+
+// A new node under strKey, made and written now (the caller holds g_mutex).
 TNodePtr AddNode(const WString& strKey, const WString& strName, bool bDirectory) {
   auto pNode = std::make_shared<SNode>();
   pNode->bDirectory = bDirectory;
   pNode->strName = strName;
   pNode->ullCreated = pNode->ullWritten = Now();
   g_pState->mapNodes.emplace(strKey, pNode);
+  NoteNameChange(WString(), strKey, pNode);
   return pNode;
-}
-
-// The node at a key; null for a root and for a missing path.
-TNodePtr Find(const WString& strKey) {
-  auto it = g_pState->mapNodes.find(strKey);
-  return it == g_pState->mapNodes.end() ? nullptr : it->second;
 }
 
 bool IsExistingDirectory(const WString& strKey) {
@@ -209,29 +272,105 @@ void CutPage(const SNode& node, size_t iPage, std::mt19937_64& rng, std::vector<
   ++(nChoice == 0 ? pStats->cPagesDropped : nChoice == 1 ? pStats->cPagesKept : pStats->cPagesTorn);
 }
 
-// Freezes the image a power cut now would leave. Caller holds g_mutex.
-void FreezeImage() {
+// Applies a change of names to the names the disk holds; a rename changes both directories at once.
+void ApplyNameChange(const SNameChange& change, std::map<TNodePtr, TDurableNames>* pmapNames) {
+  if (change.pFromDirectory) {
+    TDurableNames& names = (*pmapNames)[change.pFromDirectory];
+    auto it = names.find(change.strFromKey);
+    if (it != names.end() && it->second.pNode == change.to.pNode) names.erase(it);
+  }
+  if (change.pToDirectory) (*pmapNames)[change.pToDirectory][change.strToKey] = change.to;
+}
+
+// Every directory's names as they are now: what a flush of every directory would make durable.
+std::map<TNodePtr, TDurableNames> CurrentNames() {
+  std::map<TNodePtr, TDurableNames> mapNames;
+  for (const auto& [strKey, pNode] : g_pState->mapNodes) {
+    if (pNode->bDirectory) mapNames[pNode];
+    const TNodePtr pParent = DirectoryNode(ParentKey(strKey));
+    if (pParent) mapNames[pParent][LastSegment(strKey)] = SDurableName{pNode->strName, pNode};
+  }
+  return mapNames;
+}
+
+// Makes every name durable as it stands.
+void MarkAllNamesDurable() {
+  g_pState->mapRoots.clear();
+  g_pState->mapDurableNames = CurrentNames();
+  g_pState->vPendingNames.clear();
+}
+
+// The tree a machine finds under the names in mapNames, each node a copy of the file as the cut
+// left it. A directory already walked is not walked again.
+struct SImageBuilder {
+  const std::map<TNodePtr, TDurableNames>& mapNames;
+  std::mt19937_64& rng;
+  bool bOnlyDurable;  // the bytes flushed alone, no page of the rest
+  std::map<WString, TNodePtr> mapImage;
+  std::map<SNode*, TNodePtr> mapCopies;
+  SCutStats stats;
+
+  TNodePtr CopyOf(const SNode& node) {
+    auto pImage = std::make_shared<SNode>();
+    pImage->bDirectory = node.bDirectory;
+    pImage->bReadOnly = node.bReadOnly;
+    pImage->ullCreated = node.ullCreated;
+    pImage->ullWritten = node.ullWritten;
+    if (!node.bDirectory) {
+      ++stats.cFiles;
+      // The size is metadata written with the data: either the old or the new one arrived.
+      const bool bNewSize = !bOnlyDurable && node.vData.size() != node.vDurable.size() && (rng() & 1);
+      const size_t cbSize = bNewSize ? node.vData.size() : node.vDurable.size();
+      pImage->vData.resize(cbSize);
+      for (size_t iPage = 0; iPage * kcbPage < cbSize; ++iPage) {
+        if (bOnlyDurable)
+          CopyRange(node.vDurable, iPage * kcbPage, std::min(cbSize, (iPage + 1) * kcbPage), &pImage->vData);
+        else
+          CutPage(node, iPage, rng, &pImage->vData, &stats);
+      }
+    }
+    return pImage;
+  }
+
+  void Walk(const WString& strDirectoryKey, const TNodePtr& pDirectory) {
+    auto itNames = mapNames.find(pDirectory);
+    if (itNames == mapNames.end()) return;
+    for (const auto& [strName, name] : itNames->second) {
+      const bool bWalked = mapCopies.count(name.pNode.get()) != 0;
+      TNodePtr& pImage = mapCopies[name.pNode.get()];
+      if (!pImage) pImage = CopyOf(*name.pNode);
+      if (bWalked && name.pNode->bDirectory) continue;  // a directory has one name
+      pImage->strName = name.strName;
+      const WString strKey =
+          strDirectoryKey.size() == 1 ? strDirectoryKey + strName : strDirectoryKey + chPathSeparator + strName;
+      mapImage.emplace(strKey, pImage);
+      if (name.pNode->bDirectory && !bWalked) Walk(strKey, name.pNode);
+    }
+  }
+};
+
+// Freezes the image a power cut now would leave: each change of names not yet durable is kept or
+// lost, then each file's pages; with bOnlyDurable nothing that was not durable survives. Caller
+// holds g_mutex.
+void FreezeImage(bool bOnlyDurable) {
   SState& state = *g_pState;
   std::mt19937_64 rng(state.ullSeed);
-  state.mapImage.clear();
-  state.stats = SCutStats();
-  for (const auto& [strKey, pNode] : state.mapNodes) {
-    auto pImage = std::make_shared<SNode>();
-    pImage->bDirectory = pNode->bDirectory;
-    pImage->bReadOnly = pNode->bReadOnly;
-    pImage->strName = pNode->strName;
-    pImage->ullCreated = pNode->ullCreated;
-    pImage->ullWritten = pNode->ullWritten;
-    if (!pNode->bDirectory) {
-      ++state.stats.cFiles;
-      // The size is metadata written with the data: either the old or the new one arrived.
-      const size_t cbSize = (pNode->vData.size() != pNode->vDurable.size() && (rng() & 1)) ? pNode->vData.size()
-                                                                                           : pNode->vDurable.size();
-      pImage->vData.resize(cbSize);
-      for (size_t iPage = 0; iPage * kcbPage < cbSize; ++iPage) CutPage(*pNode, iPage, rng, &pImage->vData, &state.stats);
+  std::map<TNodePtr, TDurableNames> mapNames = state.mapDurableNames;
+  unsigned cKept = 0, cLost = 0;
+  for (const SNameChange& change : state.vPendingNames) {
+    if (!bOnlyDurable && (rng() & 1)) {
+      ApplyNameChange(change, &mapNames);
+      ++cKept;
+    } else {
+      ++cLost;
     }
-    state.mapImage.emplace(strKey, std::move(pImage));
   }
+  SImageBuilder builder{mapNames, rng, bOnlyDurable, {}, {}, {}};
+  for (const auto& [strRootKey, pRoot] : state.mapRoots) builder.Walk(strRootKey, pRoot);
+  state.mapImage = std::move(builder.mapImage);
+  state.stats = builder.stats;
+  state.stats.cNamesKept = cKept;
+  state.stats.cNamesLost = cLost;
   state.bCut = true;
 }
 
@@ -240,7 +379,7 @@ void Changed() {
   SState& state = *g_pState;
   if (!state.bTracking || state.bCut) return;
   ++state.cChanging;
-  if (state.nCutAt != 0 && state.cChanging == state.nCutAt) FreezeImage();
+  if (state.nCutAt != 0 && state.cChanging == state.nCutAt) FreezeImage(false);
 }
 
 void MarkDurable(SNode& node) {
@@ -286,6 +425,7 @@ void ReleaseNode(const TNodePtr& pNode) {
 HRESULT RemoveNode(const WString& strKey) {
   auto it = g_pState->mapNodes.find(strKey);
   TNodePtr pNode = it->second;
+  NoteNameChange(strKey, WString(), pNode);
   g_pState->mapNodes.erase(it);
   ReleaseNode(pNode);
   Changed();
@@ -337,12 +477,7 @@ HRESULT CopyNode(const WString& strFromKey, const TNodePtr& pFrom, const WString
     return S_OK;
   }
   if (pTo && (pTo->bDirectory || pTo->bReadOnly)) return Fail(ERROR_ACCESS_DENIED);
-  if (!pTo) {
-    pTo = std::make_shared<SNode>();
-    pTo->strName = strName;
-    pTo->ullCreated = Now();
-    g_pState->mapNodes.emplace(strToKey, pTo);
-  }
+  if (!pTo) pTo = AddNode(strToKey, strName, false);
   HRESULT hr = Resize(*pTo, pFrom->vData.size());
   if (FAILED(hr)) return hr;
   std::copy(pFrom->vData.begin(), pFrom->vData.end(), pTo->vData.begin());
@@ -404,6 +539,7 @@ void StartPowerCutTracking() {
   std::lock_guard<std::mutex> lock(g_mutex);
   if (!g_pState) return;
   for (auto& [strKey, pNode] : g_pState->mapNodes) pNode->vDurable = pNode->vData;
+  MarkAllNamesDurable();
   g_pState->bTracking = true;
   g_pState->cChanging = 0;
   g_pState->nCutAt = 0;
@@ -433,15 +569,10 @@ HRESULT Reboot(SCutStats* pStats) {
   if (!g_pState) return Fail(ERROR_INVALID_FUNCTION);
   if (g_pState->cOpen != 0) return Fail(ERROR_BUSY);
   SState& state = *g_pState;
-  if (!state.bCut) {
-    state.ullSeed = 0;
-    // Nothing unflushed survives a cut made now with every page dropped: durable bytes alone.
-    for (auto& [strKey, pNode] : state.mapNodes) pNode->vData = pNode->vDurable;
-    state.stats = SCutStats();
-  } else {
-    state.mapNodes = std::move(state.mapImage);
-    state.mapImage.clear();
-  }
+  // With no cut, a cut now that loses everything not durable.
+  if (!state.bCut) FreezeImage(true);
+  state.mapNodes = std::move(state.mapImage);
+  state.mapImage.clear();
   state.ullUsed = 0;
   for (auto& [strKey, pNode] : state.mapNodes) {
     pNode->vDurable = pNode->vData;
@@ -451,6 +582,7 @@ HRESULT Reboot(SCutStats* pStats) {
   state.nCutAt = 0;
   state.bCut = false;
   state.cChanging = 0;
+  if (state.bTracking) MarkAllNamesDurable();
   return S_OK;
 }
 
@@ -517,6 +649,7 @@ void Close(void* pFile) {
     const WString strKey = KeyOf(pOpen->strPath.c_str());
     const TNodePtr pNamed = Find(strKey);
     if (pNamed == pOpen->pNode) {
+      NoteNameChange(strKey, WString(), pNamed);
       g_pState->mapNodes.erase(strKey);
       Changed();
     }
@@ -777,6 +910,9 @@ HRESULT RenameFile(const WCHAR* pszFrom, const WCHAR* pszTo) {
     g_pState->mapNodes.erase(strTo);
     ReleaseNode(pTo);
   }
+  pFrom->strName = NameOf(pszTo);
+  // One change: the disk holds the old name or the new one, never both or neither.
+  NoteNameChange(strFrom, strTo, pFrom);
   // The node and, for a directory, everything under it move to the new name.
   std::vector<std::pair<WString, TNodePtr>> vMoved;
   const WString strPrefix = strFrom + chPathSeparator;
@@ -788,7 +924,6 @@ HRESULT RenameFile(const WCHAR* pszFrom, const WCHAR* pszTo) {
     it = g_pState->mapNodes.erase(it);
   }
   for (auto& [strKey, pNode] : vMoved) g_pState->mapNodes.emplace(strKey, pNode);
-  pFrom->strName = NameOf(pszTo);
   Changed();
   return S_OK;
 }
@@ -956,6 +1091,46 @@ bool IsDirectoryEmpty(const WCHAR* pszPath) {
   if (strKey.empty()) return false;
   std::lock_guard<std::mutex> lock(g_mutex);
   return IsExistingDirectory(strKey) && !HasChildren(strKey);
+}
+
+HRESULT FlushDirectory(const WCHAR* pszPath) {
+  HRESULT hrInjected;
+  if (InjectedFault(NSFault::EOp::Directory, PathText(pszPath), &hrInjected)) return hrInjected;
+  const WString strKey = KeyOf(pszPath);
+  if (strKey.empty()) return Fail(ERROR_PATH_NOT_FOUND);
+  std::lock_guard<std::mutex> lock(g_mutex);
+  const TNodePtr pDirectory = DirectoryNode(strKey);
+  if (!pDirectory) return Fail(MissingError(strKey));
+  if (!pDirectory->bDirectory) return Fail(ERROR_DIRECTORY);
+  Changed();
+  if (!TracksNames()) return S_OK;
+  // The directory's names as they stand; a rename into it or out of it is durable whole, so the
+  // other directory's name follows.
+  SState& state = *g_pState;
+  TDurableNames& names = state.mapDurableNames[pDirectory];
+  names.clear();
+  const WString strPrefix = strKey.size() == 1 ? strKey : strKey + chPathSeparator;
+  for (auto it = state.mapNodes.lower_bound(strPrefix);
+       it != state.mapNodes.end() && it->first.compare(0, strPrefix.size(), strPrefix) == 0; ++it) {
+    if (it->first.find(chPathSeparator, strPrefix.size()) != WString::npos) continue;
+    names[it->first.substr(strPrefix.size())] = SDurableName{it->second->strName, it->second};
+  }
+  std::vector<SNameChange> vStillPending;
+  for (SNameChange& change : state.vPendingNames) {
+    if (change.pFromDirectory != pDirectory && change.pToDirectory != pDirectory) {
+      vStillPending.push_back(std::move(change));
+      continue;
+    }
+    // The flushed directory holds its names as they stand; only a rename from or to another
+    // directory has a half left to make durable there.
+    if (change.pFromDirectory && change.pToDirectory && change.pFromDirectory != change.pToDirectory) {
+      SNameChange other = change;
+      (change.pFromDirectory == pDirectory ? other.pFromDirectory : other.pToDirectory) = nullptr;
+      ApplyNameChange(other, &state.mapDurableNames);
+    }
+  }
+  state.vPendingNames = std::move(vStillPending);
+  return S_OK;
 }
 
 HRESULT CopyTree(const WCHAR* pszFrom, const WCHAR* pszTo) {

@@ -19,9 +19,13 @@
 //
 // The power-cut simulator lives here too: with tracking started, every file also keeps its durable
 // image, what a power cut cannot take: its bytes as of its last Flush (of a handle or of a mapping),
-// every write of a write-through open, and every change of names (creation, rename, deletion and
-// truncation are journaled: they reach the disk in order). A cut, armed at the Nth changing call,
-// freezes the image the machine would find after it: each file keeps its durable bytes, and of each
+// and every write of a write-through open (a truncation is journaled: it reaches the disk in order).
+// Names are held to the strictest POSIX rule: a creation, rename or deletion of a file or directory
+// is durable only once the directory holding the name is flushed (FlushDirectory); a flush of the
+// file itself does not make its name durable. A cut, armed at the Nth changing call, freezes the
+// image the machine would find after it: each change of names not yet durable is kept or lost on
+// its own (a rename whole: the old name or the new one, never both or neither; what lies under a
+// directory whose name was lost is lost with it), each file keeps its durable bytes, and of each
 // page written since, keeps the new page, the old one, or a tear of the two (sectors of each), as a
 // seeded generator decides. The process runs on until its objects are gone; Reboot then puts the
 // frozen image in place of the file system.
@@ -54,6 +58,8 @@ struct SCutStats {
   unsigned cPagesKept = 0;     // unflushed pages that reached the disk whole
   unsigned cPagesDropped = 0;  // unflushed pages lost whole
   unsigned cPagesTorn = 0;     // unflushed pages of which some sectors arrived
+  unsigned cNamesKept = 0;     // changes of names not yet durable that reached the disk
+  unsigned cNamesLost = 0;     // changes of names not yet durable that were lost
 };
 
 // Starts keeping each file's durable image; what the files hold now counts as durable.
@@ -66,7 +72,8 @@ void ArmPowerCut(unsigned nCall, uint64_t ullSeed);
 bool HasPowerBeenCut();
 // How many changing calls have been made since tracking started (to choose a cut point).
 unsigned GetChangingCallCount();
-// Replaces the file system with the image the cut left (with no cut, with what is durable now),
+// Replaces the file system with the image the cut left (with no cut, with what is durable now:
+// flushed bytes under the names made durable),
 // and goes on tracking from there. Every file and mapping must be closed: ERROR_BUSY otherwise.
 HRESULT Reboot(SCutStats* pStats);
 
@@ -115,6 +122,7 @@ HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, co
 bool PathExists(const WCHAR* pszPath);
 bool IsDirectory(const WCHAR* pszPath);
 bool IsDirectoryEmpty(const WCHAR* pszPath);
+HRESULT FlushDirectory(const WCHAR* pszPath);
 HRESULT CopyTree(const WCHAR* pszFrom, const WCHAR* pszTo);
 HRESULT GetFreeDiskSpace(const WCHAR* pszPath, ULONGLONG* pullFreeToCaller, ULONGLONG* pullTotal,
                          ULONGLONG* pullTotalFree);

@@ -197,6 +197,12 @@ bool PathExists(const WCHAR* pszPath);
 bool IsDirectory(const WCHAR* pszPath);
 // True for an existing directory with no children (PathIsDirectoryEmptyW).
 bool IsDirectoryEmpty(const WCHAR* pszPath);
+// Makes the names in a directory durable: a file created, renamed or deleted in it, or a directory
+// made in it, survives a power cut once this returns (fsync of the directory on Linux, where a
+// flushed file's own name may otherwise be lost). NTFS journals its names, so on Windows this only
+// checks the directory. A missing path: ERROR_FILE_NOT_FOUND or ERROR_PATH_NOT_FOUND; a file:
+// ERROR_DIRECTORY. A directory operation for the fault seam.
+HRESULT FlushDirectory(const WCHAR* pszPath);
 // Copies a file or a directory tree (SHFileOperationW copy, silent). Copying a directory onto a
 // missing destination creates it with the source's contents; onto an existing directory, the source
 // directory is copied into it by name as the shell does.
@@ -461,7 +467,7 @@ enum class EOp { Open, Read, Write, Flush, Directory };
 // it then fails, the bytes written staying in the file (a disk that fills up in the middle of a
 // write). A failing rule with dwError 0 fails with ERROR_INVALID_FUNCTION. strPathContains, when not
 // empty, limits the rule to files or directories whose path contains it. Directory operations are
-// CreateDir, CreateDirTree, RemoveDir, ListDir, RemoveFile, RenameFile, SetAttributes. Both platforms
+// CreateDir, CreateDirTree, RemoveDir, ListDir, FlushDirectory, RemoveFile, RenameFile, SetAttributes. Both platforms
 // ask the seam at the same point of every call: after the arguments and the handle were checked,
 // before the system is called; a call refused before that point is not counted.
 struct SRule {

@@ -85,7 +85,8 @@ STDMETHODIMP CRecord::Create(IKronvale* pParent, const WCHAR* pszPath, DWORD dwH
     m_pArchiveParent = m_bParentIsArchive ? pArchive.p : nullptr;
   }
   if (!NSPlatform::IsDirectory(pszPath)) {
-    const HRESULT hr = NSPlatform::CreateDirTree(pszPath);
+    // Durably: the hours made under it are found after a power cut only through its name.
+    const HRESULT hr = NSKronvaleUtils::CreateDirTreeDurably(pszPath);
     if (!KV_SUCCEEDED(hr)) return hr;
   }
   WString strPath = NSPlatform::CanonicalizePath(pszPath);

@@ -40,14 +40,20 @@ class CTaskBuffers {
   std::vector<SFrameBuffer> m_vBuffers;
 };
 
-// Hands every file of a copied hour to the disk.
+// Hands every file of a copied hour to the disk. A file the source held read-only is made writable:
+// the copy is an hour of its target record, which appends to it and repairs it.
 HRESULT FlushFiles(const WString& strDirectory) {
   std::vector<NSPlatform::SDirEntry> vEntries;
   HRESULT hr = NSPlatform::ListDir(strDirectory.c_str(), &vEntries);
   for (size_t i = 0; SUCCEEDED(hr) && i < vEntries.size(); ++i) {
     if (vEntries[i].IsDirectory()) continue;
+    const WString strFile = NSPlatform::CombinePath(strDirectory, vEntries[i].strName);
+    if (vEntries[i].dwAttributes & FILE_ATTRIBUTE_READONLY) {
+      hr = NSPlatform::SetAttributes(strFile.c_str(), vEntries[i].dwAttributes & ~DWORD(FILE_ATTRIBUTE_READONLY));
+      if (FAILED(hr)) break;
+    }
     NSPlatform::CFile file;
-    hr = file.Open(NSPlatform::CombinePath(strDirectory, vEntries[i].strName).c_str(), GENERIC_WRITE,
+    hr = file.Open(strFile.c_str(), GENERIC_WRITE,
                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL);
     if (SUCCEEDED(hr)) hr = file.Flush();
   }
@@ -59,11 +65,14 @@ HRESULT FlushFiles(const WString& strDirectory) {
 // then does it take the hour's name. What an interrupted copy left under that name is cleared by
 // the next copy of the hour; searches never see it.
 HRESULT CopyHourDirectory(const WString& strFrom, const WString& strTo) {
-  const WString strPartial = strTo + KV_W(".copy");
+  const WString strPartial = strTo + NSHours::kszCopySuffix;
   HRESULT hr = NSPlatform::PathExists(strPartial.c_str()) ? NSKronvaleUtils::DeleteFileSystemObject(strPartial) : S_OK;
   if (SUCCEEDED(hr)) hr = NSPlatform::CopyTree(strFrom.c_str(), strPartial.c_str());
   if (SUCCEEDED(hr)) hr = FlushFiles(strPartial);
+  if (SUCCEEDED(hr)) hr = NSPlatform::FlushDirectory(strPartial.c_str());
   if (SUCCEEDED(hr)) hr = NSPlatform::RenameFile(strPartial.c_str(), strTo.c_str());
+  // The hour's name is durable before the copy says it is done.
+  if (SUCCEEDED(hr)) return NSPlatform::FlushDirectory(NSKronvaleUtils::ParentDirectory(strTo).c_str());
   if (FAILED(hr) && NSPlatform::PathExists(strPartial.c_str())) NSKronvaleUtils::DeleteFileSystemObject(strPartial);
   return hr;
 }
@@ -193,7 +202,7 @@ STDMETHODIMP CRecord::CopyHoursTo(BSTR bstrTargetPath, FILETIME ftBegin, FILETIM
     const WString strTo = NSPlatform::CombinePath(strTarget, strHourPath);
     WString strParent = strTo;
     while (!strParent.empty() && !NSPlatform::IsPathSeparator(strParent.back())) strParent.pop_back();
-    HRESULT hr = NSPlatform::IsDirectory(strParent.c_str()) ? S_OK : NSPlatform::CreateDirTree(strParent.c_str());
+    HRESULT hr = NSKronvaleUtils::CreateDirTreeDurably(strParent);
     // An hour already in the target is not merged into: copying onto it would nest the copy.
     if (SUCCEEDED(hr) && NSPlatform::PathExists(strTo.c_str())) hr = KvHResultFromWin32(ERROR_ALREADY_EXISTS);
     if (SUCCEEDED(hr)) {

@@ -63,6 +63,29 @@ TEST(Dir, CreateAndRemoveAnswers) {
   EXPECT_EQ(RenameFile(strOther.c_str(), strFile.c_str()), static_cast<HRESULT>(0x80070002));
 }
 
+// A directory's names are flushed where it is; what is not a directory answers as every other
+// directory call does.
+TEST(Dir, FlushDirectoryFlushesADirectoryAndRefusesTheRest) {
+  CTempDir dir;
+  const WString strSub = dir.Sub(KV_W("hour"));
+  ASSERT_EQ(CreateDir(strSub.c_str()), S_OK);
+  ASSERT_EQ(WriteFileBytes(Join(strSub, KV_W("data.al")), "frame"), S_OK);
+  EXPECT_EQ(FlushDirectory(strSub.c_str()), S_OK);
+  EXPECT_EQ(FlushDirectory(AddTrailingSeparator(strSub).c_str()), S_OK);
+  EXPECT_EQ(FlushDirectory(dir.Path().c_str()), S_OK);
+  EXPECT_EQ(FlushDirectory(dir.Sub(KV_W("gone")).c_str()), static_cast<HRESULT>(0x80070002));
+  EXPECT_EQ(FlushDirectory(Join(dir.Sub(KV_W("gone")), KV_W("10")).c_str()), static_cast<HRESULT>(0x80070003));
+  EXPECT_EQ(FlushDirectory(Join(strSub, KV_W("data.al")).c_str()), static_cast<HRESULT>(0x8007010B));
+  EXPECT_EQ(FlushDirectory(KV_W("")), static_cast<HRESULT>(0x80070003));
+  // The fault seam counts it among the directory operations.
+  NSFault::SRule rule;
+  rule.eOp = NSFault::EOp::Directory;
+  rule.dwError = ERROR_IO_DEVICE;
+  NSFault::Arm(rule);
+  EXPECT_EQ(FlushDirectory(strSub.c_str()), KvHResultFromWin32(ERROR_IO_DEVICE));
+  NSFault::Reset();
+}
+
 TEST(Dir, ReadOnlyDirectoryRefusesRemoval) {
   CTempDir dir;
   const WString strSub = dir.Sub(KV_W("ro"));

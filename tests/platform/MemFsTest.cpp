@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <set>
 #include <string>
 
 #include "platform/MemFs.h"
@@ -182,6 +183,8 @@ TEST(MemFs, APowerCutKeepsWhatWasFlushed) {
     ASSERT_EQ(S_OK, through.Open(Scratch("through").c_str(), GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW,
                                  FILE_FLAG_WRITE_THROUGH));
     ASSERT_EQ(S_OK, buffered.Open(Scratch("buffered").c_str(), GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW, 0));
+    // Their names are durable: only the bytes are at stake here.
+    ASSERT_EQ(S_OK, FlushDirectory(Scratch("").c_str()));
     ASSERT_EQ(S_OK, flushed.Write(strPage.data(), 4096, &cb));
     ASSERT_EQ(S_OK, flushed.Flush());
     ASSERT_EQ(S_OK, through.Write(strPage.data(), 4096, &cb));
@@ -208,4 +211,91 @@ TEST(MemFs, APowerCutKeepsWhatWasFlushed) {
   EXPECT_EQ((strBuffered.empty() ? 0u : 64u) + (strFlushed.size() > 4096 ? 1u : 0u), cPages);
   EXPECT_GT(stats.cPagesKept, 0u);
   EXPECT_GT(stats.cPagesDropped, 0u);
+}
+
+namespace {
+
+// A file made with its bytes flushed: its name is still only as durable as its directory.
+void WriteFlushed(const WString& strPath, const std::string& str) {
+  CFile file;
+  ASSERT_EQ(S_OK, file.Open(strPath.c_str(), GENERIC_WRITE, 0, CREATE_ALWAYS, 0));
+  DWORD cb = 0;
+  ASSERT_EQ(S_OK, file.Write(str.data(), static_cast<DWORD>(str.size()), &cb));
+  ASSERT_EQ(S_OK, file.Flush());
+}
+
+}  // namespace
+
+// Names are held to the strictest rule a POSIX file system allows: a change of names is durable
+// once the directory holding the name is flushed, and a file's own flush keeps its bytes, not its
+// name. A reboot with no cut keeps what is durable and nothing else.
+TEST(MemFs, ANameIsDurableOnlyOnceItsDirectoryIsFlushed) {
+  CInstalled installed;
+  const WString strArc = Scratch("arc");
+  ASSERT_EQ(S_OK, CreateDir(strArc.c_str()));
+  WriteFlushed(Scratch("arc/settings.als"), "old settings");
+  WriteFlushed(Scratch("arc/stale"), "stale");
+  NSMemFs::StartPowerCutTracking();
+
+  // An archive's settings replaced through a new file, its directory flushed: the new text stays.
+  WriteFlushed(Scratch("arc/settings.als.new"), "new settings");
+  ASSERT_EQ(S_OK, RenameFile(Scratch("arc/settings.als.new").c_str(), Scratch("arc/settings.als").c_str()));
+  WriteFlushed(Scratch("arc/described"), "flushed file, flushed directory");
+  ASSERT_EQ(S_OK, FlushDirectory(strArc.c_str()));
+  // An hour whose own directory was flushed but not the directories above it: nothing finds it.
+  ASSERT_EQ(S_OK, CreateDirTree(Scratch("arc/cam/2024/05/06/10").c_str()));
+  WriteFlushed(Scratch("arc/cam/2024/05/06/10/data.al"), "frame");
+  ASSERT_EQ(S_OK, FlushDirectory(Scratch("arc/cam/2024/05/06/10").c_str()));
+  // A deletion and a rename left unflushed are undone.
+  ASSERT_EQ(S_OK, RemoveFile(Scratch("arc/stale").c_str()));
+  ASSERT_EQ(S_OK, RenameFile(Scratch("arc/described").c_str(), Scratch("arc/renamed").c_str()));
+
+  NSMemFs::SCutStats stats;
+  ASSERT_EQ(S_OK, NSMemFs::Reboot(&stats));
+  EXPECT_EQ("new settings", ReadAll(Scratch("arc/settings.als")));
+  EXPECT_FALSE(PathExists(Scratch("arc/settings.als.new").c_str()));
+  EXPECT_FALSE(PathExists(Scratch("arc/cam").c_str()));
+  EXPECT_EQ("stale", ReadAll(Scratch("arc/stale")));
+  EXPECT_EQ("flushed file, flushed directory", ReadAll(Scratch("arc/described")));
+  EXPECT_FALSE(PathExists(Scratch("arc/renamed").c_str()));
+  // Unflushed: the five directories of the hour, the deletion and the rename.
+  EXPECT_EQ(7u, stats.cNamesLost);
+  EXPECT_EQ(0u, stats.cNamesKept);
+  EXPECT_EQ(Hr(ERROR_FILE_NOT_FOUND), FlushDirectory(Scratch("arc/cam").c_str()));
+  EXPECT_EQ(Hr(ERROR_DIRECTORY), FlushDirectory(Scratch("arc/stale").c_str()));
+}
+
+// A cut keeps or loses each unflushed change of names on its own, as the seeded generator decides:
+// a renamed hour directory ("10.copy" -> "10") is found under one name or the other, never both or
+// neither, with its flushed files in it; a file made in a directory whose name was lost is lost
+// with it.
+TEST(MemFs, APowerCutKeepsARenameWholeAndADirectoryWithItsNames) {
+  std::set<std::string> outcomes;
+  for (uint64_t ullSeed = 1; ullSeed <= 32; ++ullSeed) {
+    CInstalled installed;
+    ASSERT_EQ(S_OK, CreateDirTree(Scratch("rec/06/10.copy").c_str()));
+    WriteFlushed(Scratch("rec/06/10.copy/data.al"), "copied frames");
+    ASSERT_EQ(S_OK, FlushDirectory(Scratch("rec/06/10.copy").c_str()));
+    NSMemFs::StartPowerCutTracking();
+    ASSERT_EQ(S_OK, RenameFile(Scratch("rec/06/10.copy").c_str(), Scratch("rec/06/10").c_str()));
+    ASSERT_EQ(S_OK, CreateDir(Scratch("rec/07").c_str()));
+    WriteFlushed(Scratch("rec/07/data.al"), "next day");
+    ASSERT_EQ(S_OK, FlushDirectory(Scratch("rec/07").c_str()));
+    NSMemFs::ArmPowerCut(1, ullSeed);
+    WriteFlushed(Scratch("rec/after"), "after the cut");
+    ASSERT_TRUE(NSMemFs::HasPowerBeenCut());
+    NSMemFs::SCutStats stats;
+    ASSERT_EQ(S_OK, NSMemFs::Reboot(&stats));
+    const std::string strOld = ReadAll(Scratch("rec/06/10.copy/data.al"));
+    const std::string strNew = ReadAll(Scratch("rec/06/10/data.al"));
+    ASSERT_NE(strOld == "copied frames", strNew == "copied frames") << "seed " << ullSeed;
+    EXPECT_NE(PathExists(Scratch("rec/06/10.copy").c_str()), PathExists(Scratch("rec/06/10").c_str()));
+    const bool bDay = PathExists(Scratch("rec/07").c_str());
+    EXPECT_EQ(bDay ? "next day" : "(cannot open)", ReadAll(Scratch("rec/07/data.al"))) << "seed " << ullSeed;
+    // Unflushed at the cut: the rename, the day's directory, and the file whose creation was cut.
+    EXPECT_EQ(3u, stats.cNamesKept + stats.cNamesLost) << "seed " << ullSeed;
+    outcomes.insert(std::string(strNew == "copied frames" ? "new name" : "old name") + (bDay ? ", day" : ""));
+  }
+  // Every combination turns up.
+  EXPECT_EQ(4u, outcomes.size());
 }

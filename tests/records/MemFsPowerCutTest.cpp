@@ -175,6 +175,50 @@ TEST(MemFsPowerCut, AnArchiveCutShortInItsCreationIsWholeOrMadeAgain) {
   std::printf("power cuts during archive creation: %u\n", cCuts);
 }
 
+// What the engine has answered for is durable, names included, when the power goes right after:
+// a reboot with no cut keeps only flushed bytes under flushed directories. A new archive, its new
+// record, an hour made by a write-through frame, an hour fast-copied into another record and the
+// removal of an hour all survive it.
+TEST(MemFsPowerCut, EveryAnsweredChangeOfNamesSurvivesAPowerCutRightAfterIt) {
+  NSMem::Install();
+  NSMem::StartPowerCutTracking();
+  const SStream cam = {"cam", 10, 2, 1, 0};
+  const NSCom::CComBSTR bstrPath(ArchivePath());
+  {
+    NSCom::CComPtr<IKronvale> pArchive;
+    ASSERT_EQ(S_OK, NewFactory()->CreateArchive(bstrPath, &pArchive));
+    ASSERT_EQ(S_OK, pArchive->SetFlushTimeout(0));
+    NSCom::CComPtr<IRecord> pCam, pCopy;
+    ASSERT_EQ(S_OK, pArchive->CreateRecord(NSCom::CComBSTR(KV_W("cam")), &pCam));
+    cam.WriteAll(pCam);
+    ASSERT_EQ(S_OK, pArchive->CreateRecord(NSCom::CComBSTR(KV_W("copy")), &pCopy));
+    NSCom::CComBSTR bstrCopy;
+    ASSERT_EQ(S_OK, pCopy->GetPath(&bstrCopy));
+    ASSERT_EQ(S_OK, Query<IRecordFastCopy>(pCam, IID_IRecordFastCopy)
+                        ->CopyHoursTo(bstrCopy, cam.Time(0), Ft(2024, 5, 6, 10, 59, 59, 990)));
+    ASSERT_EQ(S_OK, pCam->RemoveHour(cam.Time(1)));
+    pCam = nullptr;
+    pCopy = nullptr;
+    pArchive->Free();
+  }
+  ASSERT_EQ(S_OK, NSMem::Reboot(nullptr));
+  {
+    NSCom::CComPtr<IKronvale> pArchive;
+    ASSERT_EQ(S_OK, NewFactory()->OpenArchive(bstrPath, &pArchive));
+    NSCom::CComPtr<IRecord> pCam, pCopy;
+    ASSERT_EQ(S_OK, pArchive->OpenRecord(NSCom::CComBSTR(KV_W("cam")), &pCam));
+    ASSERT_EQ(S_OK, pArchive->OpenRecord(NSCom::CComBSTR(KV_W("copy")), &pCopy));
+    const SReadBack camBack = ReadBack(pCam, cam);
+    EXPECT_EQ(std::set<int>{0}, camBack.present);  // hour 11 stays removed
+    EXPECT_EQ(std::set<int>{1}, camBack.missing);
+    EXPECT_EQ(std::set<int>{0}, ReadBack(pCopy, cam).present);
+    pCam = nullptr;
+    pCopy = nullptr;
+    pArchive->Free();
+  }
+  NSMem::Uninstall();
+}
+
 // Retention over two records, by bytes and by hours per record, with a power cut at every changing
 // call of the pass: every hour the pass was not deleting reads back byte-exact, an hour it was
 // deleting is whole, gone, or repaired into an hour that opens with only sound frames, and the next

@@ -205,4 +205,38 @@ TEST_F(RecordMaintenanceTest, FastCopyKeepsTheHourLayoutAndOpensAsARecord) {
   EXPECT_EQ(E_INVALIDARG, pCopy->CopyHoursTo(nullptr, Ft(2021, 1, 1, 0), Ft(2023, 1, 1, 0)));
 }
 
+// What a fast copy meets besides whole hours: a read-only file in a source hour's directory is
+// copied and made writable in the target (whose record appends to and repairs its hours), and the
+// leftover of a copy cut short ("11.copy") does not keep its day from being erased when the day's
+// last hour goes.
+TEST_F(RecordMaintenanceTest, FastCopyLeftoversAndReadOnlyFilesStopNothing) {
+  ASSERT_EQ(S_OK, WriteFrame(m_pWriter, Ft(2021, 3, 7, 10, 5), 1, {"kept"}));
+  ASSERT_EQ(S_OK, WriteFrame(m_pWriter, Ft(2021, 3, 8, 10, 5), 1, {"gone"}));
+  const WString strNote = Dir("cam/2021/03/07/10/note.txt");
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(strNote, "made read-only by hand"));
+  ASSERT_EQ(S_OK, NSPlatform::SetAttributes(strNote.c_str(), FILE_ATTRIBUTE_READONLY));
+  auto pCopy = Query<IRecordFastCopy>(m_pWriter, IID_IRecordFastCopy);
+  const WString strTarget = NSPlatform::CombinePath(m_dir.Sub(KV_W("other")), W("cam"));
+  EXPECT_EQ(S_OK, pCopy->CopyHoursTo(NSCom::CComBSTR(strTarget.c_str()), Ft(2021, 3, 7, 10), Ft(2021, 3, 7, 10, 59)));
+  ASSERT_EQ(S_OK, NSPlatform::SetAttributes(strNote.c_str(), FILE_ATTRIBUTE_NORMAL));
+  DWORD dwAttributes = 0;
+  ASSERT_EQ(S_OK, NSPlatform::GetAttributes(NSPlatform::CombinePath(strTarget, Native("2021/03/07/10/note.txt")).c_str(),
+                                            &dwAttributes));
+  EXPECT_EQ(0u, dwAttributes & FILE_ATTRIBUTE_READONLY);
+  EXPECT_FALSE(NSPlatform::PathExists(NSPlatform::CombinePath(strTarget, Native("2021/03/07/10.copy")).c_str()));
+  {
+    CTestArchive other(m_dir.Sub(KV_W("other")));
+    auto pTarget = other.Writer("cam");
+    EXPECT_EQ(S_OK, WriteFrame(pTarget, Ft(2021, 3, 7, 10, 6), 1, {"appended"}));
+    EXPECT_EQ((std::vector<std::string>{"kept"}), ReadFrame(pTarget, Ft(2021, 3, 7, 10, 5), 1));
+  }
+
+  // A copy into 8 March was cut short: its partial hour sits beside the day's only hour.
+  ASSERT_EQ(S_OK, NSPlatform::CreateDir(Dir("cam/2021/03/08/11.copy").c_str()));
+  ASSERT_EQ(S_OK, NSTest::WriteFileBytes(Dir("cam/2021/03/08/11.copy/data.al"), "partial"));
+  ASSERT_EQ(S_OK, m_pWriter->RemoveHour(Ft(2021, 3, 8, 10)));
+  EXPECT_FALSE(NSPlatform::PathExists(Dir("cam/2021/03/08").c_str()));
+  EXPECT_TRUE(NSPlatform::PathExists(Dir("cam/2021/03/07/10").c_str()));
+}
+
 }  // namespace

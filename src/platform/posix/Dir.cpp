@@ -237,6 +237,21 @@ bool IsDirectoryEmpty(const WCHAR* pszPath) {
   return true;
 }
 
+HRESULT FlushDirectory(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) return NSMemFs::FlushDirectory(pszPath);
+  const WString strPath = WidePath(pszPath);
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
+  const std::string strNative = WideToUtf8(WithoutTrailingSeparators(strPath));
+  const int fd = RetryEintr([&] { return ::open(strNative.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+  if (fd < 0) return errno == ENOTDIR ? Fail(ERROR_DIRECTORY) : FailErrno(errno, strNative, EObject::Directory);
+  // A file system that cannot sync a directory (EINVAL) keeps its names by other means.
+  const int nResult = ::fsync(fd) == 0 || errno == EINVAL ? 0 : errno;
+  ::close(fd);
+  return nResult == 0 ? S_OK : FailErrno(nResult, strNative, EObject::Directory);
+}
+
 HRESULT CopyTree(const WCHAR* pszFrom, const WCHAR* pszTo) {
   if (NSMemFs::Serves()) return NSMemFs::CopyTree(pszFrom, pszTo);
   WString strFrom, strTo;

@@ -207,6 +207,25 @@ bool IsDirectoryEmpty(const WCHAR* pszPath) {
   return ::PathIsDirectoryEmptyW(pszPath) != FALSE;
 }
 
+HRESULT FlushDirectory(const WCHAR* pszPath) {
+  if (NSMemFs::Serves()) {
+    return NSMemFs::FlushDirectory(pszPath);
+  }
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NSFault::Intercept(NSFault::EOp::Directory, PathOrEmpty(pszPath), nullptr, &dwInjected)) {
+    return FailWith(dwInjected);
+  }
+  if (pszPath == nullptr || *pszPath == 0) {
+    return FailWith(ERROR_PATH_NOT_FOUND);
+  }
+  // NTFS journals every change of names: there is nothing to flush, only the directory to find.
+  const DWORD dwAttributes = ::GetFileAttributesW(pszPath);
+  if (dwAttributes == INVALID_FILE_ATTRIBUTES) {
+    return FailLast();
+  }
+  return (dwAttributes & FILE_ATTRIBUTE_DIRECTORY) ? S_OK : FailWith(ERROR_DIRECTORY);
+}
+
 HRESULT CopyTree(const WCHAR* pszFrom, const WCHAR* pszTo) {
   if (NSMemFs::Serves()) {
     return NSMemFs::CopyTree(pszFrom, pszTo);
