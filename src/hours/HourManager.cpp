@@ -1216,11 +1216,13 @@ HRESULT CHourManager::Repair(IProgress* pProgress) {
     if (FAILED(hr) && hr != KvHResultFromWin32(ERROR_FILE_NOT_FOUND) && !KV_SUCCEEDED(hr)) return hr;
     if (SUCCEEDED(hr)) NSPlatform::RemoveFile(strAside.c_str());
   }
-  // 3. Without its data file the hour holds nothing worth keeping.
+  // 3. Without its data file the hour holds nothing worth keeping. A data file that is there but
+  // cannot be opened keeps the hour.
   HRESULT hr = OpenLocked(true, m_bBuffered);
   if (SUCCEEDED(hr)) hr = MapView();  // the slots are stored through the view
   if (FAILED(hr)) {
-    const bool bNoDataFile = m_descriptor.IsOpen() && !m_file.IsOpen();
+    const bool bNoDataFile = m_descriptor.IsOpen() && !m_file.IsOpen() &&
+                             !NSPlatform::PathExists(FilePath(kszDataFileName).c_str());
     CloseLocked();
     if (!bNoDataFile) return hr;
     return RemoveHourLocked() ? S_OK : E_FAIL;

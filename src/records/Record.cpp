@@ -274,6 +274,11 @@ HRESULT CRecord::GetHourManager(const WString& strHourPath, bool bCreate, CHourP
     if (SUCCEEDED(hr)) break;
     pHour->Close();
     if (!IsWriter()) return hr;  // a reader answers the failure; repairs are the writer's
+    // A file the hour may not open, or a full disk, says nothing of the hour's bytes: the hour is
+    // left as it is, since a repair that could not open data.al either would take it for empty.
+    if (hr == khrAccessDenied || hr == khrSharingViolation || hr == khrLockViolation || hr == khrWriteProtect ||
+        hr == khrDiskFull || hr == khrHandleDiskFull)
+      return hr;
     if (HasState(klStateNoRepair)) return khrFileCorrupt;
     // One repair per call: an hour that a repair cannot heal fails instead of looping.
     if (bRepaired) {

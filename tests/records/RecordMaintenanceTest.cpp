@@ -239,4 +239,19 @@ TEST_F(RecordMaintenanceTest, FastCopyLeftoversAndReadOnlyFilesStopNothing) {
   EXPECT_TRUE(NSPlatform::PathExists(Dir("cam/2021/03/07/10").c_str()));
 }
 
+// An hour whose data.al was made read-only by hand: the writer that meets it answers 0x80070005 and
+// leaves every byte of the hour where it was; it neither repairs nor deletes an hour it cannot open.
+TEST_F(RecordMaintenanceTest, AnHourTheWriterMayNotOpenIsLeftAsItIs) {
+  ASSERT_EQ(S_OK, WriteFrame(m_pWriter, Ft(2021, 3, 7, 10, 5), 1, {"kept"}));
+  ASSERT_EQ(S_OK, WriteFrame(m_pWriter, Ft(2021, 3, 7, 11, 5), 1, {"eleven"}));  // 10h closed
+  const std::string strBefore = Snapshot();
+  const WString strData = Dir("cam/2021/03/07/10/data.al");
+  ASSERT_EQ(S_OK, NSPlatform::SetAttributes(strData.c_str(), FILE_ATTRIBUTE_READONLY));
+  EXPECT_EQ((std::vector<std::string>{"hr=80070005"}), ReadFrame(m_pWriter, Ft(2021, 3, 7, 10, 5), 1));
+  EXPECT_EQ(khrAccessDenied, WriteFrame(m_pWriter, Ft(2021, 3, 7, 10, 6), 1, {"late"}));
+  ASSERT_EQ(S_OK, NSPlatform::SetAttributes(strData.c_str(), FILE_ATTRIBUTE_NORMAL));
+  EXPECT_EQ(strBefore, Snapshot());
+  EXPECT_EQ((std::vector<std::string>{"kept"}), ReadFrame(m_pWriter, Ft(2021, 3, 7, 10, 5), 1));
+}
+
 }  // namespace
