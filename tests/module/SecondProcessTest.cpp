@@ -95,6 +95,20 @@ int RunSecondProcess(const WString& strArchive, const char* pszSuite = "SecondPr
   return CSecondProcess(strArchive, pszSuite).Wait();
 }
 
+// The archive a first process handed this one, and the directory holding it (with its trailing
+// separator) where the two processes leave each other their marks; false when this process was not
+// started as a second process.
+bool SecondProcessArchive(WString* pstrArchive, WString* pstrDirectory = nullptr) {
+  const char* pszArchive = std::getenv(kszArchiveVariable);
+  if (!pszArchive) return false;
+  *pstrArchive = NSPlatform::Utf8ToWide(pszArchive);
+  if (pstrDirectory) {
+    *pstrDirectory = *pstrArchive;
+    while (!pstrDirectory->empty() && !NSPlatform::IsPathSeparator(pstrDirectory->back())) pstrDirectory->pop_back();
+  }
+  return true;
+}
+
 // Waits (at most a minute) for a file another process makes when it reaches a point.
 bool WaitForFile(const WString& strPath) {
   for (int i = 0; i < 6000; ++i) {
@@ -174,13 +188,13 @@ TEST_F(RecordingProcess, ASecondProcessReadsButNeitherWritesNorDeletes) {
 
 // Runs only as the second process (skipped when the variable is not set).
 TEST(SecondProcess, ReadsTheRecordingAndIsRefusedItsWriter) {
-  const char* pszArchive = std::getenv(kszArchiveVariable);
-  if (!pszArchive) GTEST_SKIP() << "runs as the second process of RecordingProcess only";
+  WString strArchive;
+  if (!SecondProcessArchive(&strArchive)) GTEST_SKIP() << "runs as the second process of RecordingProcess only";
   CPtr<IArchiveFactory> pFactory;
   GetSecondProcessFactory(&pFactory);
   ASSERT_TRUE(pFactory);
   CPtr<IKronvale> pArchive;
-  ASSERT_EQ(S_OK, pFactory->OpenArchive(CBstr(NSPlatform::Utf8ToWide(pszArchive)), &pArchive));
+  ASSERT_EQ(S_OK, pFactory->OpenArchive(CBstr(strArchive), &pArchive));
 
   CPtr<IRecord> pReader;
   ASSERT_EQ(S_OK, pArchive->OpenRecord(CBstr(KV_W("cam")), &pReader));
@@ -204,13 +218,13 @@ TEST(ExitingProcess, EndsCleanlyWhileItsArchiveWorks) {
 }
 
 TEST(ExitWhileWorking, ExitsHoldingItsArchive) {
-  const char* pszArchive = std::getenv(kszArchiveVariable);
-  if (!pszArchive) GTEST_SKIP() << "runs as the second process of ExitingProcess only";
+  WString strArchive;
+  if (!SecondProcessArchive(&strArchive)) GTEST_SKIP() << "runs as the second process of ExitingProcess only";
   IArchiveFactory* pFactory = nullptr;  // never released: the process ends with it
   GetSecondProcessFactory(&pFactory);
   ASSERT_TRUE(pFactory);
   IKronvale* pArchive = nullptr;
-  ASSERT_EQ(S_OK, pFactory->CreateArchive(CBstr(NSPlatform::Utf8ToWide(pszArchive)), &pArchive));
+  ASSERT_EQ(S_OK, pFactory->CreateArchive(CBstr(strArchive), &pArchive));
   ASSERT_EQ(S_OK, pArchive->SetFlushTimeout(1));
   ASSERT_EQ(S_OK, pArchive->SetQuota(1ull << 40, 0));  // a limit, so the pass has work to do
   IRecord* pWriter = nullptr;
@@ -286,11 +300,8 @@ TEST_F(RepairingProcess, RepairsAnHourThatASecondProcessHoldsOpen) {
 }
 
 TEST(HoldingReader, HoldsTheHourOpenUntilTold) {
-  const char* pszArchive = std::getenv(kszArchiveVariable);
-  if (!pszArchive) GTEST_SKIP() << "runs as the second process of RepairingProcess only";
-  const WString strArchive = NSPlatform::Utf8ToWide(pszArchive);
-  WString strDirectory = strArchive;
-  while (!strDirectory.empty() && !NSPlatform::IsPathSeparator(strDirectory.back())) strDirectory.pop_back();
+  WString strArchive, strDirectory;
+  if (!SecondProcessArchive(&strArchive, &strDirectory)) GTEST_SKIP() << "runs as the second process of RepairingProcess only";
   CPtr<IArchiveFactory> pFactory;
   GetSecondProcessFactory(&pFactory);
   ASSERT_TRUE(pFactory);
@@ -364,11 +375,8 @@ TEST(LiveRecordingProcess, AReaderInASecondProcessFollowsTheCurrentHour) {
 }
 
 TEST(FollowingReader, SeesEachNewFrameAtItsNextStep) {
-  const char* pszArchive = std::getenv(kszArchiveVariable);
-  if (!pszArchive) GTEST_SKIP() << "runs as the second process of LiveRecordingProcess only";
-  const WString strArchive = NSPlatform::Utf8ToWide(pszArchive);
-  WString strDirectory = strArchive;
-  while (!strDirectory.empty() && !NSPlatform::IsPathSeparator(strDirectory.back())) strDirectory.pop_back();
+  WString strArchive, strDirectory;
+  if (!SecondProcessArchive(&strArchive, &strDirectory)) GTEST_SKIP() << "runs as the second process of LiveRecordingProcess only";
   std::string strHour;
   ASSERT_EQ(S_OK, NSTest::ReadFileBytes(strDirectory + KV_W("hour"), &strHour));
   const ULONGLONG ullHour = std::stoull(strHour);
