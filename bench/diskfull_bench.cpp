@@ -95,7 +95,7 @@ int main() {
     return static_cast<double>(c) / (dTo - dFrom);
   };
   std::printf("kv_diskfull_bench: %u MiB tmpfs, free-space limit %llu MiB, %zu-byte frames offered at %.0f/s for %.0f s\n\n",
-              kcVolumeMiB, kullMinimumFree / 1048576, kcbFrame, kdOfferedPerSecond, kdRunSeconds);
+              kcVolumeMiB, static_cast<unsigned long long>(kullMinimumFree / 1048576), kcbFrame, kdOfferedPerSecond, kdRunSeconds);
   std::printf("%-8s %12s %12s %10s %12s %12s %8s\n", "episode", "filled at s", "gap ms", "refused", "before /s",
               "after /s", "after/before");
   int nEpisode = 0;

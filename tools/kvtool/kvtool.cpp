@@ -579,7 +579,8 @@ int Read(CKronvale& kronvale, const std::string& strPath, const std::string& str
     std::printf("]}\n");
     return ketSuccess;
   }
-  std::printf("%s flags 0x%08X, %zu buffers\n", FormatTime(ullTime).c_str(), static_cast<unsigned>(dwFlags), buffers.size());
+  std::printf("%s flags 0x%08X, %u buffers\n", FormatTime(ullTime).c_str(), static_cast<unsigned>(dwFlags),
+              static_cast<unsigned>(buffers.size()));
   for (size_t i = 0; i < buffers.size(); ++i)
     std::printf("  buffer %zu: %u bytes: %s\n", i, static_cast<unsigned>(buffers[i].dwDataSize),
                 Printable(buffers[i].pData, buffers[i].dwDataSize, 64).c_str());
