@@ -742,7 +742,7 @@ HRESULT CHourManager::Read(const SYSTEMTIME& st, DWORD* pdwFlags, SHourFrameBuff
   if (dwCount) KV_CHECK_POINTER(pBuffers);
   KV_HOUR_LOCK(E_FAIL);
   // 1.-2.
-  m_dwLastAccess = static_cast<DWORD>(NSPlatform::GetTickCount64());
+  m_dwLastAccess.store(static_cast<DWORD>(NSPlatform::GetTickCount64()), std::memory_order_relaxed);
   if (!KV_ASSERT_TEXT(HashOpen() && m_file.IsOpen() && m_descriptor.IsOpen(), "pDescriptorHeader\n"))
     return khrInvalidState;
   const SFrameInfoHash* pSlot = GetSlot(st);
@@ -915,7 +915,7 @@ HRESULT CHourManager::StepFrom(const SYSTEMTIME& st, const SHourFrameFilter* pFi
 
 HRESULT CHourManager::GetSiblingLocked(const SYSTEMTIME& st, const SHourFrameFilter* pFilter, FILETIME* pftFound,
                                        bool bIncludeStart, bool bForward) {
-  m_dwLastAccess = static_cast<DWORD>(NSPlatform::GetTickCount64());
+  m_dwLastAccess.store(static_cast<DWORD>(NSPlatform::GetTickCount64()), std::memory_order_relaxed);
   if (!KV_ASSERT_TEXT(HashOpen() && HasCopy() && m_descriptor.IsOpen(), "pDescriptorHeader\n")) return khrInvalidState;
   if (!SlotInHour(st)) return E_INVALIDARG;
   const LONG nStep = bForward ? 1 : -1;

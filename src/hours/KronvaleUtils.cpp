@@ -172,21 +172,6 @@ file_time::date_part SpanToDatePart(ULONGLONG ullSpan) {
   return file_time::edYear;
 }
 
-bool IsFrameMatchesFilter(DWORD dwMask, DWORD dwMode, DWORD dwFlags) {
-  switch (dwMode) {
-    case 0:
-      return (dwMask & dwFlags) != 0;
-    case 1:
-      return (dwMask & dwFlags) == dwMask;
-    case 2:
-      return dwMask == dwFlags;
-    case 3:
-      return (dwMask & dwFlags) == 0;
-    default:
-      return false;
-  }
-}
-
 WString GetUpPath(unsigned nLevels) {
   const WCHAR aszUp[] = {u'.', u'.', chPathSeparator, 0};
   WString str;

@@ -60,8 +60,22 @@ bool IsCurrentHour(WStringView strPath);
 file_time::date_part SpanToDatePart(ULONGLONG ullSpan);
 
 // The frame filter {mask, mode} applied to a frame's flags: mode 0 any bit of the mask, 1 all of
-// them, 2 flags equal to the mask, 3 none of them; any other mode matches nothing.
-bool IsFrameMatchesFilter(DWORD dwMask, DWORD dwMode, DWORD dwFlags);
+// them, 2 flags equal to the mask, 3 none of them; any other mode matches nothing. Inline: a
+// filtered walk asks it for every frame it passes.
+inline bool IsFrameMatchesFilter(DWORD dwMask, DWORD dwMode, DWORD dwFlags) {
+  switch (dwMode) {
+    case 0:
+      return (dwMask & dwFlags) != 0;
+    case 1:
+      return (dwMask & dwFlags) == dwMask;
+    case 2:
+      return dwMask == dwFlags;
+    case 3:
+      return (dwMask & dwFlags) == 0;
+    default:
+      return false;
+  }
+}
 // The mode word of a filter record as its caller stored it. Callers may store any 32-bit value in
 // the enumeration (a C client, or a value from the wire), so it is read as the word it is, never
 // as the enumeration.

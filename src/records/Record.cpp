@@ -557,12 +557,14 @@ HRESULT CRecord::Step(bool bForward, FILETIME ft, const SFrameFilter* pFilter, F
     const bool bSkip = pFilter && !bOpen && !IsWriter() &&
                        SUCCEEDED(CHourManager::ReadHourFlagMask(HourDirectory(strHourPath), &dwHourMask)) &&
                        !Passes(pFilter, dwHourMask);
-    CHourPtr pHour;
-    if (bOpen) {
-      pHour = m_pCurrentHour;
-    } else if (!bSkip) {
-      HRESULT hr = GetHourManager(strHourPath, false, &pHour);
+    // The open hour is used through the record's own reference (it changes only under the record
+    // lock, held here), so that a step inside it costs no reference count.
+    CHourPtr pOtherHour;
+    CHourManager* pHour = bOpen ? m_pCurrentHour.get() : nullptr;
+    if (!bOpen && !bSkip) {
+      HRESULT hr = GetHourManager(strHourPath, false, &pOtherHour);
       if (!KV_SUCCEEDED(hr)) return hr;
+      pHour = pOtherHour.get();
     }
     if (pHour) {
       SYSTEMTIME stFrom = st;

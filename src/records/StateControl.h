@@ -33,11 +33,11 @@ class CStateControl : public IStateControl {
   // new = (old AND NOT bitsToClear) OR bitsToSet in one compare-and-swap, so a bit named in both
   // ends up set; the hook gets (bitsToSet, NOT bitsToClear, new).
   STDMETHOD(Change)(LONG lBitsToSet, LONG lBitsToClear) override {
+    // A word that already reads as asked is not written: a search clears the stop bit at every
+    // call, and should cost no locked instruction for it.
     LONG lOld = m_lState.load();
-    LONG lNew;
-    do {
-      lNew = (lOld & ~lBitsToClear) | lBitsToSet;
-    } while (!m_lState.compare_exchange_weak(lOld, lNew));
+    LONG lNew = (lOld & ~lBitsToClear) | lBitsToSet;
+    while (lNew != lOld && !m_lState.compare_exchange_weak(lOld, lNew)) lNew = (lOld & ~lBitsToClear) | lBitsToSet;
     OnChange(lBitsToSet, ~lBitsToClear, lNew);
     return S_OK;
   }

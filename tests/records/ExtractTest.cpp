@@ -384,7 +384,7 @@ std::vector<SPacketFrame> ManyFrames() {
     const size_t cb = i == 150 ? 5 * 1024 * 1024 + 3 : acbSizes[i % std::size(acbSizes)];
     std::string strData(cb, '\0');
     for (size_t k = 0; k < cb; ++k) strData[k] = static_cast<char>('a' + (i * 7 + k) % 26);
-    SPacketFrame frame = {Plus(Ft(2021, 5, 1, 10), i * 40 * kllMs), i};
+    SPacketFrame frame = {Plus(Ft(2021, 5, 1, 10), i * 40 * kllMs), i, {}};
     if (i % 50 != 7) frame.vBuffers = {strData, std::to_string(i)};
     v.push_back(frame);
   }
