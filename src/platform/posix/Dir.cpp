@@ -17,14 +17,47 @@ using namespace NSPosix;
 
 namespace {
 
-struct SDirCloser {
-  void operator()(DIR* pDir) const { ::closedir(pDir); }
-};
-using TDirPtr = std::unique_ptr<DIR, SDirCloser>;
+// The names in a directory, read straight from the kernel in blocks: one open, one or two reads
+// and a close, where opendir would also ask the directory's attributes. "." and ".." are left out.
+// A search through a sparse record lists a few directories for every hour it passes.
+class CDirReader {
+ public:
+  explicit CDirReader(const char* pszPath)
+      : m_fd(RetryEintr([&] { return ::open(pszPath, O_RDONLY | O_DIRECTORY | O_CLOEXEC); })) {}
+  ~CDirReader() {
+    if (m_fd >= 0) ::close(m_fd);
+  }
+  CDirReader(const CDirReader&) = delete;
+  CDirReader& operator=(const CDirReader&) = delete;
 
-bool IsDotOrDotDot(const char* pszName) {
-  return pszName[0] == '.' && (pszName[1] == 0 || (pszName[1] == '.' && pszName[2] == 0));
-}
+  // False when the directory could not be opened; errno says why.
+  bool IsOpen() const { return m_fd >= 0; }
+  int Fd() const { return m_fd; }
+  // The next name, or null at the end (or when a read fails).
+  const char* Next() {
+    for (;;) {
+      if (m_nNext >= m_nEnd) {
+        const ssize_t n = RetryEintr([&] { return ::getdents64(m_fd, m_ab, sizeof(m_ab)); });
+        if (n <= 0) return nullptr;
+        m_nNext = 0;
+        m_nEnd = static_cast<size_t>(n);
+      }
+      const auto* pEntry = reinterpret_cast<const struct dirent64*>(m_ab + m_nNext);
+      m_nNext += pEntry->d_reclen;
+      if (!IsDotOrDotDot(pEntry->d_name)) return pEntry->d_name;
+    }
+  }
+
+ private:
+  static bool IsDotOrDotDot(const char* pszName) {
+    return pszName[0] == '.' && (pszName[1] == 0 || (pszName[1] == '.' && pszName[2] == 0));
+  }
+
+  int m_fd;
+  alignas(struct dirent64) char m_ab[8192];
+  size_t m_nNext = 0;
+  size_t m_nEnd = 0;
+};
 
 bool StatIsDirectory(const std::string& strPath) {
   struct stat st;
@@ -92,13 +125,12 @@ HRESULT CopyItem(const std::string& strFrom, const std::string& strTo) {
   if (::mkdir(strTo.c_str(), 0777) != 0 && !(errno == EEXIST && StatIsDirectory(strTo))) {
     return FailErrno(errno, strTo, EObject::Directory);
   }
-  TDirPtr pDir(::opendir(strFrom.c_str()));
-  if (!pDir) return FailErrno(errno, strFrom, EObject::Directory);
   std::vector<std::string> vNames;
-  while (const dirent* pEntry = ::readdir(pDir.get())) {
-    if (!IsDotOrDotDot(pEntry->d_name)) vNames.emplace_back(pEntry->d_name);
+  {
+    CDirReader dir(strFrom.c_str());
+    if (!dir.IsOpen()) return FailErrno(errno, strFrom, EObject::Directory);
+    while (const char* pszName = dir.Next()) vNames.emplace_back(pszName);
   }
-  pDir.reset();
   for (const std::string& strName : vNames) {
     HRESULT hr = CopyItem(Join(strFrom, strName), Join(strTo, strName));
     if (FAILED(hr)) return hr;
@@ -180,23 +212,20 @@ HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, co
   if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   const std::string strNative = WideToUtf8(strPath);
-  TDirPtr pDir(::opendir(strNative.c_str()));
-  if (!pDir) {
+  CDirReader dir(strNative.c_str());
+  if (!dir.IsOpen()) {
     // FindFirstFileW on "<missing>\*" reports the path, not the file, as missing.
     if (errno == ENOENT) return Fail(ERROR_PATH_NOT_FOUND);
     if (errno == ENOTDIR) return Fail(ERROR_DIRECTORY);
     return FailErrno(errno, strNative, EObject::Directory);
   }
-  const int fdDir = ::dirfd(pDir.get());
-  while (const dirent* pEntry = ::readdir(pDir.get())) {
-    if (IsDotOrDotDot(pEntry->d_name)) continue;
+  while (const char* pszName = dir.Next()) {
     SDirEntry entry;
-    entry.strName = Utf8ToWide(pEntry->d_name);
+    entry.strName = Utf8ToWide(pszName);
     if (pszSpec && !MatchSpec(entry.strName.c_str(), pszSpec)) continue;
     struct stat st;
     // A dangling symbolic link is listed as itself; an entry removed meanwhile is left out.
-    if (::fstatat(fdDir, pEntry->d_name, &st, 0) != 0 &&
-        ::fstatat(fdDir, pEntry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (::fstatat(dir.Fd(), pszName, &st, 0) != 0 && ::fstatat(dir.Fd(), pszName, &st, AT_SYMLINK_NOFOLLOW) != 0) {
       continue;
     }
     entry.dwAttributes = 0;
@@ -229,12 +258,8 @@ bool IsDirectoryEmpty(const WCHAR* pszPath) {
   if (NSMemFs::Serves()) return NSMemFs::IsDirectoryEmpty(pszPath);
   const std::string strNative = NativePath(pszPath);
   if (strNative.empty()) return false;
-  TDirPtr pDir(::opendir(strNative.c_str()));
-  if (!pDir) return false;
-  while (const dirent* pEntry = ::readdir(pDir.get())) {
-    if (!IsDotOrDotDot(pEntry->d_name)) return false;
-  }
-  return true;
+  CDirReader dir(strNative.c_str());
+  return dir.IsOpen() && !dir.Next();
 }
 
 HRESULT FlushDirectory(const WCHAR* pszPath) {
