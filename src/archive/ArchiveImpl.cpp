@@ -117,6 +117,10 @@ HRESULT CArchiveImpl::Create(const WString& strPath) {
   }
   hr = SetDescription(NSCom::CComBSTR(KV_W("")));
   if (!KV_SUCCEEDED(hr)) return hr;
+  // The description's name reaches the disk before the settings do: a power cut must not keep the
+  // settings' rename and lose the file made before it.
+  hr = NSPlatform::FlushDirectory(strFull.c_str());
+  if (!KV_SUCCEEDED(hr)) return hr;
   // Last: an archive is a directory with its settings, so a creation cut short before this point
   // leaves a directory that the next creation finishes and no open mistakes for an archive.
   {
