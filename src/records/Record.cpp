@@ -609,11 +609,11 @@ bool IsLevelName(const WString& strName, int nLevel) {
 
 // The level names of a directory, in ascending order.
 std::vector<WString> ListLevel(const WString& strDirectory, int nLevel) {
-  std::vector<NSPlatform::SDirEntry> vEntries;
   std::vector<WString> vNames;
-  if (FAILED(NSPlatform::ListDir(strDirectory.c_str(), &vEntries))) return vNames;
-  for (auto& entry : vEntries)
-    if (entry.IsDirectory() && IsLevelName(entry.strName, nLevel)) vNames.push_back(std::move(entry.strName));
+  if (FAILED(NSPlatform::ListSubdirectories(strDirectory.c_str(), &vNames))) return {};
+  vNames.erase(std::remove_if(vNames.begin(), vNames.end(),
+                              [nLevel](const WString& strName) { return !IsLevelName(strName, nLevel); }),
+               vNames.end());
   return vNames;
 }
 

@@ -4,6 +4,10 @@
 #include "common/TempDir.h"
 #include "platform/os.h"
 
+#ifndef _WIN32
+#include <unistd.h>
+#endif
+
 using namespace NSPlatform;
 using NSTest::CTempDir;
 using NSTest::FileContents;
@@ -144,6 +148,24 @@ TEST(Dir, ListingIsSortedOrdinallyAndFiltered) {
   EXPECT_EQ(ListDir(dir.Sub(KV_W("missing")).c_str(), &vEntries), static_cast<HRESULT>(0x80070003));
   const HRESULT hrFile = ListDir(dir.Sub(KV_W("a.al")).c_str(), &vEntries);
   EXPECT_TRUE(hrFile == static_cast<HRESULT>(0x8007010B) || hrFile == static_cast<HRESULT>(0x80070003)) << std::hex << hrFile;
+
+  // The directories alone, in the same order and with the same failures (a link to a directory
+  // counts as one, as ListDir shows it).
+  ASSERT_EQ(CreateDir(dir.Sub(KV_W("Amber")).c_str()), S_OK);
+#ifndef _WIN32
+  ASSERT_EQ(::symlink("sub", WideToUtf8(dir.Sub(KV_W("link"))).c_str()), 0);
+  ASSERT_EQ(::symlink("gone", WideToUtf8(dir.Sub(KV_W("dangling"))).c_str()), 0);
+  const std::vector<std::string> vExpected = {"Amber", "link", "sub"};
+#else
+  const std::vector<std::string> vExpected = {"Amber", "sub"};
+#endif
+  std::vector<WString> vNames = {KV_W("stale")};
+  ASSERT_EQ(ListSubdirectories(dir.Path().c_str(), &vNames), S_OK);
+  std::vector<std::string> vSeen;
+  for (const WString& strName : vNames) vSeen.push_back(WideToUtf8(strName));
+  EXPECT_EQ(vSeen, vExpected);
+  EXPECT_EQ(ListSubdirectories(dir.Sub(KV_W("missing")).c_str(), &vNames), static_cast<HRESULT>(0x80070003));
+  EXPECT_EQ(ListSubdirectories(dir.Sub(KV_W("a.al")).c_str(), &vNames), hrFile);
 }
 
 TEST(Dir, CopyTreeCopiesNestedTrees) {

@@ -33,8 +33,9 @@ class CDirReader {
   // False when the directory could not be opened; errno says why.
   bool IsOpen() const { return m_fd >= 0; }
   int Fd() const { return m_fd; }
-  // The next name, or null at the end (or when a read fails).
-  const char* Next() {
+  // The next name, or null at the end (or when a read fails); its type (DT_DIR, DT_UNKNOWN...) in
+  // *puchType when asked.
+  const char* Next(unsigned char* puchType = nullptr) {
     for (;;) {
       if (m_nNext >= m_nEnd) {
         const ssize_t n = RetryEintr([&] { return ::getdents64(m_fd, m_ab, sizeof(m_ab)); });
@@ -44,7 +45,9 @@ class CDirReader {
       }
       const auto* pEntry = reinterpret_cast<const struct dirent64*>(m_ab + m_nNext);
       m_nNext += pEntry->d_reclen;
-      if (!IsDotOrDotDot(pEntry->d_name)) return pEntry->d_name;
+      if (IsDotOrDotDot(pEntry->d_name)) continue;
+      if (puchType) *puchType = pEntry->d_type;
+      return pEntry->d_name;
     }
   }
 
@@ -238,6 +241,41 @@ HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, co
   }
   std::sort(pvEntries->begin(), pvEntries->end(),
             [](const SDirEntry& a, const SDirEntry& b) { return a.strName < b.strName; });
+  return S_OK;
+}
+
+HRESULT ListSubdirectories(const WCHAR* pszDirectory, std::vector<WString>* pvNames) {
+  if (!pvNames) return Fail(ERROR_INVALID_PARAMETER);
+  pvNames->clear();
+  if (NSMemFs::Serves()) {
+    std::vector<SDirEntry> vEntries;
+    const HRESULT hr = NSMemFs::ListDir(pszDirectory, &vEntries, nullptr);
+    for (SDirEntry& entry : vEntries)
+      if (entry.IsDirectory()) pvNames->push_back(std::move(entry.strName));
+    return hr;
+  }
+  const WString strPath = WidePath(pszDirectory);
+  DWORD dwInjected = ERROR_SUCCESS;
+  if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
+  if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
+  const std::string strNative = WideToUtf8(strPath);
+  CDirReader dir(strNative.c_str());
+  if (!dir.IsOpen()) {
+    if (errno == ENOENT) return Fail(ERROR_PATH_NOT_FOUND);
+    if (errno == ENOTDIR) return Fail(ERROR_DIRECTORY);
+    return FailErrno(errno, strNative, EObject::Directory);
+  }
+  unsigned char uchType = DT_UNKNOWN;
+  while (const char* pszName = dir.Next(&uchType)) {
+    // A link is followed, as ListDir follows it; a type the file system does not tell is asked.
+    bool bDirectory = uchType == DT_DIR;
+    if (uchType == DT_UNKNOWN || uchType == DT_LNK) {
+      struct stat st;
+      bDirectory = ::fstatat(dir.Fd(), pszName, &st, 0) == 0 && S_ISDIR(st.st_mode);
+    }
+    if (bDirectory) pvNames->push_back(Utf8ToWide(pszName));
+  }
+  std::sort(pvNames->begin(), pvNames->end());
   return S_OK;
 }
 

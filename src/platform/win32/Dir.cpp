@@ -117,6 +117,16 @@ HRESULT RemoveDir(const WCHAR* pszPath) {
   return ::RemoveDirectoryW(pszPath) ? S_OK : FailLast();
 }
 
+HRESULT ListSubdirectories(const WCHAR* pszDirectory, std::vector<WString>* pvNames) {
+  // FindFirstFileW hands out every entry's attributes with its name anyway.
+  pvNames->clear();
+  std::vector<SDirEntry> vEntries;
+  const HRESULT hr = ListDir(pszDirectory, &vEntries);
+  for (SDirEntry& entry : vEntries)
+    if (entry.IsDirectory()) pvNames->push_back(std::move(entry.strName));
+  return hr;
+}
+
 HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, const WCHAR* pszSpec) {
   if (NSMemFs::Serves()) {
     return NSMemFs::ListDir(pszDirectory, pvEntries, pszSpec);
