@@ -801,6 +801,10 @@ void CHourManager::LoadFrameWindow(const SFrameInfo& info, bool bAhead) {
   // frames (what a reader's copy can show lies below m_ullDataSize).
   if (bAhead && info.ullOffset < m_ullDataSize)
     cb = static_cast<DWORD>(std::max<ULONGLONG>(cb, std::min<ULONGLONG>(kcbReadAhead, m_ullDataSize - info.ullOffset)));
+  // Nor for more than data.al is known to hold: a window is not made (and zero-filled) for bytes
+  // the read cannot deliver. What lies beyond is read piecewise, as without a window.
+  cb = static_cast<DWORD>(std::min<ULONGLONG>(cb, info.ullOffset < m_ullDataSize ? m_ullDataSize - info.ullOffset : 0));
+  if (cb < sizeof(SFrameHeader)) return;
   try {
     if (m_vWindow.size() < cb) m_vWindow.resize(cb);
   } catch (const std::bad_alloc&) {
