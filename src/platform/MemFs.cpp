@@ -5,6 +5,7 @@
 // file's own vector, stored to by its owner without the lock, as a real view is.
 #include "platform/Disposition.h"
 #include "platform/MemFs.h"
+#include "platform/BlockPool.h"
 
 #include <algorithm>
 #include <climits>
@@ -23,6 +24,10 @@ std::atomic<bool> g_bInstalled{false};
 }  // namespace NSDetail
 
 namespace {
+
+// A file's bytes. From the pool: a test remakes files of megabytes (an hour's index) at every turn,
+// and fresh memory would cost a page fault per page each time.
+using TBytes = CPooledBytes;
 
 constexpr size_t kcbPage = 4096;   // what a cut keeps, drops or tears
 constexpr size_t kcbSector = 512;  // what a torn page is made of
@@ -49,8 +54,8 @@ struct SNode {
   bool bDirectory = false;
   bool bReadOnly = false;
   WString strName;                  // as created (the key may be folded)
-  std::vector<BYTE> vData;          // a file's bytes
-  std::vector<BYTE> vDurable;       // with tracking: what a power cut keeps for certain
+  TBytes vData;                     // a file's bytes
+  TBytes vDurable;                  // with tracking: what a power cut keeps for certain
   ULONGLONG ullCreated = 0;         // FILETIME values
   ULONGLONG ullWritten = 0;
   unsigned cMappings = 0;
@@ -242,22 +247,22 @@ bool HasChildren(const WString& strKey) {
 // ---------------------------------------------------------------------------------------------
 
 // Bytes [iBegin, iEnd) of vSource into the image, zeros past its end.
-void CopyRange(const std::vector<BYTE>& vSource, size_t iBegin, size_t iEnd, std::vector<BYTE>* pvImage) {
+void CopyRange(const TBytes& vSource, size_t iBegin, size_t iEnd, TBytes* pvImage) {
   const size_t iCopyEnd = std::max(iBegin, std::min(iEnd, vSource.size()));
   if (iCopyEnd > iBegin) std::memcpy(pvImage->data() + iBegin, vSource.data() + iBegin, iCopyEnd - iBegin);
   std::fill(pvImage->begin() + static_cast<std::ptrdiff_t>(iCopyEnd), pvImage->begin() + static_cast<std::ptrdiff_t>(iEnd), BYTE(0));
 }
 
-bool RangesEqual(const std::vector<BYTE>& a, const std::vector<BYTE>& b, size_t iBegin, size_t iEnd) {
+bool RangesEqual(const TBytes& a, const TBytes& b, size_t iBegin, size_t iEnd) {
   if (iEnd <= a.size() && iEnd <= b.size()) return std::memcmp(a.data() + iBegin, b.data() + iBegin, iEnd - iBegin) == 0;
-  auto byteOf = [](const std::vector<BYTE>& v, size_t i) -> BYTE { return i < v.size() ? v[i] : 0; };
+  auto byteOf = [](const TBytes& v, size_t i) -> BYTE { return i < v.size() ? v[i] : 0; };
   for (size_t i = iBegin; i < iEnd; ++i)
     if (byteOf(a, i) != byteOf(b, i)) return false;
   return true;
 }
 
 // One page of a file as the cut leaves it: the durable page, the new one, or sectors of each.
-void CutPage(const SNode& node, size_t iPage, std::mt19937_64& rng, std::vector<BYTE>* pvImage, SCutStats* pStats) {
+void CutPage(const SNode& node, size_t iPage, std::mt19937_64& rng, TBytes* pvImage, SCutStats* pStats) {
   const size_t iBegin = iPage * kcbPage;
   const size_t iEnd = std::min(pvImage->size(), iBegin + kcbPage);
   if (RangesEqual(node.vData, node.vDurable, iBegin, iEnd)) {
@@ -676,7 +681,7 @@ HRESULT ReadAt(void* pFile, ULONGLONG ullOffset, void* pv, DWORD cb, DWORD* pcbR
   if (ullOffset > static_cast<ULONGLONG>(LLONG_MAX)) return Fail(ERROR_INVALID_PARAMETER);
   if (cb != 0 && !pv) return Fail(ERROR_NOACCESS);
   std::lock_guard<std::mutex> lock(g_mutex);
-  const std::vector<BYTE>& vData = open.pNode->vData;
+  const TBytes& vData = open.pNode->vData;
   if (ullOffset >= vData.size()) return S_OK;
   const DWORD cbRead = static_cast<DWORD>(std::min<ULONGLONG>(cb, vData.size() - ullOffset));
   std::memcpy(pv, vData.data() + ullOffset, cbRead);
@@ -724,7 +729,8 @@ HRESULT WriteGatherAt(void* pFile, ULONGLONG ullOffset, const SIoBuffer* pBuffer
     const ULONGLONG ullNewSize = std::max<ULONGLONG>(node.vData.size(), ullAt + cbStored);
     if (node.cMappings == 0 && ullNewSize > node.vData.size()) {
       g_pState->ullUsed += ullNewSize - node.vData.size();
-      node.vData.resize(static_cast<size_t>(ullNewSize));
+      // The bytes stored below are not zeroed first.
+      node.vData.resize_for_write(static_cast<size_t>(ullNewSize), static_cast<size_t>(ullAt));
     }
   }
   DWORD cbDone = 0;
@@ -739,7 +745,7 @@ HRESULT WriteGatherAt(void* pFile, ULONGLONG ullOffset, const SIoBuffer* pBuffer
   const bool bDurableNow = open.bWriteThrough && g_pState->bTracking;
   if (cbDone != 0 || dwError != ERROR_SUCCESS) Changed();
   if (bDurableNow && !g_pState->bCut) {
-    std::vector<BYTE>& vDurable = node.vDurable;
+    TBytes& vDurable = node.vDurable;
     if (vDurable.size() < node.vData.size()) vDurable.resize(node.vData.size());
     std::memcpy(vDurable.data() + ullAt, node.vData.data() + ullAt, cbDone);
   }

@@ -133,7 +133,13 @@ bool IsPathSeparator(WCHAR ch) {
 
 WString CanonicalizePath(WStringView strPath) {
   const SRoot root = SplitRoot(strPath);
-  std::vector<WStringView> vSegments;
+  // Built in place, in one allocation: every path the platform layer is given passes here. Each
+  // segment follows the root, after a separator unless it is the first; ".." takes the last back.
+  WString strOut;
+  strOut.reserve(root.strText.size() + strPath.size() + 1);
+  strOut.append(root.strText);
+  const size_t cchRoot = strOut.size();
+  size_t cSegments = 0;
   size_t i = root.cchInput;
   while (i < strPath.size()) {
     if (IsPathSeparator(strPath[i])) {
@@ -144,20 +150,22 @@ WString CanonicalizePath(WStringView strPath) {
     while (iEnd < strPath.size() && !IsPathSeparator(strPath[iEnd])) ++iEnd;
     const WStringView strSegment = strPath.substr(i, iEnd - i);
     if (strSegment == KV_W("..")) {
-      if (!vSegments.empty()) vSegments.pop_back();
+      if (cSegments > 0) {
+        size_t nCut = strOut.size();
+        while (nCut > cchRoot && strOut[nCut - 1] != chPathSeparator) --nCut;
+        if (nCut > cchRoot) --nCut;  // the separator before the segment
+        strOut.resize(nCut);
+        --cSegments;
+      }
     } else if (strSegment != KV_W(".")) {
-      vSegments.push_back(strSegment);
+      if (cSegments > 0) strOut.push_back(chPathSeparator);
+      strOut.append(strSegment);
+      ++cSegments;
     }
     i = iEnd;
   }
-
-  WString strOut = root.strText;
-  for (size_t n = 0; n < vSegments.size(); ++n) {
-    if (n > 0) strOut.push_back(chPathSeparator);
-    strOut.append(vSegments[n]);
-  }
   // A trailing separator says "directory" to the caller; it survives when something follows the root.
-  if (!vSegments.empty() && IsPathSeparator(strPath.back())) strOut.push_back(chPathSeparator);
+  if (cSegments > 0 && IsPathSeparator(strPath.back())) strOut.push_back(chPathSeparator);
   return strOut;
 }
 

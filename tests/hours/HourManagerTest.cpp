@@ -397,6 +397,47 @@ TEST_F(HourWalkTest, SiblingsAcrossMinutesWithAndWithoutFilters) {
   }
 }
 
+// A sparse hour is searched a block of empty slots at a time: frames on each side of a block's and
+// of a page's edge (slots whose three bytes straddle one), in the first and in the last slot, are all
+// found, in order, walking either way, and the statistics see the first and the last.
+TEST_F(HourTest, ASparseHourIsWalkedFrameByFrameBothWaysAcrossBlockEdges) {
+  const std::vector<DWORD> vSlots = {0, 1364, 1365, 1366, 2730, 2731, 43690, 43691, 87381, 200000, 359998, 359999};
+  auto at = [](DWORD dwSlot) {
+    SYSTEMTIME st = At(0, 0, 0);
+    SlotToSystemTime(dwSlot, &st);
+    return st;
+  };
+  std::vector<SFrame> vFrames;
+  for (DWORD dwSlot : vSlots) vFrames.push_back({at(dwSlot), 0x1, {std::to_string(dwSlot)}});
+  WriteHour(vFrames);
+
+  CHourManager hour(m_pLock);
+  ASSERT_EQ(hour.Open(HourPath(), false, false), S_OK);
+  for (const SHourFrameFilter* pFilter : {static_cast<const SHourFrameFilter*>(nullptr), &kOddFilter}) {
+    for (const bool bForward : {true, false}) {
+      SCOPED_TRACE(std::string(pFilter ? "filtered " : "") + (bForward ? "forward" : "backward"));
+      std::vector<DWORD> vFound;
+      SYSTEMTIME st = bForward ? At(0, 0, 0) : At(59, 59, 990);
+      bool bInclude = true;
+      FILETIME ft;
+      while (SUCCEEDED(hour.GetSibling(st, pFilter, &ft, bInclude, bForward))) {
+        const DWORD dwSlot = static_cast<DWORD>((NSPlatform::FileTimeToU64(ft) - TimeOf(At(0, 0, 0))) / kullTicksPerSlot);
+        vFound.push_back(dwSlot);
+        EXPECT_EQ(ReadOne(hour, at(dwSlot)), std::to_string(dwSlot));
+        st = at(dwSlot);
+        bInclude = false;
+      }
+      std::vector<DWORD> vExpected = vSlots;
+      if (!bForward) std::reverse(vExpected.begin(), vExpected.end());
+      EXPECT_EQ(vFound, vExpected);
+    }
+  }
+  SHourStatistic stat = {};
+  EXPECT_EQ(hour.GetStatistic(&stat), S_OK);
+  EXPECT_EQ(NSPlatform::FileTimeToU64(stat.ftBegin), TimeOf(at(0)));
+  EXPECT_EQ(NSPlatform::FileTimeToU64(stat.ftEnd), TimeOf(at(359999)));
+}
+
 TEST_F(HourWalkTest, StatisticsRefreshTheReadersCopyAndFlagMasksAnswerPerLevel) {
   CHourManager hour(m_pLock);
   ASSERT_EQ(hour.Open(HourPath(), true, false), S_OK);
