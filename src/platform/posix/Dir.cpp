@@ -206,22 +206,35 @@ HRESULT RemoveDir(const WCHAR* pszPath) {
   return S_OK;
 }
 
-HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, const WCHAR* pszSpec) {
-  if (NSMemFs::Serves()) return NSMemFs::ListDir(pszDirectory, pvEntries, pszSpec);
-  if (!pvEntries) return Fail(ERROR_INVALID_PARAMETER);
-  pvEntries->clear();
+namespace {
+// A directory opened for listing, failing as FindFirstFileW on "<directory>\*" does: the fault seam
+// is asked first, a missing path is ERROR_PATH_NOT_FOUND (the path, not the file, is reported
+// missing) and a file ERROR_DIRECTORY.
+HRESULT OpenListing(const WCHAR* pszDirectory, std::unique_ptr<CDirReader>* ppDir) {
   const WString strPath = WidePath(pszDirectory);
   DWORD dwInjected = ERROR_SUCCESS;
   if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
   if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
   const std::string strNative = WideToUtf8(strPath);
-  CDirReader dir(strNative.c_str());
-  if (!dir.IsOpen()) {
-    // FindFirstFileW on "<missing>\*" reports the path, not the file, as missing.
+  auto pDir = std::make_unique<CDirReader>(strNative.c_str());
+  if (!pDir->IsOpen()) {
     if (errno == ENOENT) return Fail(ERROR_PATH_NOT_FOUND);
     if (errno == ENOTDIR) return Fail(ERROR_DIRECTORY);
     return FailErrno(errno, strNative, EObject::Directory);
   }
+  *ppDir = std::move(pDir);
+  return S_OK;
+}
+}  // namespace
+
+HRESULT ListDir(const WCHAR* pszDirectory, std::vector<SDirEntry>* pvEntries, const WCHAR* pszSpec) {
+  if (NSMemFs::Serves()) return NSMemFs::ListDir(pszDirectory, pvEntries, pszSpec);
+  if (!pvEntries) return Fail(ERROR_INVALID_PARAMETER);
+  pvEntries->clear();
+  std::unique_ptr<CDirReader> pDir;
+  const HRESULT hr = OpenListing(pszDirectory, &pDir);
+  if (FAILED(hr)) return hr;
+  CDirReader& dir = *pDir;
   while (const char* pszName = dir.Next()) {
     SDirEntry entry;
     entry.strName = Utf8ToWide(pszName);
@@ -254,17 +267,10 @@ HRESULT ListSubdirectories(const WCHAR* pszDirectory, std::vector<WString>* pvNa
       if (entry.IsDirectory()) pvNames->push_back(std::move(entry.strName));
     return hr;
   }
-  const WString strPath = WidePath(pszDirectory);
-  DWORD dwInjected = ERROR_SUCCESS;
-  if (NSFault::Intercept(NSFault::EOp::Directory, strPath, nullptr, &dwInjected)) return Fail(dwInjected);
-  if (strPath.empty()) return Fail(ERROR_PATH_NOT_FOUND);
-  const std::string strNative = WideToUtf8(strPath);
-  CDirReader dir(strNative.c_str());
-  if (!dir.IsOpen()) {
-    if (errno == ENOENT) return Fail(ERROR_PATH_NOT_FOUND);
-    if (errno == ENOTDIR) return Fail(ERROR_DIRECTORY);
-    return FailErrno(errno, strNative, EObject::Directory);
-  }
+  std::unique_ptr<CDirReader> pDir;
+  const HRESULT hr = OpenListing(pszDirectory, &pDir);
+  if (FAILED(hr)) return hr;
+  CDirReader& dir = *pDir;
   unsigned char uchType = DT_UNKNOWN;
   while (const char* pszName = dir.Next(&uchType)) {
     // A link is followed, as ListDir follows it; a type the file system does not tell is asked.
