@@ -108,7 +108,7 @@ HRESULT CArchiveImpl::Create(const WString& strPath) {
   // A creation killed half-way left these; they are made anew.
   if (IsInterruptedCreation(strFull)) {
     KV_LOG_WARNING(KV_W("Finishing the interrupted creation of archive %s\n"), strFull.c_str());
-    for (const WCHAR* pszName : {kszSettingsNewFile, kszArchiveDescriptionFile})
+    for (const WCHAR* pszName : {kszSettingsNewFile, kszArchiveDescriptionFile, kszArchiveDescriptionNewFile})
       NSPlatform::RemoveFile(NSPlatform::CombinePath(strFull, pszName).c_str());
   }
   {
@@ -137,7 +137,8 @@ bool CArchiveImpl::IsInterruptedCreation(const WString& strDirectory) {
   if (FAILED(NSPlatform::ListDir(strDirectory.c_str(), &vEntries)) || vEntries.empty()) return false;
   return std::all_of(vEntries.begin(), vEntries.end(), [](const NSPlatform::SDirEntry& entry) {
     return !entry.IsDirectory() &&
-           (entry.strName == kszSettingsNewFile || entry.strName == kszArchiveDescriptionFile);
+           (entry.strName == kszSettingsNewFile || entry.strName == kszArchiveDescriptionFile ||
+            entry.strName == kszArchiveDescriptionNewFile);
   });
 }
 

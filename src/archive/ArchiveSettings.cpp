@@ -163,22 +163,9 @@ std::string DocumentText(const pugi::xml_document& document) {
 }
 
 HRESULT WriteWholeFile(const WString& strFile, const std::string& strText) {
-  const WString strNew = strFile + KV_W(".new");  // kszSettingsNewFile beside kszSettingsFileName
-  NSPlatform::CFile file;
-  HRESULT hr = file.Open(strNew.c_str(), GENERIC_WRITE, 0, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
-  if (FAILED(hr)) return hr;
-  DWORD cbWritten = 0;
-  hr = file.Write(strText.data(), static_cast<DWORD>(strText.size()), &cbWritten);
-  if (SUCCEEDED(hr) && cbWritten != strText.size()) hr = khrWriteFault;
-  if (SUCCEEDED(hr)) hr = file.Flush();
-  file.Close();
-  if (SUCCEEDED(hr)) hr = NSPlatform::RenameFile(strNew.c_str(), strFile.c_str());
-  if (FAILED(hr)) {
-    NSPlatform::RemoveFile(strNew.c_str());
-    return hr;
-  }
-  // The new name is durable before the caller is answered (an archive exists once its settings do).
-  return NSPlatform::FlushDirectory(NSKronvaleUtils::ParentDirectory(strFile).c_str());
+  // Through kszSettingsNewFile beside kszSettingsFileName; an archive exists once its settings do,
+  // so the new name is durable before the caller is answered.
+  return NSKronvaleUtils::ReplaceFileDurably(strFile, strText.data(), static_cast<DWORD>(strText.size()), 0);
 }
 
 HRESULT ReadWholeFile(const WString& strFile, std::string* pstrText) {

@@ -44,6 +44,7 @@ inline constexpr WCHAR kszSettingsFileName[] = KV_W("settings.als");
 inline constexpr WCHAR kszSettingsNewFile[] = KV_W("settings.als.new");
 // The archive's description.
 inline constexpr WCHAR kszArchiveDescriptionFile[] = KV_W("descriptor.ald");
+inline constexpr WCHAR kszArchiveDescriptionNewFile[] = KV_W("descriptor.ald.new");  // on its way to replace it
 
 // Saves (bSave) or loads the settings file strFile.
 //

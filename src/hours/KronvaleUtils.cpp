@@ -245,14 +245,39 @@ HRESULT DeleteFileSystemObject(const WString& strPath) {
   return S_OK;
 }
 
-HRESULT WriteDescriptionFile(const WString& strFile, WCHAR* szText, DWORD dwShareMode) {
+namespace {
+
+HRESULT WriteFileAt(const WString& strFile, const void* pvData, DWORD cbData, DWORD dwShareMode, bool bFlush) {
   NSPlatform::CFile file;
   HRESULT hr = file.Open(strFile.c_str(), GENERIC_WRITE, dwShareMode, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
-  const DWORD cb = SysStringLen(szText) * sizeof(WCHAR);
   DWORD cbWritten = 0;
-  if (SUCCEEDED(hr) && cb) hr = file.Write(szText, cb, &cbWritten);
-  if (SUCCEEDED(hr) && cbWritten != cb) hr = KvHResultFromWin32(ERROR_DISK_FULL);
+  if (SUCCEEDED(hr) && cbData) hr = file.Write(pvData, cbData, &cbWritten);
+  if (SUCCEEDED(hr) && cbWritten != cbData) hr = KvHResultFromWin32(ERROR_DISK_FULL);
+  if (SUCCEEDED(hr) && bFlush) hr = file.Flush();
   return hr;
+}
+
+}  // namespace
+
+HRESULT ReplaceFileDurably(const WString& strFile, const void* pvData, DWORD cbData, DWORD dwShareMode) {
+  const WString strNew = strFile + KV_W(".new");
+  HRESULT hr = WriteFileAt(strNew, pvData, cbData, dwShareMode, true);
+  if (FAILED(hr)) {
+    NSPlatform::RemoveFile(strNew.c_str());
+    return hr;
+  }
+  hr = NSPlatform::RenameFile(strNew.c_str(), strFile.c_str());
+  if (FAILED(hr)) {
+    NSPlatform::RemoveFile(strNew.c_str());
+    if (hr != KvHResultFromWin32(ERROR_ACCESS_DENIED) && hr != KvHResultFromWin32(ERROR_SHARING_VIOLATION)) return hr;
+    // Only the rename was refused (the file is open elsewhere): the old way, in place.
+    if (FAILED(hr = WriteFileAt(strFile, pvData, cbData, dwShareMode, true))) return hr;
+  }
+  return NSPlatform::FlushDirectory(ParentDirectory(strFile).c_str());
+}
+
+HRESULT WriteDescriptionFile(const WString& strFile, WCHAR* szText, DWORD dwShareMode) {
+  return ReplaceFileDurably(strFile, szText, SysStringLen(szText) * sizeof(WCHAR), dwShareMode);
 }
 
 HRESULT ReadDescriptionFile(const WString& strFile, WCHAR** pbstrText) {

@@ -179,6 +179,41 @@ TEST(MemFsPowerCut, AnArchiveCutShortInItsCreationIsWholeOrMadeAgain) {
   std::printf("power cuts during archive creation: %u\n", cCuts);
 }
 
+// A power cut anywhere in replacing the archive's and a record's descriptions: after the reboot each
+// reads back whole, the old text or the new one (the new one once SetDescription answered S_OK),
+// never empty or cut short. The texts span several pages, so a torn write would show.
+TEST(MemFsPowerCut, ADescriptionCutShortInItsReplacementReadsBackOldOrNew) {
+  const WString strOld(5000, u'o'), strNew = WString(1234, u'n') + KV_W("end");
+  static bool s_bArchiveAnswered, s_bRecordAnswered;
+  const auto Text = [](IUnknown* p) {
+    NSCom::CComPtr<IDescription> pDescription;
+    EXPECT_EQ(S_OK, p->QueryInterface(IID_IDescription, reinterpret_cast<void**>(&pDescription)));
+    NSCom::CComBSTR bstr;
+    const HRESULT hr = pDescription ? pDescription->GetDescription(&bstr) : E_NOINTERFACE;
+    return hr == S_OK ? WString(bstr.m_str ? bstr.m_str : KV_W(""), bstr.Length()) : WString(KV_W("hr!"));
+  };
+  SScenario scenario;
+  scenario.prepare = [&] {
+    s_bArchiveAnswered = s_bRecordAnswered = false;
+    CTestArchive archive(ArchivePath());
+    ASSERT_EQ(S_OK, archive->SetDescription(NSCom::CComBSTR(strOld)));
+    ASSERT_EQ(S_OK, archive.Writer("cam")->SetDescription(NSCom::CComBSTR(strOld)));
+  };
+  scenario.act = [&] {
+    CTestArchive archive(ArchivePath());
+    s_bArchiveAnswered = archive->SetDescription(NSCom::CComBSTR(strNew)) == S_OK && !NSMem::HasPowerBeenCut();
+    s_bRecordAnswered =
+        archive.Writer("cam")->SetDescription(NSCom::CComBSTR(strNew)) == S_OK && !NSMem::HasPowerBeenCut();
+  };
+  scenario.check = [&](unsigned nCut) {
+    CTestArchive archive(ArchivePath());
+    const WString strArchive = Text(archive.Get()), strRecord = Text(archive.Reader("cam"));
+    EXPECT_TRUE(strArchive == strNew || (!s_bArchiveAnswered && strArchive == strOld)) << "cut " << nCut;
+    EXPECT_TRUE(strRecord == strNew || (!s_bRecordAnswered && strRecord == strOld)) << "cut " << nCut;
+  };
+  std::printf("power cuts while descriptions are replaced: %u\n", CutAtEveryCall(scenario, 1, 4));
+}
+
 // What the engine has answered for is durable, names included, when the power goes right after:
 // a reboot with no cut keeps only flushed bytes under flushed directories. A new archive, its new
 // record, an hour made by a write-through frame, an hour fast-copied into another record and the
