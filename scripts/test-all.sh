@@ -53,6 +53,16 @@ for preset in "${presets[@]}"; do
 done
 rm -f build-*.log 2>/dev/null
 
+# The failures again, last, where a reader of only the log's tail still finds them: ctest keeps each
+# test's whole output in LastTest.log.
+for preset in "${failed[@]}"; do
+  log=$(ls -t "build/$preset/Testing/Temporary/"LastTest*.log 2>/dev/null | head -n 1)
+  [ -n "$log" ] || continue
+  echo
+  echo "=== $preset: what the failing tests said"
+  grep -a -E -B 3 -A 6 "Failure$|\[  FAILED  \]|ERROR: |Sanitizer|Assertion|Segmentation|Aborted|Timeout" "$log" | head -n 80
+done
+
 echo
 echo "presets passed: ${passed[*]:-none}; failed: ${failed[*]:-none}"
 echo "${#passed[@]} passed, ${#failed[@]} failed"
