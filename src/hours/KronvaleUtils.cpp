@@ -247,6 +247,9 @@ HRESULT DeleteFileSystemObject(const WString& strPath) {
 
 namespace {
 
+constexpr int kcReplaceTries = 20;
+constexpr DWORD kdwReplaceRetryMs = 5;
+
 HRESULT WriteFileAt(const WString& strFile, const void* pvData, DWORD cbData, DWORD dwShareMode, bool bFlush) {
   NSPlatform::CFile file;
   HRESULT hr = file.Open(strFile.c_str(), GENERIC_WRITE, dwShareMode, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL);
@@ -262,16 +265,16 @@ HRESULT WriteFileAt(const WString& strFile, const void* pvData, DWORD cbData, DW
 HRESULT ReplaceFileDurably(const WString& strFile, const void* pvData, DWORD cbData, DWORD dwShareMode) {
   const WString strNew = strFile + KV_W(".new");
   HRESULT hr = WriteFileAt(strNew, pvData, cbData, dwShareMode, true);
+  // Windows refuses to rename over a file that somebody has open; readers hold it for one read.
+  for (int nTry = 0; SUCCEEDED(hr); ++nTry) {
+    hr = NSPlatform::RenameFile(strNew.c_str(), strFile.c_str());
+    const bool bBusy = hr == KvHResultFromWin32(ERROR_ACCESS_DENIED) || hr == KvHResultFromWin32(ERROR_SHARING_VIOLATION);
+    if (!bBusy || nTry == kcReplaceTries) break;
+    NSPlatform::SleepMs(kdwReplaceRetryMs);
+  }
   if (FAILED(hr)) {
     NSPlatform::RemoveFile(strNew.c_str());
     return hr;
-  }
-  hr = NSPlatform::RenameFile(strNew.c_str(), strFile.c_str());
-  if (FAILED(hr)) {
-    NSPlatform::RemoveFile(strNew.c_str());
-    if (hr != KvHResultFromWin32(ERROR_ACCESS_DENIED) && hr != KvHResultFromWin32(ERROR_SHARING_VIOLATION)) return hr;
-    // Only the rename was refused (the file is open elsewhere): the old way, in place.
-    if (FAILED(hr = WriteFileAt(strFile, pvData, cbData, dwShareMode, true))) return hr;
   }
   return NSPlatform::FlushDirectory(ParentDirectory(strFile).c_str());
 }

@@ -130,9 +130,8 @@ void NoteHoursChanged();
 // Replaces a small file whole: the bytes go to "<file>.new", reach the disk and take the file's name
 // by a rename, whose directory entry is flushed before the answer. A crash, a full disk or a failed
 // write at any point leaves the old file as it was (a leftover ".new" is harmless and is written
-// over next time). A short write answers ERROR_DISK_FULL. When another process holds the file open
-// so that Windows refuses the rename, the file is written in place instead: the text must not be
-// refused because somebody is reading it.
+// over next time). A short write answers ERROR_DISK_FULL. Windows refuses the rename while somebody
+// has the file open: it is tried again for some 100 ms, then the refusal is the answer.
 HRESULT ReplaceFileDurably(const WString& strFile, const void* pvData, DWORD cbData, DWORD dwShareMode);
 
 // A description file: the text's UTF-16LE characters, no BOM, no terminator. Writing replaces the
