@@ -1,5 +1,5 @@
-// What a CreateFile disposition asks of a file system that is not Windows' own (POSIX files, the
-// in-memory file system).
+// What a CreateFile disposition and share mode ask of a file system that is not Windows' own (POSIX
+// files, the in-memory file system).
 #pragma once
 
 #include "platform/wintypes.h"
@@ -23,6 +23,25 @@ inline bool DecodeDisposition(DWORD dwCreation, DWORD dwAccess, SDisposition* pD
     case TRUNCATE_EXISTING: return (dwAccess & GENERIC_WRITE) != 0 && (pDisposition->bTruncate = true);
     default: return false;
   }
+}
+
+// One open of a file as the sharing rules see it.
+struct SShareState {
+  DWORD dwAccess;
+  DWORD dwShare;
+  bool bDelete;  // opened for deletion (delete-on-close)
+};
+
+// Whether a new open (access, share mode, deletion) is refused by an existing one, as Windows
+// decides it: each side must share what the other asks for.
+inline bool SharesConflict(const SShareState& existing, const SShareState& wanted) {
+  if ((wanted.dwAccess & GENERIC_READ) && !(existing.dwShare & FILE_SHARE_READ)) return true;
+  if ((wanted.dwAccess & GENERIC_WRITE) && !(existing.dwShare & FILE_SHARE_WRITE)) return true;
+  if (wanted.bDelete && !(existing.dwShare & FILE_SHARE_DELETE)) return true;
+  if ((existing.dwAccess & GENERIC_READ) && !(wanted.dwShare & FILE_SHARE_READ)) return true;
+  if ((existing.dwAccess & GENERIC_WRITE) && !(wanted.dwShare & FILE_SHARE_WRITE)) return true;
+  if (existing.bDelete && !(wanted.dwShare & FILE_SHARE_DELETE)) return true;
+  return false;
 }
 
 }  // namespace NSPlatform

@@ -63,13 +63,7 @@ std::mutex g_mutexShares;
 std::multimap<TFileKey, SShareEntry*> g_mapShares;  // guarded by g_mutexShares
 
 bool Conflicts(const SShareEntry& existing, DWORD dwAccess, DWORD dwShare, bool bDelete) {
-  if ((dwAccess & GENERIC_READ) && !(existing.dwShare & FILE_SHARE_READ)) return true;
-  if ((dwAccess & GENERIC_WRITE) && !(existing.dwShare & FILE_SHARE_WRITE)) return true;
-  if (bDelete && !(existing.dwShare & FILE_SHARE_DELETE)) return true;
-  if ((existing.dwAccess & GENERIC_READ) && !(dwShare & FILE_SHARE_READ)) return true;
-  if ((existing.dwAccess & GENERIC_WRITE) && !(dwShare & FILE_SHARE_WRITE)) return true;
-  if (existing.bDelete && !(dwShare & FILE_SHARE_DELETE)) return true;
-  return false;
+  return SharesConflict({existing.dwAccess, existing.dwShare, existing.bDelete}, {dwAccess, dwShare, bDelete});
 }
 
 // Caller holds g_mutexShares.
