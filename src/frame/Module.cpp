@@ -7,6 +7,7 @@
 #include "frame/Resources.h"
 #include "archive/ArchiveFactory.h"
 #include "archive/ArchiveImpl.h"
+#include "platform/BlockPool.h"
 #include "platform/os.h"
 #include "records/Record.h"
 #include "records/RecordExtract.h"
@@ -50,7 +51,13 @@ HRESULT CKronvaleModule::Init(HMODULE hInstance) {
   return S_OK;
 }
 
-void CKronvaleModule::Term() { CComModule::Term(); }
+void CKronvaleModule::Term() {
+  CComModule::Term();
+  // The pool outlives the module's objects (it is never destroyed); what it keeps idle goes back to
+  // the heap here, or a client that loads and unloads the library would lose up to the pool's bound
+  // at each turn.
+  NSPlatform::ReleasePooledBlocks();
+}
 
 HMODULE CKronvaleModule::GetModuleInstance() { return g_hInstance; }
 

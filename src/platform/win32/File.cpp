@@ -7,8 +7,10 @@
 // Seek first.
 
 #include <algorithm>
+#include <optional>
 
 #include "platform/MemFs.h"
+#include "platform/BlockPool.h"
 #include "platform/os.h"
 #include "platform/win32/Win32Util.h"
 
@@ -48,11 +50,30 @@ bool RefusesWriter(const WCHAR* pszPath, DWORD dwAccess, DWORD dwCreation, DWORD
          (dwAttributes & FILE_ATTRIBUTE_READONLY) != 0;
 }
 
-// A gathered write copies its buffers into this thread's staging buffer, so that the file sees one
-// write. A buffer grown past the limit is given back after the write rather than kept for the
-// thread's lifetime.
-const size_t cbKeepGatherBuffer = 1u << 20;
-thread_local std::vector<BYTE> t_vGather;
+// A gathered write copies its buffers into one staging block, so that the file sees one write: on
+// the stack when small, else a block of the pool (reused from write to write). Nothing is kept per
+// thread: a thread_local with a destructor would pin the library in memory for as long as any
+// thread that once wrote lives, and FreeLibrary would never unload it.
+constexpr DWORD kcbStackGather = 16 * 1024;
+
+class CGatherBlock {
+ public:
+  CGatherBlock(BYTE* pbStack, DWORD cbStack, DWORD cb) : m_pb(pbStack), m_cb(cb) {
+    if (cb > cbStack) m_pb = static_cast<BYTE*>(TakeBlock(cb));  // throws std::bad_alloc
+    m_bPooled = cb > cbStack;
+  }
+  ~CGatherBlock() {
+    if (m_bPooled) GiveBackBlock(m_pb, m_cb);
+  }
+  CGatherBlock(const CGatherBlock&) = delete;
+  CGatherBlock& operator=(const CGatherBlock&) = delete;
+  BYTE* Data() const { return m_pb; }
+
+ private:
+  BYTE* m_pb;
+  DWORD m_cb;
+  bool m_bPooled = false;
+};
 
 }  // namespace
 
@@ -241,9 +262,10 @@ HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, siz
     return bInjected ? FailWith(dwInjected) : S_OK;
   }
 
-  std::vector<BYTE>& vGather = t_vGather;
+  BYTE abStack[kcbStackGather];
+  std::optional<CGatherBlock> gather;
   try {
-    vGather.resize(cbTotal);
+    gather.emplace(abStack, kcbStackGather, cbTotal);
   } catch (const std::bad_alloc&) {
     return FailWith(ERROR_NOT_ENOUGH_MEMORY);
   }
@@ -251,18 +273,16 @@ HRESULT CFile::WriteGatherAt(ULONGLONG ullOffset, const SIoBuffer* pBuffers, siz
   for (size_t i = 0; i < cBuffers && cbCopied < cbTotal; ++i) {
     DWORD cbPart = std::min(pBuffers[i].cb, cbTotal - cbCopied);
     if (cbPart != 0) {
-      memcpy(vGather.data() + cbCopied, pBuffers[i].pv, cbPart);
+      memcpy(gather->Data() + cbCopied, pBuffers[i].pv, cbPart);
     }
     cbCopied += cbPart;
   }
   DWORD cbWritten = 0;
   OVERLAPPED ov = OverlappedAt(ullOffset);
-  BOOL bWritten = ::WriteFile(AsHandle(m_hNative), vGather.data(), cbTotal, &cbWritten,
+  BOOL bWritten = ::WriteFile(AsHandle(m_hNative), gather->Data(), cbTotal, &cbWritten,
                               ullOffset == kullAtPosition ? nullptr : &ov);
   DWORD dwWriteError = ::GetLastError();
-  if (vGather.capacity() > cbKeepGatherBuffer) {
-    std::vector<BYTE>().swap(vGather);
-  }
+  gather.reset();
   if (!bWritten) {
     ::SetLastError(dwWriteError);
     return FailLast();
