@@ -201,9 +201,9 @@ SIZE_T Committed() {
 }  // namespace
 
 // A host that loads the library, reads through many hours and frees the library again (as
-// CoFreeUnusedLibraries does) gets back what the library kept for reuse: a reader's index copies
-// (1.5 MB an hour) wait in a pool of up to 32 MiB, and an unload must hand them back, or every turn
-// loses what the pool held.
+// CoFreeUnusedLibraries does) finds it unloaded, its workers stopped, and gets back what it kept for
+// reuse: a reader's index copies (1.5 MB an hour) wait in a pool of up to 32 MiB, and an unload must
+// hand them back, or every turn loses what the pool held.
 TEST(LibraryUnloadTest, EachUnloadGivesBackWhatTheLibraryKeptForReuse) {
   NSTest::CTempDir dir;
   constexpr int kcHours = 30;
@@ -219,6 +219,9 @@ TEST(LibraryUnloadTest, EachUnloadGivesBackWhatTheLibraryKeptForReuse) {
       {
         CPtr<IKronvale> pArchive;
         ASSERT_EQ(S_OK, pFactory->CreateArchive(CBstr(strPath), &pArchive));
+        // Buffered, and under a quota it will never reach: the flusher and the retention worker run.
+        ASSERT_EQ(S_OK, pArchive->SetFlushTimeout(100));
+        ASSERT_EQ(S_OK, pArchive->SetQuota(0, 1ull << 40));
         CPtr<IRecord> pWriter, pReader;
         ASSERT_EQ(S_OK, pArchive->CreateRecord(CBstr(KV_W("cam")), &pWriter));
         BYTE abFrame[64] = {7};
