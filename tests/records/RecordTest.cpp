@@ -141,6 +141,18 @@ TEST_F(RecordTest, DescriptionFileIsBareUtf16) {
   ASSERT_EQ(S_OK, pRecord->GetDescription(&bstr));
   EXPECT_EQ(WString(KV_W("Gate 3")), WString(bstr.m_str));
   EXPECT_FALSE(NSPlatform::PathExists(RecordPath("cam/record.ald.new").c_str()));
+  // A disk that fills up in the middle of a new text, or a rename that fails: the old text stays.
+  for (const NSPlatform::NSFault::SRule& rule :
+       {NSPlatform::NSFault::SRule{NSPlatform::NSFault::EOp::Write, 1, ERROR_DISK_FULL, false, 3, KV_W("record.ald")},
+        NSPlatform::NSFault::SRule{NSPlatform::NSFault::EOp::Directory, 1, ERROR_DISK_FULL, false, -1, KV_W("record.ald")}}) {
+    NSPlatform::NSFault::Arm(rule);
+    EXPECT_EQ(khrDiskFull, pRecord->SetDescription(NSCom::CComBSTR(KV_W("Gate 4, longer"))));
+    NSPlatform::NSFault::Reset();
+    bstr.Empty();
+    ASSERT_EQ(S_OK, pRecord->GetDescription(&bstr));
+    EXPECT_EQ(WString(KV_W("Gate 3")), WString(bstr.m_str));
+    EXPECT_FALSE(NSPlatform::PathExists(RecordPath("cam/record.ald.new").c_str()));
+  }
 
   // An odd byte at the end is not a code unit.
   ASSERT_EQ(S_OK, NSTest::WriteFileBytes(RecordPath("cam/record.ald"), std::string("A\0B", 3)));
